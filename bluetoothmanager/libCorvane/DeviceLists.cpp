@@ -1,0 +1,51 @@
+#include "BluetoothManager.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+std::vector<BluetoothConnectionInfo>& BluetoothManager::getBluetoothDeviceList(
+    BluetoothDeviceListType type) {
+    // Every number selects a list, by intent: no operation has to reject one.
+    if (type == PAIRED_DEVICES) return deviceLists.pairedDevices;
+    if (type == CONNECTED_DEVICES) return deviceLists.connectedDevices;
+    return deviceLists.allDevices;
+}
+
+std::vector<std::string> BluetoothManager::getBluetoothDeviceListNames(
+    BluetoothDeviceListType type) {
+    const auto& list = getBluetoothDeviceList(type);
+    std::vector<std::string> names;
+    names.reserve(list.size());
+    std::transform(list.begin(), list.end(), std::back_inserter(names),
+                   [](const BluetoothConnectionInfo& info) { return info.name; });
+    return names;
+}
+
+unsigned int BluetoothManager::getBluetoothDeviceListSize(BluetoothDeviceListType type) {
+    return static_cast<unsigned int>(getBluetoothDeviceList(type).size());
+}
+
+std::vector<BluetoothConnectionInfo> BluetoothManager::getBluetoothDeviceInfoList(
+    BluetoothDeviceListType type) {
+    return getBluetoothDeviceList(type);
+}
+
+void BluetoothManager::addNewDeviceToList(BluetoothDeviceListType type,
+                                          BluetoothConnectionInfo info) {
+    getBluetoothDeviceList(type).push_back(std::move(info));
+}
+
+BluetoothMajorDeviceClassType BluetoothManager::getMajorDeviceClass(BluetoothConnectionInfo info) {
+    // The major class is five bits, 8 to 12 (Bluetooth Assigned Numbers, Baseband).
+    switch ((info.deviceClass >> 8) & 0x1F) {
+        case 1:
+            return MAJOR_CLASS_COMPUTER;
+        case 2:
+            return MAJOR_CLASS_PHONE;
+        case 4:
+            return MAJOR_CLASS_AUDIO_VIDEO;
+        default:
+            return MAJOR_CLASS_OTHER;
+    }
+}

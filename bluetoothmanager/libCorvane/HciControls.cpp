@@ -1,0 +1,74 @@
+#include "BluetoothManager.h"
+
+#include "Logging.h"
+
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/hci.h>
+#include <bluetooth/hci_lib.h>
+
+#include <array>
+
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace {
+
+constexpr int deviceNumber = 0;
+constexpr int classTimeout = 1000;  // milliseconds, for each of read and write
+
+int openHciSocket() { return socket(AF_BLUETOOTH, SOCK_RAW, BTPROTO_HCI); }
+
+int setDeviceOption(int hciSocket, unsigned long command, std::uint32_t option) {
+    hci_dev_req request{};
+    request.dev_id = deviceNumber;
+    request.dev_opt = option;
+    return ioctl(hciSocket, command, &request);
+}
+
+}  // namespace
+
+std::uint32_t BluetoothManager::adapterSetClass(std::uint32_t classOfDevice) {
+    const int device = hci_open_dev(deviceNumber);
+    if (device == -1) {
+        CORVANE_ERROR("Can not open the bluetooth device");
+        return 0;
+    }
+    std::array<std::uint8_t, 3> before{};
+    if (hci_read_class_of_dev(device, before.data(), classTimeout) == -1) {
+        CORVANE_ERROR("Can not read HCI class");
+        return 0;
+    }
+    if (hci_write_class_of_dev(device, classOfDevice, classTimeout) == -1) {
+        CORVANE_ERROR("Can not set HCI class");
+        return 0;
+    }
+    return (std::uint32_t{before[2]} << 16) | (std::uint32_t{before[1]} << 8) | before[0];
+}
+
+bool BluetoothManager::adapterSetDiscoverableMode(BluetoothAdapterScanMode /*mode*/) const {
+    const int hciSocket = openHciSocket();
+    if (hciSocket < 0) {
+        CORVANE_ERROR("Can't open HCI socket.");
+        return false;
+    }
+    // Deliberate: 0 whatever the mode. The appliance becomes discoverable only through BlueZ's
+    // Discoverable property, while it waits for a pairing. Held by RawHci.ScanModeIsAlwaysOff.
+    if (setDeviceOption(hciSocket, HCISETSCAN, SCAN_DISABLED) < 0) {
+        CORVANE_ERROR("Can't set scan mode on hci");
+        return false;
+    }
+    return true;
+}
+
+bool BluetoothManager::preventRoleSwitch() const {
+    const int hciSocket = openHciSocket();
+    if (hciSocket < 0) {
+        CORVANE_ERROR("Can't open HCI socket.");
+        return false;
+    }
+    if (setDeviceOption(hciSocket, HCISETLINKMODE, HCI_LM_ACCEPT | HCI_LM_MASTER) < 0) {
+        CORVANE_ERROR("Can't set MASTER mode on hci");
+        return false;
+    }
+    return true;
+}

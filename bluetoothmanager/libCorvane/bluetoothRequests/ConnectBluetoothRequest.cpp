@@ -1,0 +1,79 @@
+#include "BluetoothManager.h"
+
+#include "Logging.h"
+#include "bluetoothRequests/ConnectBluetoothRequest.h"
+#include "hwcommon/DBusBluetoothHidProxy.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr char toggleSignature[] = "bool ConnectBluetoothRequest::toggleAudioDevices()";
+
+}  // namespace
+
+ConnectBluetoothRequest::ConnectBluetoothRequest(
+    std::function<void(BluetoothRequestAnswers)> callback, hwcommon::DBusBluetoothHidProxy* proxy,
+    std::string name)
+    : BluetoothRequest(std::move(callback)), hidProxy(proxy), deviceName(std::move(name)) {
+    requestName = "ConnectBluetoothRequest";
+}
+
+void ConnectBluetoothRequest::executeRequest() {
+    runningFlag = true;
+    BluetoothManager& manager = BluetoothManager::getInstance();
+    const std::string address = manager.getDeviceMacAddress(PAIRED_DEVICES, deviceName);
+    const BluetoothMajorDeviceClassType majorClass =
+        manager.getMajorDeviceClass(PAIRED_DEVICES, deviceName);
+
+    BluetoothRequestAnswers result = REQUEST_FAILED;
+    if (!cancelFlag.load()) {
+        switch (majorClass) {
+            case MAJOR_CLASS_COMPUTER:
+            case MAJOR_CLASS_PHONE:
+                result = connectThroughHid(address);
+                break;
+            case MAJOR_CLASS_AUDIO_VIDEO:
+                // Deliberate: an audio device that BlueZ cannot connect may still be one that the
+                // HID service can (a headset with keys). Held by
+                // ConnectRequest.FallsBackToHidWhenTheAudioConnectionFails.
+                result = toggleAudioDevices() ? REQUEST_SUCCESS : connectThroughHid(address);
+                break;
+            case MAJOR_CLASS_OTHER:
+                break;
+        }
+    }
+
+    // Deliberate: unlike the other requests this one is over before its callback is called, so that
+    // the callback can start the next request. Held by
+    // ConnectRequest.CallbackMayStartTheNextRequest.
+    runningFlag = false;
+    answer(result);
+}
+
+bool ConnectBluetoothRequest::toggleAudioDevices() {
+    BluetoothManager& manager = BluetoothManager::getInstance();
+    const auto paired = manager.getBluetoothDeviceInfoList(PAIRED_DEVICES);
+    const auto connected = manager.getBluetoothDeviceInfoList(CONNECTED_DEVICES);
+
+    const auto target = std::find_if(paired.begin(), paired.end(), find_deviceName(deviceName));
+    if (target == paired.end() || !manager.isPlaybackDevice(*target)) return false;
+
+    for (const BluetoothConnectionInfo& other : connected) {
+        if (manager.isPlaybackDevice(other) && other.name != deviceName) {
+            CORVANE_DEBUG(toggleSignature << " Disconnecting " << other.name);
+            manager.disconnectDevice(other.macAddress.c_str());
+        }
+    }
+    CORVANE_DEBUG(toggleSignature << " Trying to connect to " << target->name);
+    return manager.connectDevice(target->macAddress.c_str());
+}
+
+BluetoothRequestAnswers ConnectBluetoothRequest::connectThroughHid(const std::string& address) {
+    if (hidProxy == nullptr) return REQUEST_FAILED;
+    return hidProxy->connectBtHidDevice(address) == "Connect success" ? REQUEST_SUCCESS
+                                                                      : REQUEST_FAILED;
+}
+
+void ConnectBluetoothRequest::requestCancelFallback() {}
