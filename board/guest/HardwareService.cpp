@@ -1,0 +1,48 @@
+// The board's hardware service: tells on the system bus what the identity file says.
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+constexpr const char* busName = "org.corvane.Hardware";
+constexpr const char* objectPath = "/org/corvane/Hardware";
+constexpr const char* interfaceName = "org.corvane.Hardware1";
+
+std::string readIdentity(const std::string& path) {
+    const std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        throw sdbus::Error(std::string(busName) + ".Error.Failed", "cannot read " + path);
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: hardware-service IDENTITY_FILE\n");
+        return 2;
+    }
+    const std::string path = argv[1];
+    try {
+        const auto connection = sdbus::createSystemBusConnection(busName);
+        const auto object = sdbus::createObject(*connection, objectPath);
+        // The file is read for each question, so that a changed one needs no restart.
+        object->registerMethod("GetHardwareInfo")
+            .onInterface(interfaceName)
+            .implementedAs([path]() { return readIdentity(path); });
+        object->finishRegistration();
+        connection->enterEventLoop();
+    } catch (const sdbus::Error& error) {
+        std::fprintf(stderr, "hardware-service: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}

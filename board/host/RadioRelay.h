@@ -1,0 +1,58 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "H4Stream.h"
+#include "Poller.h"
+
+namespace board {
+
+/// The radio module outside the board: joins the board's UART with the emulated controller on the
+/// other machine, while the enable lines that the module is wired to are high. The levels are read
+/// from the emulated GPIO controller itself, from outside.
+///
+/// Without power nothing passes in either direction, and the controller forgets everything: with
+/// power back, the board finds a fresh one.
+class RadioRelay {
+public:
+    /// @param board, remote  the two UARTs
+    /// @param monitor        the board's QMP socket
+    /// @param wiring         0, 1 or 2, which decides the enable lines
+    RadioRelay(Poller& poller, int board, int remote, int monitor, int wiring);
+
+    /// Reads the lines; to be called some tens of times a second.
+    void poll();
+
+    /// The other machine is up: the controller can be powered.
+    void remoteIsReady();
+
+private:
+    void fromBoard(const std::uint8_t* data, std::size_t size);
+    void fromRemote(const std::uint8_t* data, std::size_t size);
+    void fromMonitor(const std::uint8_t* data, std::size_t size);
+    void answer(const std::string& line);
+    void askForLine();
+    void update();
+
+    struct EnableLine {
+        unsigned number;            ///< as sysfs counts
+        unsigned long dataRegister; ///< physical address; the direction register follows it
+        unsigned bit;
+        bool high = false;
+    };
+
+    Poller& poller_;
+    int board_, remote_, monitor_;
+    std::vector<EnableLine> lines_;
+    H4Stream boardStream_, remoteStream_;
+    std::string monitorText_;
+    bool monitorReady_ = false;
+    bool asking_ = false;
+    std::size_t asked_ = 0;
+    bool remoteReady_ = false;
+    bool powered_ = false;    ///< the lines say so
+    bool controller_ = false; ///< and the other machine has put a controller on the line
+};
+
+}  // namespace board
