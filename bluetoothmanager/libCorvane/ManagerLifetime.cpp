@@ -53,10 +53,18 @@ void BluetoothManager::releaseSystemBus() {
     // GDBus hands out a closed connection again for as long as somebody holds it: let go of one
     // altogether, so that the next bring-up gets a new one.
     const bool closed = g_dbus_connection_is_closed(dbusConnection) != FALSE;
+    gpointer alive = dbusConnection;
+    if (closed) g_object_add_weak_pointer(G_OBJECT(dbusConnection), &alive);
     do {
         g_object_unref(dbusConnection);
         --busReferences;
     } while (closed && busReferences > 0);
+    if (closed) {
+        // GDBus's own reference goes when its message about the closing has been dispatched.
+        while (alive != nullptr && g_main_context_iteration(nullptr, FALSE) != FALSE) {
+        }
+        if (alive != nullptr) g_object_remove_weak_pointer(G_OBJECT(dbusConnection), &alive);
+    }
     // A tear-down without a bring-up released the constructor's reference: nobody may use that
     // connection again.
     if (busReferences == 0) dbusConnection = nullptr;
