@@ -175,7 +175,7 @@ public:
     bool adapterSetPairable(bool on);
     /// Property PairableTimeout. @param seconds  0 means without limit
     bool adapterSetPairableTimeout(int seconds);
-    /// Property Alias, the name that others see. @param name  UTF-8
+    /// Property Alias, the name that others see. @param name  UTF-8; other bytes are refused
     bool adapterSetName(const gchar* name);
     /// Property Trusted (org.bluez.Device1): its connections are accepted without asking the agent.
     bool deviceSetTrusted(const gchar* macAddress, bool trusted);
@@ -260,9 +260,10 @@ public:
     /// Calls a method of org.bluez.AgentManager1 with our agent's path and, unless it is "", the
     /// capability.
     int bluezAgentCallMethod(const char* method, const char* capability);
-    /// Writes a property of the adapter. @param value  a floating reference, consumed
+    /// Writes a property of the adapter. @param value  a floating reference, consumed; null counts
+    /// as a value that BlueZ refuses
     int bluezAdapterSetProperty(const char* property, GVariant* value);
-    /// Writes a property of a device. @param value  a floating reference, consumed
+    /// Writes a property of a device. @param value  as above
     int bluezDeviceSetProperty(const char* devicePart, const char* property, GVariant* value);
 
     /// @}

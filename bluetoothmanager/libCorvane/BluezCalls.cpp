@@ -20,26 +20,38 @@ std::string devicePath(const char* devicePart) {
     return std::string(bluez::devicePathPrefix) + devicePart;
 }
 
+/// An error for what GDBus would refuse with a critical warning instead of an error.
+ErrorPtr ownError(GIOErrorEnum code, const std::string& text) {
+    return ErrorPtr(g_error_new_literal(G_IO_ERROR, code, text.c_str()));
+}
+
+bool isPath(const std::string& path) { return g_variant_is_object_path(path.c_str()) != FALSE; }
+
+ErrorPtr noPath(const std::string& path) {
+    return ownError(G_IO_ERROR_INVALID_ARGUMENT, "not the object path of a device: " + path);
+}
+
 /// Calls a method of BlueZ and waits for the answer, which is not looked at.
 /// @param arguments  floating, consumed; null for none
-/// @return null on success, otherwise the bus's error; a missing connection is an error like any
-/// other
-ErrorPtr call(GDBusConnection* connection, const char* path, const char* interface,
+/// @return null on success, otherwise the bus's error; a missing connection and a path that is none
+/// are errors like any other
+ErrorPtr call(GDBusConnection* connection, const std::string& path, const char* interface,
               const char* method, GVariant* arguments) {
+    const VariantPtr owned(arguments == nullptr ? nullptr : g_variant_ref_sink(arguments));
     if (connection == nullptr) {
-        if (arguments != nullptr) g_variant_unref(g_variant_ref_sink(arguments));
-        return ErrorPtr(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_NOT_CONNECTED,
-                                            "no connection to the system bus"));
+        return ownError(G_IO_ERROR_NOT_CONNECTED, "no connection to the system bus");
     }
+    if (!isPath(path)) return noPath(path);
     GError* error = nullptr;
-    const VariantPtr reply(
-        g_dbus_connection_call_sync(connection, bluez::busName, path, interface, method, arguments,
-                                    nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error));
+    const VariantPtr reply(g_dbus_connection_call_sync(
+        connection, bluez::busName, path.c_str(), interface, method, owned.get(), nullptr,
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error));
     return ErrorPtr(error);
 }
 
-ErrorPtr setProperty(GDBusConnection* connection, const char* path, const char* interface,
+ErrorPtr setProperty(GDBusConnection* connection, const std::string& path, const char* interface,
                      const char* property, GVariant* value) {
+    if (value == nullptr) return ownError(G_IO_ERROR_INVALID_ARGUMENT, "not a valid value");
     return call(connection, path, propertiesInterface, "Set",
                 g_variant_new("(ssv)", interface, property, value));
 }
@@ -53,10 +65,12 @@ std::string BluetoothManager::convertMacAddressToBluezDbusFormat(const char* mac
 }
 
 int BluetoothManager::bluezAdapterCallMethod(const char* method, const char* devicePart) {
+    const std::string device = devicePath(devicePart);
     GVariant* arguments =
-        *devicePart == '\0' ? nullptr : g_variant_new("(o)", devicePath(devicePart).c_str());
-    const ErrorPtr error =
-        call(dbusConnection, bluez::adapterPath, bluez::adapterInterface, method, arguments);
+        *devicePart != '\0' && isPath(device) ? g_variant_new("(o)", device.c_str()) : nullptr;
+    const ErrorPtr error = isPath(device) ? call(dbusConnection, bluez::adapterPath,
+                                                 bluez::adapterInterface, method, arguments)
+                                          : noPath(device);
     if (!error) return 0;
     CORVANE_ERROR("bluezAdapterCallMethod"
                   << " : " << messageOf(*error));
@@ -64,8 +78,8 @@ int BluetoothManager::bluezAdapterCallMethod(const char* method, const char* dev
 }
 
 int BluetoothManager::bluezDeviceCallMethod(const char* method, const char* devicePart) {
-    const ErrorPtr error = call(dbusConnection, devicePath(devicePart).c_str(),
-                                bluez::deviceInterface, method, nullptr);
+    const ErrorPtr error =
+        call(dbusConnection, devicePath(devicePart), bluez::deviceInterface, method, nullptr);
     if (!error) return 0;
     CORVANE_ERROR("bluezDeviceCallMethod"
                   << " : " << messageOf(*error));
@@ -99,7 +113,7 @@ int BluetoothManager::bluezAdapterSetProperty(const char* property, GVariant* va
 
 int BluetoothManager::bluezDeviceSetProperty(const char* devicePart, const char* property,
                                              GVariant* value) {
-    const ErrorPtr error = setProperty(dbusConnection, devicePath(devicePart).c_str(),
+    const ErrorPtr error = setProperty(dbusConnection, devicePath(devicePart),
                                        bluez::deviceInterface, property, value);
     if (!error) return 0;
     // Deliberate: the property is left to the caller's record here, unlike for the adapter; log

@@ -93,7 +93,9 @@ bool BluetoothManager::adapterSetPairableTimeout(int seconds) {
 
 bool BluetoothManager::adapterSetName(const gchar* name) {
     // The alias is what others see; BlueZ's own Name cannot be written.
-    if (bluezAdapterSetProperty("Alias", g_variant_new_string(name)) == 0) return true;
+    GVariant* value =
+        g_utf8_validate(name, -1, nullptr) != FALSE ? g_variant_new_string(name) : nullptr;
+    if (bluezAdapterSetProperty("Alias", value) == 0) return true;
     CORVANE_ERROR("Not able to set Alias property");
     return false;
 }
