@@ -1,0 +1,206 @@
+#include "RadioBridge.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <stdexcept>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "SerialLine.h"
+
+namespace board {
+namespace {
+
+// HCI events and commands (Bluetooth Core, Host Controller Interface).
+constexpr std::uint8_t connectionComplete = 0x03;
+constexpr std::uint8_t disconnectionComplete = 0x05;
+constexpr std::uint8_t commandComplete = 0x0E;
+constexpr std::uint8_t connectionTimeout = 0x08;
+
+// The emulator answers within some milliseconds.
+constexpr std::chrono::milliseconds linkEndTime{500};
+
+UniqueFd connectTo(const std::string& path) {
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (!fd || connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        throwErrno(path);
+    }
+    return fd;
+}
+
+std::uint16_t number16(const Bytes& packet, std::size_t at) {
+    return static_cast<std::uint16_t>(packet[at] | packet[at + 1] << 8);
+}
+
+}  // namespace
+
+RadioBridge::RadioBridge(std::string emulator, const std::string& radioLine)
+    : emulator_(std::move(emulator)) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throwErrno("pipe");
+    wakeRead_ = UniqueFd(ends[0]);
+    wakeWrite_ = UniqueFd(ends[1]);
+    poller_.add(
+        wakeRead_.get(),
+        [this](const std::uint8_t*, std::size_t) {
+            std::vector<std::function<void()>> work;
+            {
+                const std::lock_guard lock(mutex_);
+                work.swap(work_);
+            }
+            for (const auto& each : work) each();
+        },
+        {});
+    radio_.line = openRaw(radioLine.c_str());
+    serve(radio_);
+    thread_ = std::thread([this] {
+        try {
+            poller_.run();
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "radio bridge: %s\n", error.what());
+            std::abort();  // the machine is of no use without its radios
+        }
+    });
+}
+
+RadioBridge::~RadioBridge() {
+    post([this] { poller_.stop(); });
+    thread_.join();
+}
+
+void RadioBridge::post(std::function<void()> work) {
+    {
+        const std::lock_guard lock(mutex_);
+        work_.push_back(std::move(work));
+    }
+    if (::write(wakeWrite_.get(), "", 1) != 1) throwErrno("waking the radio bridge");
+}
+
+std::string RadioBridge::radioAddress() const {
+    const std::lock_guard lock(mutex_);
+    return radioAddress_;
+}
+
+int RadioBridge::addDevice(const std::string& name) {
+    Port port;
+    port.line = UniqueFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!port.line || grantpt(port.line.get()) != 0 || unlockpt(port.line.get()) != 0) {
+        throwErrno("opening a pseudo terminal");
+    }
+    port.lineEnd = openRaw(ptsname(port.line.get()));
+    const int lineEnd = port.lineEnd.get();
+
+    std::promise<void> plugged;
+    post([this, &port, &name, &plugged] {
+        Port& added = ports_[name] = std::move(port);
+        serve(added);
+        plug(added);
+        plugged.set_value();
+    });
+    plugged.get_future().wait();
+    return attachH4(lineEnd);
+}
+
+void RadioBridge::serve(Port& port) {
+    poller_.add(
+        port.line.get(),
+        [this, &port](const std::uint8_t* data, std::size_t size) { fromLine(port, data, size); },
+        {});
+}
+
+void RadioBridge::plug(Port& port) {
+    if (port.controller) return;
+    port.controller = connectTo(emulator_);
+    port.fromLine.clear();
+    port.fromController.clear();
+    poller_.add(
+        port.controller.get(),
+        [this, &port](const std::uint8_t* data, std::size_t size) {
+            fromController(port, data, size);
+        },
+        [] { throw std::runtime_error("the emulator dropped a controller"); });
+}
+
+void RadioBridge::unplug(Port& port) {
+    if (!port.controller) return;
+    poller_.remove(port.controller.get());
+    // The emulator has no link supervision. Ending the links first, with that reason, is what the
+    // other side would see some seconds later.
+    for (const std::uint16_t handle : port.links) {
+        const std::uint8_t disconnect[] = {H4_COMMAND,
+                                           0x06,
+                                           0x04,
+                                           3,
+                                           static_cast<std::uint8_t>(handle & 0xFF),
+                                           static_cast<std::uint8_t>(handle >> 8),
+                                           connectionTimeout};
+        if (::write(port.controller.get(), disconnect, sizeof disconnect) < 0) break;
+    }
+    // A connection that is closed at once takes the commands with it, so their ends are awaited.
+    Bytes packet;
+    while (!port.links.empty()) {
+        pollfd entry{port.controller.get(), POLLIN, 0};
+        std::uint8_t bytes[512];
+        if (::poll(&entry, 1, static_cast<int>(linkEndTime.count())) <= 0) break;
+        const ssize_t got = ::read(port.controller.get(), bytes, sizeof bytes);
+        if (got <= 0) break;
+        port.fromController.feed(bytes, static_cast<std::size_t>(got));
+        while (port.fromController.next(packet)) {
+            if (packet[0] == H4_EVENT) watchLinks(port, packet);
+        }
+    }
+    port.links.clear();
+    port.vanishes = false;
+    port.controller.reset();
+}
+
+void RadioBridge::fromLine(Port& port, const std::uint8_t* data, std::size_t size) {
+    port.fromLine.feed(data, size);
+    Bytes packet;
+    while (port.fromLine.next(packet)) {
+        if (packet[0] == H4_RADIO_POWER) {
+            if (packet[1] == RADIO_ON) {
+                plug(port);
+            } else {
+                unplug(port);
+            }
+            poller_.send(port.line.get(), packet.data(), packet.size());
+        } else if (port.controller) {
+            poller_.send(port.controller.get(), packet.data(), packet.size());
+        }
+    }
+}
+
+void RadioBridge::fromController(Port& port, const std::uint8_t* data, std::size_t size) {
+    port.fromController.feed(data, size);
+    Bytes packet;
+    while (port.controller && port.fromController.next(packet)) {
+        poller_.send(port.line.get(), packet.data(), packet.size());
+        if (packet[0] != H4_EVENT) continue;
+        watchLinks(port, packet);
+        if (port.vanishes && !port.links.empty()) unplug(port);
+    }
+}
+
+void RadioBridge::watchLinks(Port& port, const Bytes& event) {
+    if (event[1] == connectionComplete && event.size() >= 6 && event[3] == 0) {
+        port.links.insert(number16(event, 4));
+    } else if (event[1] == disconnectionComplete && event.size() >= 6 && event[3] == 0) {
+        port.links.erase(number16(event, 4));
+    } else if (&port == &radio_ && event[1] == commandComplete && event.size() >= 13 &&
+               number16(event, 4) == 0x1009 && event[6] == 0) {  // Read BD_ADDR
+        char text[18];
+        std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", event[12], event[11],
+                      event[10], event[9], event[8], event[7]);
+        const std::lock_guard lock(mutex_);
+        radioAddress_ = text;
+    }
+}
+
+}  // namespace board

@@ -1,0 +1,577 @@
+// The devices that the board's radio can meet: one emulated controller each, served by a real
+// BlueZ on a machine of their own. They obey commands that come over a serial line.
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/hci.h>
+#include <bluetooth/hci_lib.h>
+#include <bluetooth/l2cap.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include "Poller.h"
+#include "RadioBridge.h"
+#include "SerialLine.h"
+#include "Tone.h"
+#include "UniqueFd.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using board::UniqueFd;
+
+constexpr const char* bluez = "org.bluez";
+constexpr const char* adapterInterface = "org.bluez.Adapter1";
+constexpr const char* deviceInterface = "org.bluez.Device1";
+constexpr const char* agentInterface = "org.bluez.Agent1";
+constexpr const char* emulatorSocket = "/tmp/bt-server-bredrle";
+
+// L2CAP channels (Bluetooth Assigned Numbers).
+constexpr std::uint16_t psmServiceDiscovery = 1;
+constexpr std::uint16_t psmHidControl = 17;
+constexpr std::uint16_t psmHidInterrupt = 19;
+
+enum Feature : unsigned {
+    AUDIO_SINK = 1,  ///< takes music and can tell what it was played
+    HID = 2,         ///< accepts HID channels
+    REFUSES = 4,     ///< refuses every pairing
+};
+
+/// One remote device. The vendor is a Bluetooth SIG company identifier.
+struct Character {
+    const char* key;   ///< how commands call it
+    const char* name;  ///< how it presents itself
+    std::uint32_t deviceClass;
+    std::uint16_t vendor, product, version;
+    unsigned features;
+};
+
+constexpr Character characters[] = {
+    {"phone", "Phone", 0x5A020C, 0x004C, 0x7305, 0x1110, HID},
+    {"speaker", "Speaker", 0x240414, 0x0057, 0x0202, 0x0100, AUDIO_SINK},
+    {"headphones", "Headphones", 0x240418, 0x009E, 0x4017, 0x0251, AUDIO_SINK},
+    {"keyboard", "Keyboard", 0x000540, 0x046D, 0xB33C, 0x0012, HID},
+    {"refuser", "Refuser", 0x240404, 0x0047, 0x0F01, 0x0100, REFUSES},
+    {"ghost", "Ghost", 0x240414, 0x0075, 0x0A01, 0x0100, 0},
+    {"twin1", "Twin", 0x240414, 0x0057, 0x0301, 0x0100, 0},
+    {"twin2", "Twin", 0x240418, 0x0057, 0x0302, 0x0100, 0},
+};
+
+struct Device {
+    const Character* character = nullptr;
+    int hci = -1;
+    std::string address;
+    std::vector<UniqueFd> channels;  ///< L2CAP channels that it opened or accepted
+    UniqueFd sound, soundControl;
+    std::unique_ptr<board::Tone> tone;
+
+    std::string adapterPath() const { return "/org/bluez/hci" + std::to_string(hci); }
+    std::string pathOf(std::string remote) const {
+        for (char& c : remote) {
+            if (c == ':') c = '_';
+        }
+        return adapterPath() + "/dev_" + remote;
+    }
+};
+
+void start(const std::vector<std::string>& command) {
+    const pid_t pid = fork();
+    if (pid < 0) board::throwErrno("fork");
+    if (pid > 0) return;
+    std::vector<char*> argv;
+    for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    std::perror(argv[0]);
+    _exit(127);
+}
+
+/// Tries until it succeeds or the time is over; then the last failure goes to the caller.
+template <class Work>
+auto eventually(std::chrono::seconds limit, Work work) -> decltype(work()) {
+    const auto deadline = Clock::now() + limit;
+    for (;;) {
+        try {
+            return work();
+        } catch (const std::exception&) {
+            if (Clock::now() > deadline) throw;
+        }
+        std::this_thread::sleep_for(50ms);
+    }
+}
+
+class Hci {
+public:
+    explicit Hci(int device) : fd_(hci_open_dev(device)) {
+        if (!fd_) board::throwErrno("hci" + std::to_string(device));
+    }
+    void setClass(std::uint32_t deviceClass) {
+        if (hci_write_class_of_dev(fd_.get(), deviceClass, 2000) != 0) {
+            board::throwErrno("writing the class of device");
+        }
+    }
+    void restart(int device) {
+        if (ioctl(fd_.get(), HCIDEVDOWN, device) != 0 || ioctl(fd_.get(), HCIDEVUP, device) != 0) {
+            board::throwErrno("restarting hci" + std::to_string(device));
+        }
+    }
+
+private:
+    UniqueFd fd_;
+};
+
+/// Tells the kernel which vendor and product a device's inquiry response names.
+void setDeviceId(int device, const Character& character) {
+    const UniqueFd fd(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI));
+    sockaddr_hci address{};
+    address.hci_family = AF_BLUETOOTH;
+    address.hci_dev = HCI_DEV_NONE;
+    address.hci_channel = HCI_CHANNEL_CONTROL;
+    if (!fd || bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        board::throwErrno("the kernel's Bluetooth management socket");
+    }
+    constexpr std::uint16_t setDeviceIdCommand = 0x0028;
+    constexpr std::uint16_t vendorIsBluetooth = 1;
+    const std::uint16_t request[] = {htobs(setDeviceIdCommand),
+                                     htobs(static_cast<std::uint16_t>(device)),
+                                     htobs(8),
+                                     htobs(vendorIsBluetooth),
+                                     htobs(character.vendor),
+                                     htobs(character.product),
+                                     htobs(character.version)};
+    if (::write(fd.get(), request, sizeof request) != sizeof request) {
+        board::throwErrno("setting the device id");
+    }
+    // The answer is Command Complete (1) or Command Status (2): event, device, length, command,
+    // status. Events of other devices may come before it.
+    for (;;) {
+        std::uint8_t answer[512];
+        const ssize_t got = ::read(fd.get(), answer, sizeof answer);
+        if (got < 0) board::throwErrno("setting the device id");
+        if (got < 9 || (answer[0] != 1 && answer[0] != 2) || answer[6] != setDeviceIdCommand) continue;
+        if (answer[8] != 0) throw std::runtime_error("the kernel refused a device id");
+        return;
+    }
+}
+
+sockaddr_l2 l2capAddress(const std::string& address, std::uint16_t psm) {
+    sockaddr_l2 out{};
+    out.l2_family = AF_BLUETOOTH;
+    out.l2_psm = htobs(psm);
+    str2ba(address.c_str(), &out.l2_bdaddr);
+    return out;
+}
+
+class RemoteDevices {
+public:
+    RemoteDevices(const std::string& radioLine, const std::string& commandLine)
+        : bridge_(emulatorSocket, radioLine),
+          commands_(board::openRaw(commandLine.c_str())),
+          bus_(sdbus::createSystemBusConnection()) {
+        for (const Character& character : characters) {
+            Device& device = devices_[character.key];
+            device.character = &character;
+            device.hci = bridge_.addDevice(character.key);
+        }
+        start({"/usr/libexec/bluetooth/bluetoothd", "--noplugin=input", "-f",
+               "/etc/bluetooth/remote.conf"});
+        serveAgent();
+        bus_->enterEventLoopAsync();
+        for (auto& [key, device] : devices_) setUp(device);
+        for (auto& [key, device] : devices_) finishSetUp(device);
+        eventually(10s, [this] {
+            const auto manager = sdbus::createProxy(*bus_, bluez, "/org/bluez");
+            manager->callMethod("RegisterAgent")
+                .onInterface("org.bluez.AgentManager1")
+                .withArguments(sdbus::ObjectPath(agentPath), std::string("NoInputNoOutput"));
+            manager->callMethod("RequestDefaultAgent")
+                .onInterface("org.bluez.AgentManager1")
+                .withArguments(sdbus::ObjectPath(agentPath));
+        });
+        poller_.add(
+            commands_.get(),
+            [this](const std::uint8_t* data, std::size_t size) {
+                text_.append(reinterpret_cast<const char*>(data), size);
+                std::size_t end = 0;
+                while ((end = text_.find('\n')) != std::string::npos) {
+                    const std::string line = text_.substr(0, end);
+                    text_.erase(0, end + 1);
+                    obey(line);
+                }
+            },
+            {});
+    }
+
+    void run() {
+        poller_.setTick(500ms, [this] { serveChannels(); });
+        poller_.run();
+    }
+
+private:
+    static constexpr const char* agentPath = "/org/corvane/remote";
+
+    /// Accepts what needs no key: the devices have neither keys nor displays.
+    void serveAgent() {
+        agent_ = sdbus::createObject(*bus_, agentPath);
+        const auto serve = [this](const char* method, auto implementation) {
+            agent_->registerMethod(method).onInterface(agentInterface).implementedAs(implementation);
+        };
+        serve("Release", [] {});
+        serve("Cancel", [] {});
+        serve("RequestAuthorization", [](const sdbus::ObjectPath&) {});
+        serve("RequestConfirmation", [](const sdbus::ObjectPath&, const std::uint32_t&) {});
+        serve("AuthorizeService", [](const sdbus::ObjectPath&, const std::string&) {});
+        agent_->finishRegistration();
+    }
+
+    std::unique_ptr<sdbus::IProxy> adapter(const Device& device) {
+        return sdbus::createProxy(*bus_, bluez, device.adapterPath());
+    }
+
+    template <class Value>
+    void set(sdbus::IProxy& proxy, const char* property, Value value) {
+        proxy.setProperty(property).onInterface(adapterInterface).toValue(value);
+    }
+
+    void setUp(Device& device) {
+        const auto proxy = adapter(device);
+        eventually(20s, [&] {
+            device.address =
+                proxy->getProperty("Address").onInterface(adapterInterface).get<std::string>();
+            set(*proxy, "Powered", true);
+        });
+        set(*proxy, "Alias", std::string(device.character->name));
+        set(*proxy, "Pairable", (device.character->features & REFUSES) == 0);
+        set(*proxy, "Discoverable", true);
+        setDeviceId(device.hci, *device.character);
+        if ((device.character->features & HID) != 0) {
+            listen(device, psmHidControl);
+            listen(device, psmHidInterrupt);
+        }
+        if ((device.character->features & AUDIO_SINK) != 0) {
+            start({"/usr/libexec/bluealsa/bluealsa", "-p", "a2dp-sink", "-i",
+                   "hci" + std::to_string(device.hci), "-B", device.character->key});
+        }
+    }
+
+    /// The kernel writes a class of its own whenever a service is registered: ours comes last.
+    void finishSetUp(Device& device) {
+        if ((device.character->features & AUDIO_SINK) != 0) {
+            eventually(10s, [&] {
+                const auto ids = adapter(device)->getProperty("UUIDs").onInterface(adapterInterface)
+                                     .get<std::vector<std::string>>();
+                for (const std::string& id : ids) {
+                    if (id.rfind("0000110b", 0) == 0) return;  // audio sink
+                }
+                throw std::runtime_error(std::string(device.character->name) +
+                                         " offers no audio sink");
+            });
+        }
+        Hci(device.hci).setClass(device.character->deviceClass);
+        auto proxy = adapter(device);
+        proxy->uponSignal("PropertiesChanged")
+            .onInterface("org.freedesktop.DBus.Properties")
+            .call([&device](const std::string&, const std::map<std::string, sdbus::Variant>& changed,
+                            const std::vector<std::string>&) {
+                const auto entry = changed.find("Class");
+                if (entry == changed.end() ||
+                    entry->second.get<std::uint32_t>() == device.character->deviceClass) {
+                    return;
+                }
+                try {
+                    Hci(device.hci).setClass(device.character->deviceClass);
+                } catch (const std::exception& error) {
+                    std::fprintf(stderr, "%s: %s\n", device.character->name, error.what());
+                }
+            });
+        proxy->finishRegistration();
+        watchers_.push_back(std::move(proxy));
+    }
+
+    void listen(Device& device, std::uint16_t psm) {
+        UniqueFd listener(
+            socket(AF_BLUETOOTH, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, BTPROTO_L2CAP));
+        const sockaddr_l2 own = l2capAddress(device.address, psm);
+        if (!listener ||
+            bind(listener.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0 ||
+            ::listen(listener.get(), 4) != 0) {
+            board::throwErrno("listening for HID channels");
+        }
+        listeners_.emplace_back(std::move(listener), &device);
+    }
+
+    /// Takes the HID channels that have come; a channel whose link has ended is closed.
+    void serveChannels() {
+        for (const auto& [listener, device] : listeners_) {
+            UniqueFd channel(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+            if (channel) device->channels.push_back(std::move(channel));
+        }
+        for (auto& [key, device] : devices_) {
+            auto& channels = device.channels;
+            for (auto channel = channels.begin(); channel != channels.end();) {
+                std::uint8_t bytes[1024];
+                const ssize_t got = ::recv(channel->get(), bytes, sizeof bytes, MSG_DONTWAIT);
+                const bool ended = got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR);
+                channel = ended ? channels.erase(channel) : channel + 1;
+            }
+        }
+    }
+
+    std::string boardAddress() const {
+        std::string address = bridge_.radioAddress();
+        if (address.empty()) throw std::runtime_error("the board's controller was never attached");
+        return address;
+    }
+
+    std::unique_ptr<sdbus::IProxy> boardSeenBy(const Device& device) {
+        return sdbus::createProxy(*bus_, bluez, device.pathOf(boardAddress()));
+    }
+
+    bool knowsBoard(const Device& device, const char* property) {
+        try {
+            return boardSeenBy(device)->getProperty(property).onInterface(deviceInterface)
+                .get<bool>();
+        } catch (const std::exception&) {
+            return false;  // the device has not seen the board yet
+        }
+    }
+
+    /// The device looks for the board, as its user would, and pairs.
+    std::string pair(Device& device) {
+        if (knowsBoard(device, "Paired")) throw std::runtime_error("it is paired already");
+        const auto proxy = adapter(device);
+        proxy->callMethod("StartDiscovery").onInterface(adapterInterface);
+        const auto stop = [&proxy] {
+            proxy->callMethod("StopDiscovery").onInterface(adapterInterface);
+        };
+        try {
+            eventually(20s, [&] {
+                boardSeenBy(device)->getProperty("Address").onInterface(deviceInterface);
+            });
+        } catch (const std::exception&) {
+            stop();
+            throw std::runtime_error("the board was not found within 20 s; is it discoverable?");
+        }
+        stop();
+        boardSeenBy(device)->callMethod("Pair").onInterface(deviceInterface).withTimeout(25s);
+        return {};
+    }
+
+    /// Opens a channel to the board's service directory and keeps it, as phones do.
+    std::string connect(Device& device) {
+        UniqueFd channel(socket(AF_BLUETOOTH, SOCK_SEQPACKET | SOCK_CLOEXEC, BTPROTO_L2CAP));
+        const sockaddr_l2 own = l2capAddress(device.address, 0);
+        const sockaddr_l2 other = l2capAddress(boardAddress(), psmServiceDiscovery);
+        if (!channel ||
+            bind(channel.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0 ||
+            ::connect(channel.get(), reinterpret_cast<const sockaddr*>(&other), sizeof other) != 0) {
+            board::throwErrno("connecting to the board");
+        }
+        device.channels.push_back(std::move(channel));
+        return {};
+    }
+
+    std::string disconnect(Device& device) {
+        device.channels.clear();
+        boardSeenBy(device)->callMethod("Disconnect").onInterface(deviceInterface);
+        return {};
+    }
+
+    std::string forget(Device& device) {
+        device.channels.clear();
+        if (knowsBoard(device, "Paired")) {
+            adapter(device)->callMethod("RemoveDevice").onInterface(adapterInterface)
+                .withArguments(sdbus::ObjectPath(device.pathOf(boardAddress())));
+        }
+        return {};
+    }
+
+    std::string comeBack(Device& device) {
+        bridge_.comeBack(device.character->key);
+        Hci(device.hci).restart(device.hci);
+        set(*adapter(device), "Discoverable", true);
+        Hci(device.hci).setClass(device.character->deviceClass);
+        return {};
+    }
+
+    std::string capture(Device& device) {
+        const std::string service = std::string("org.bluealsa.") + device.character->key;
+        std::string path = "/org/bluealsa/hci" + std::to_string(device.hci) + "/dev_" +
+                           boardAddress() + "/a2dpsnk/source";
+        for (char& c : path) {
+            if (c == ':') c = '_';
+        }
+        constexpr const char* pcmInterface = "org.bluealsa.PCM1";
+        const auto pcm = sdbus::createProxy(*bus_, service, path);
+        sdbus::UnixFd sound, control;
+        unsigned rate = 0, channels = 0;
+        try {
+            // The music's form is settled shortly after the connection.
+            eventually(5s, [&] {
+                rate = pcm->getProperty("Sampling").onInterface(pcmInterface).get<std::uint32_t>();
+                channels = pcm->getProperty("Channels").onInterface(pcmInterface)
+                               .get<std::uint8_t>();
+            });
+            pcm->callMethod("Open").onInterface(pcmInterface).storeResultsTo(sound, control);
+        } catch (const sdbus::Error& error) {
+            throw std::runtime_error("no music channel from the board: " + error.getMessage());
+        }
+        endCapture(device);
+        device.tone = std::make_unique<board::Tone>(channels, rate);
+        device.sound = UniqueFd(sound.release());
+        device.soundControl = UniqueFd(control.release());
+        poller_.add(
+            device.sound.get(),
+            [&device](const std::uint8_t* data, std::size_t size) { device.tone->feed(data, size); },
+            {});
+        return {};
+    }
+
+    void endCapture(Device& device) {
+        if (device.sound) poller_.remove(device.sound.get());
+        device.sound.reset();
+        device.soundControl.reset();
+    }
+
+    std::string heard(Device& device) {
+        if (!device.tone) throw std::runtime_error("it was not told to capture");
+        endCapture(device);
+        return device.tone->report();
+    }
+
+    std::string show(Device& device) {
+        std::ostringstream out;
+        char deviceClass[9];
+        std::snprintf(deviceClass, sizeof deviceClass, "0x%06X", device.character->deviceClass);
+        out << device.character->key << " address=" << device.address << " name="
+            << device.character->name << " class=" << deviceClass << " paired="
+            << knowsBoard(device, "Paired") << " connected=" << knowsBoard(device, "Connected")
+            << " channels=" << device.channels.size();
+        return out.str();
+    }
+
+    std::string vanish(Device& device) {
+        bridge_.vanish(device.character->key);
+        return {};
+    }
+
+    std::string vanishWhenConnected(Device& device) {
+        bridge_.vanishWhenConnected(device.character->key);
+        return {};
+    }
+
+    using Action = std::string (RemoteDevices::*)(Device&);
+
+    std::string obeyWords(const std::string& line) {
+        static const std::map<std::string, Action> actions{
+            {"pair", &RemoteDevices::pair},
+            {"connect", &RemoteDevices::connect},
+            {"disconnect", &RemoteDevices::disconnect},
+            {"forget", &RemoteDevices::forget},
+            {"vanish", &RemoteDevices::vanish},
+            {"vanish-when-connected", &RemoteDevices::vanishWhenConnected},
+            {"return", &RemoteDevices::comeBack},
+            {"capture", &RemoteDevices::capture},
+            {"heard", &RemoteDevices::heard},
+            {"show", &RemoteDevices::show}};
+        std::istringstream words(line);
+        std::string first, second;
+        words >> first >> second;
+        if (first == "list") {
+            std::string out;
+            for (auto& [key, device] : devices_) out += show(device) + "\n";
+            out.pop_back();
+            return out;
+        }
+        if (first == "refresh-radio") {
+            bridge_.refreshRadio();
+            return {};
+        }
+        const auto device = devices_.find(first);
+        const auto action = actions.find(second);
+        if (device == devices_.end()) {
+            std::string known;
+            for (const auto& entry : devices_) known += " " + entry.first;
+            throw std::runtime_error("no device \"" + first + "\"; there are:" + known +
+                                     "; or: list, refresh-radio");
+        }
+        if (action == actions.end()) {
+            std::string known;
+            for (const auto& entry : actions) known += " " + entry.first;
+            throw std::runtime_error("a device cannot \"" + second + "\"; it can:" + known);
+        }
+        return (this->*action->second)(device->second);
+    }
+
+    /// Each command is answered by its lines of text, then "ok" or "error: " and the reason.
+    void obey(const std::string& line) {
+        std::string answer;
+        try {
+            serveChannels();
+            answer = obeyWords(line);
+            if (!answer.empty()) answer += "\n";
+            answer += "ok\n";
+        } catch (const std::exception& error) {
+            answer = std::string("error: ") + error.what() + "\n";
+        }
+        poller_.send(commands_.get(), answer);
+    }
+
+    board::RadioBridge bridge_;
+    UniqueFd commands_;
+    std::unique_ptr<sdbus::IConnection> bus_;
+    std::unique_ptr<sdbus::IObject> agent_;
+    std::map<std::string, Device> devices_;
+    std::vector<std::pair<UniqueFd, Device*>> listeners_;
+    std::vector<std::unique_ptr<sdbus::IProxy>> watchers_;
+    board::Poller poller_;
+    std::string text_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: remote-devices RADIO_LINE COMMAND_LINE\n");
+        return 2;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGCHLD, SIG_IGN);
+    // The caller waits on this pipe until the devices can be met.
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return 1;
+    const pid_t pid = fork();
+    if (pid < 0) return 1;
+    if (pid > 0) {
+        ::close(ends[1]);
+        char ready = 0;
+        return ::read(ends[0], &ready, 1) == 1 ? 0 : 1;
+    }
+    try {
+        RemoteDevices devices(argv[1], argv[2]);
+        if (::write(ends[1], "", 1) != 1) return 1;
+        ::close(ends[1]);
+        devices.run();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "remote-devices: %s\n", error.what());
+    }
+    return 1;
+}
