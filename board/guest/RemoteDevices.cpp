@@ -6,7 +6,6 @@
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
-#include <bluetooth/l2cap.h>
 
 #include <chrono>
 #include <csignal>
@@ -24,8 +23,8 @@
 
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
+#include "L2cap.h"
 #include "Poller.h"
 #include "RadioBridge.h"
 #include "SerialLine.h"
@@ -43,11 +42,6 @@ constexpr const char* adapterInterface = "org.bluez.Adapter1";
 constexpr const char* deviceInterface = "org.bluez.Device1";
 constexpr const char* agentInterface = "org.bluez.Agent1";
 constexpr const char* emulatorSocket = "/tmp/bt-server-bredrle";
-
-// L2CAP channels (Bluetooth Assigned Numbers).
-constexpr std::uint16_t psmServiceDiscovery = 1;
-constexpr std::uint16_t psmHidControl = 17;
-constexpr std::uint16_t psmHidInterrupt = 19;
 
 enum Feature : unsigned {
     AUDIO_SINK = 1,  ///< takes music and can tell what it was played
@@ -172,14 +166,6 @@ void setDeviceId(int device, const Character& character) {
     }
 }
 
-sockaddr_l2 l2capAddress(const std::string& address, std::uint16_t psm) {
-    sockaddr_l2 out{};
-    out.l2_family = AF_BLUETOOTH;
-    out.l2_psm = htobs(psm);
-    str2ba(address.c_str(), &out.l2_bdaddr);
-    return out;
-}
-
 class RemoteDevices {
 public:
     RemoteDevices(const std::string& radioLine, const std::string& commandLine)
@@ -191,7 +177,7 @@ public:
             device.character = &character;
             device.hci = bridge_.addDevice(character.key);
         }
-        start({"/usr/libexec/bluetooth/bluetoothd", "--noplugin=input", "-f",
+        start({"/usr/libexec/bluetooth/bluetoothd", "--noplugin=input,avrcp", "-f",
                "/etc/bluetooth/remote.conf"});
         serveAgent();
         bus_->enterEventLoopAsync();
@@ -263,8 +249,8 @@ private:
         set(*proxy, "Discoverable", true);
         setDeviceId(device.hci, *device.character);
         if ((device.character->features & HID) != 0) {
-            listen(device, psmHidControl);
-            listen(device, psmHidInterrupt);
+            listen(device, board::psmHidControl);
+            listen(device, board::psmHidInterrupt);
         }
         if ((device.character->features & AUDIO_SINK) != 0) {
             start({"/usr/libexec/bluealsa/bluealsa", "-p", "a2dp-sink", "-i",
@@ -307,14 +293,8 @@ private:
     }
 
     void listen(Device& device, std::uint16_t psm) {
-        UniqueFd listener(
-            socket(AF_BLUETOOTH, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, BTPROTO_L2CAP));
-        const sockaddr_l2 own = l2capAddress(device.address, psm);
-        if (!listener ||
-            bind(listener.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0 ||
-            ::listen(listener.get(), 4) != 0) {
-            board::throwErrno("listening for HID channels");
-        }
+        UniqueFd listener = board::l2capSocket(device.address, psm);
+        if (::listen(listener.get(), 4) != 0) board::throwErrno("listening for HID channels");
         listeners_.emplace_back(std::move(listener), &device);
     }
 
@@ -327,10 +307,8 @@ private:
         for (auto& [key, device] : devices_) {
             auto& channels = device.channels;
             for (auto channel = channels.begin(); channel != channels.end();) {
-                std::uint8_t bytes[1024];
-                const ssize_t got = ::recv(channel->get(), bytes, sizeof bytes, MSG_DONTWAIT);
-                const bool ended = got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR);
-                channel = ended ? channels.erase(channel) : channel + 1;
+                const bool open = board::channelIsOpen(channel->get());
+                channel = open ? channel + 1 : channels.erase(channel);
             }
         }
     }
@@ -377,14 +355,8 @@ private:
 
     /// Opens a channel to the board's service directory and keeps it, as phones do.
     std::string connect(Device& device) {
-        UniqueFd channel(socket(AF_BLUETOOTH, SOCK_SEQPACKET | SOCK_CLOEXEC, BTPROTO_L2CAP));
-        const sockaddr_l2 own = l2capAddress(device.address, 0);
-        const sockaddr_l2 other = l2capAddress(boardAddress(), psmServiceDiscovery);
-        if (!channel ||
-            bind(channel.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0 ||
-            ::connect(channel.get(), reinterpret_cast<const sockaddr*>(&other), sizeof other) != 0) {
-            board::throwErrno("connecting to the board");
-        }
+        UniqueFd channel = board::l2capSocket(device.address, 0);
+        board::l2capConnect(channel.get(), boardAddress(), board::psmServiceDiscovery, 10000);
         device.channels.push_back(std::move(channel));
         return {};
     }
