@@ -17,7 +17,7 @@ enum ModelType : int {
 /// @return the name, which may hold blanks; "Corvane" for a number without a name of its own
 std::string GetModelNameStringExternal(ModelType modelType);
 
-/// The board identity, read from the hardware service's XML text (docs/identity.md gives the form).
+/// The board identity, read from the hardware service's XML text (docs/identity.md gives its form).
 ///
 /// What libCorvane relies on: construction from any text succeeds, broken, huge or hostile text
 /// included, and leaves the fields below at their neutral values where the text says nothing valid.

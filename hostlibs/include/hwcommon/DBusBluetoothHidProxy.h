@@ -16,18 +16,20 @@ namespace hwcommon {
 /// connection, and never throw. They are called on request threads.
 class DBusBluetoothHidProxy {
 public:
-    /// @param connection  the system bus; borrowed, must outlive this object
+    /// @param connection  the system bus; borrowed, must outlive this object. A call keeps the
+    /// connection's other users waiting, so a host that runs an event loop on a connection gives
+    /// this object another.
     explicit DBusBluetoothHidProxy(sdbus::IConnection& connection);
 
-    /// Asks the service to connect to a device. Blocks until it has answered.
+    /// Asks the service to connect to a device. Blocks until it has answered, 60 s at most.
     /// @param address  the device's address, six hexadecimal groups joined by ':'
     /// @return the service's status text, "Connect success" on success; a text that says why when
-    /// the bus or the
-    ///         service fails (also logged)
+    /// the bus or the service fails (also logged)
     std::string connectBtHidDevice(const std::string& address);
 
-    /// Asks the service to drop a device. Blocks until it has answered.
-    /// @return the service's status text
+    /// Asks the service to drop a device. Blocks until it has answered, 60 s at most.
+    /// @return the service's status text; a text that says why when the bus or the service fails
+    /// (also logged)
     std::string disconnectBtHidDevice(const std::string& address);
 
 private:

@@ -9,7 +9,8 @@ class DBusHardwareObserver {
 public:
     virtual ~DBusHardwareObserver() = default;
 
-    /// The hardware service came (true) or went (false). Called on the proxy's own thread.
+    /// The hardware service came (true) or went (false). Called on the proxy's own thread. When the
+    /// bus itself goes, false is the last word.
     virtual void hardwareServiceAvailable(bool available) = 0;
 };
 

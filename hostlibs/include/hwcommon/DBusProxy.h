@@ -14,19 +14,19 @@ namespace hwcommon {
 /// never throws.
 class DBusProxy {
 public:
-    /// @param connection  the bus to ask; borrowed, must outlive this object
+    /// @param connection  the host's connection to the system bus; borrowed, must outlive this
+    /// object. The reference leaves it alone: it asks on a connection of its own for each wait, so
+    /// that it needs nobody's event loop and still works after the bus was restarted.
     explicit DBusProxy(sdbus::IConnection& connection);
 
     /// Waits until a bus name has an owner. Returns at once when it has one already; otherwise
-    /// waits for the bus's NameOwnerChanged signal. Blocks the calling thread. A bus that fails is
-    /// logged and counts as false.
+    /// waits for the bus's NameOwnerChanged signal. Blocks the calling thread. May be called from
+    /// any thread. A bus that fails is logged and counts as false; one that runs but is slow has a
+    /// second to answer, even when the timeout is shorter.
     /// @param name     the well-known name, "org.bluez" for instance
     /// @param timeout  milliseconds; 0 only looks
     /// @return true when the name is owned within the time
     bool waitUntilDBusNameExist(const std::string& name, unsigned timeout);
-
-private:
-    sdbus::IConnection& connection;
 };
 
 }  // namespace hwcommon

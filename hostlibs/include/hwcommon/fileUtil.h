@@ -18,13 +18,14 @@ public:
     /// Reads a whole file into `content`, which stays as it was on failure.
     /// @param mode  std::ios_base::in, or with std::ios_base::binary
     /// @return true on success; false when the file cannot be read, is no regular file, is larger
-    /// than 1 MiB or is a
-    ///         symbolic link (anyone may plant one in a shared folder); the reason is logged
+    /// than 1 MiB or is a symbolic link (anyone may plant one in a shared folder); the reason is
+    /// logged
     static bool getFileContent(const std::string& path, std::string& content,
                                std::ios_base::openmode mode = std::ios_base::in);
 
     /// Replaces a file's content: whole or not at all, also when the process dies or the disk is
-    /// full. A symbolic link at `path` is replaced, never followed.
+    /// full. A symbolic link at `path` is replaced, never followed. The new file is readable by all
+    /// (mode 0644). A process that is killed meanwhile may leave a file `path`.XXXXXX behind.
     /// @param mode  std::ios_base::out | std::ios_base::trunc; any other mode is refused
     /// @return true on success; on false the file is as it was and the reason is logged
     static bool saveContentToFile(const std::string& path, const std::string& content,

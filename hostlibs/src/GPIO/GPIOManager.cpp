@@ -1,0 +1,164 @@
+#include "GPIO/GPIOManager.h"
+
+#include "LogAppender.h"
+
+#include <gpiod.h>
+#include <log4cplus/loggingmacros.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include <dirent.h>
+
+namespace GPIO {
+
+namespace {
+
+constexpr char deviceFolder[] = "/dev";
+constexpr char chipPrefix[] = "gpiochip";
+constexpr char consumer[] = "corvane";  // shown by gpioinfo beside the line
+
+using ChipPtr = std::unique_ptr<gpiod_chip, decltype(&gpiod_chip_close)>;
+
+/// A line in use. Its chip stays open as long as it: closing a chip releases its lines.
+struct HeldLine {
+    ChipPtr chip;
+    gpiod_line* line;
+};
+
+/// The lines in use, by pin. Never freed: a line that nobody holds may lose its level.
+std::map<unsigned, HeldLine>& heldLines() {
+    static auto& lines = *new std::map<unsigned, HeldLine>;
+    return lines;
+}
+
+bool fail(unsigned pin, const std::string& reason) {
+    LOG4CPLUS_ERROR(LogAppender::getLogger(), "GPIO " << pin << ": " << reason);
+    return false;
+}
+
+std::string errorText(int error) { return std::generic_category().message(error); }
+
+gpiod_line* heldLine(unsigned pin) {
+    const auto found = heldLines().find(pin);
+    if (found != heldLines().end()) return found->second.line;
+    fail(pin, "not in use; it must be exported first");
+    return nullptr;
+}
+
+int isChip(const dirent* entry) {
+    const std::string_view name = entry->d_name;
+    constexpr std::string_view prefix = chipPrefix;
+    return name.size() > prefix.size() && name.substr(0, prefix.size()) == prefix &&
+                   name.find_first_not_of("0123456789", prefix.size()) == std::string_view::npos
+               ? 1
+               : 0;
+}
+
+/// The devices of the chips, chip 2 before chip 10.
+std::vector<std::string> chipPaths() {
+    dirent** entries = nullptr;
+    const int count = scandir(deviceFolder, &entries, isChip, versionsort);
+    std::vector<std::string> paths;
+    for (int i = 0; i < count; ++i) {
+        paths.push_back(std::string(deviceFolder) + "/" + entries[i]->d_name);
+        std::free(entries[i]);
+    }
+    std::free(entries);
+    return paths;
+}
+
+/// A chip and the offset of a pin on it; the chip is null, and the reason logged, when it is not to
+/// be had.
+struct Place {
+    ChipPtr chip{nullptr, gpiod_chip_close};
+    unsigned offset = 0;
+};
+
+Place placeOf(unsigned pin) {
+    Place place;
+    unsigned lines = 0;
+    for (const std::string& path : chipPaths()) {
+        place.chip.reset(gpiod_chip_open(path.c_str()));
+        if (!place.chip) {
+            // Its number of lines is unknown, so that no later pin can be counted either.
+            fail(pin, "cannot open " + path + ": " + errorText(errno));
+            return place;
+        }
+        const unsigned count = gpiod_chip_num_lines(place.chip.get());
+        if (pin - lines < count) {
+            place.offset = pin - lines;
+            return place;
+        }
+        lines += count;
+    }
+    fail(pin, "no such line, the chips in " + std::string(deviceFolder) + " have " +
+                  std::to_string(lines));
+    place.chip.reset();
+    return place;
+}
+
+}  // namespace
+
+GPIOManager::GPIOManager() = default;
+
+GPIOManager::~GPIOManager() = default;
+
+int GPIOManager::exportPin(unsigned pin) {
+    if (heldLines().count(pin) != 0) return 1;
+    Place place = placeOf(pin);
+    if (!place.chip) return 0;
+    gpiod_line* const line = gpiod_chip_get_line(place.chip.get(), place.offset);
+    const gpiod_line_request_config request{consumer, GPIOD_LINE_REQUEST_DIRECTION_AS_IS, 0};
+    if (line == nullptr || gpiod_line_request(line, &request, 0) != 0) {
+        const int error = errno;
+        fail(pin, "cannot be taken into use: " + errorText(error) +
+                      (error == EBUSY ? "; another program or /sys/class/gpio holds it" : ""));
+        return 0;
+    }
+    heldLines().emplace(pin, HeldLine{std::move(place.chip), line});
+    return 1;
+}
+
+int GPIOManager::setDirection(unsigned pin, Direction direction) {
+    gpiod_line* const line = heldLine(pin);
+    if (line == nullptr) return 0;
+    int result = 0;
+    if (direction == Direction::INPUT) {
+        result = gpiod_line_set_direction_input(line);
+    } else {
+        const int level = gpiod_line_get_value(line);
+        result = level < 0 ? level : gpiod_line_set_direction_output(line, level);
+    }
+    if (result == 0) return 1;
+    fail(pin, "cannot set the direction: " + errorText(errno));
+    return 0;
+}
+
+int GPIOManager::getValue(unsigned pin) {
+    gpiod_line* const line = heldLine(pin);
+    if (line == nullptr) return -1;
+    const int level = gpiod_line_get_value(line);
+    if (level < 0) {
+        fail(pin, "cannot read the level: " + errorText(errno));
+        return -1;
+    }
+    return level;
+}
+
+int GPIOManager::setValue(unsigned pin, Value value) {
+    gpiod_line* const line = heldLine(pin);
+    if (line == nullptr) return 0;
+    if (gpiod_line_set_value(line, static_cast<int>(value)) == 0) return 1;
+    fail(pin,
+         "cannot set the level: " + (errno == EPERM ? "it is not an output" : errorText(errno)));
+    return 0;
+}
+
+}  // namespace GPIO

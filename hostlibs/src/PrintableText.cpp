@@ -1,0 +1,88 @@
+#include "PrintableText.h"
+
+#include <array>
+#include <cstdint>
+
+namespace corvane {
+
+namespace {
+
+/// One character at the start of a text.
+struct Character {
+    std::size_t length;  // bytes
+    bool printable;
+};
+
+struct Range {
+    std::uint32_t first;
+    std::uint32_t last;
+};
+
+// The Unicode Standard: general categories Cc, Zl and Zp, and the property Bidi_Control.
+constexpr std::array<Range, 5> unprintable{
+    {{0x00, 0x1F}, {0x7F, 0x9F}, {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}}};
+
+bool isPrintable(std::uint32_t codePoint) {
+    for (const Range& range : unprintable) {
+        if (codePoint >= range.first && codePoint <= range.last) return false;
+    }
+    return true;
+}
+
+/// The bytes that follow a lead byte, and the smallest code point that needs them.
+struct Form {
+    std::uint8_t mask;
+    std::uint8_t lead;
+    std::size_t length;
+    std::uint32_t smallest;
+};
+
+constexpr std::array<Form, 4> forms{{{0x80, 0x00, 1, 0x00},
+                                     {0xE0, 0xC0, 2, 0x80},
+                                     {0xF0, 0xE0, 3, 0x800},
+                                     {0xF8, 0xF0, 4, 0x10000}}};
+
+Character firstCharacter(std::string_view text) {
+    constexpr Character invalid{1, false};
+    const auto lead = static_cast<std::uint8_t>(text.front());
+    for (const Form& form : forms) {
+        if ((lead & form.mask) != form.lead) continue;
+        if (text.size() < form.length) return invalid;
+        std::uint32_t codePoint = lead & static_cast<std::uint8_t>(~form.mask);
+        for (const char next : text.substr(1, form.length - 1)) {
+            const auto byte = static_cast<std::uint8_t>(next);
+            if ((byte & 0xC0U) != 0x80U) return invalid;
+            codePoint = codePoint << 6U | (byte & 0x3FU);
+        }
+        const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
+        if (codePoint < form.smallest || codePoint > 0x10FFFF || surrogate) return invalid;
+        return {form.length, isPrintable(codePoint)};
+    }
+    return invalid;
+}
+
+}  // namespace
+
+std::string printableText(std::string_view text) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const Character character = firstCharacter(text);
+        const std::string_view bytes = text.substr(0, character.length);
+        if (character.printable) {
+            result += bytes;
+        } else {
+            for (const char next : bytes) {
+                const auto byte = static_cast<std::uint8_t>(next);
+                result += "\\x";
+                result += digits[byte >> 4U];
+                result += digits[byte & 0x0FU];
+            }
+        }
+        text.remove_prefix(character.length);
+    }
+    return result;
+}
+
+}  // namespace corvane

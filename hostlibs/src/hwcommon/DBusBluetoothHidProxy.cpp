@@ -1,0 +1,52 @@
+#include "hwcommon/DBusBluetoothHidProxy.h"
+
+#include "Bus.h"
+#include "LogAppender.h"
+
+#include <log4cplus/loggingmacros.h>
+
+namespace hwcommon {
+
+namespace {
+
+constexpr char serviceName[] = "org.corvane.BluetoothHid";
+constexpr char objectPath[] = "/org/corvane/BluetoothHid";
+constexpr char interfaceName[] = "org.corvane.BluetoothHid1";
+
+// A phone that is out of reach is given up by the controller after some 5 s, and a user may have to
+// confirm on the phone.
+constexpr std::chrono::seconds answerLimit{60};
+
+std::string callService(sdbus::IConnection& connection, const char* method,
+                        const std::string& address) {
+    try {
+        std::string status;
+        proxyFor(connection, serviceName, objectPath)
+            ->callMethod(method)
+            .onInterface(interfaceName)
+            .withTimeout(answerLimit)
+            .withArguments(address)
+            .storeResultsTo(status);
+        return status;
+    } catch (const std::exception& error) {
+        const std::string failure = std::string(method) + " failed: " + error.what();
+        LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                        serviceName << ", device " << address << ": " << failure);
+        return failure;
+    }
+}
+
+}  // namespace
+
+DBusBluetoothHidProxy::DBusBluetoothHidProxy(sdbus::IConnection& usedConnection)
+    : connection(usedConnection) {}
+
+std::string DBusBluetoothHidProxy::connectBtHidDevice(const std::string& address) {
+    return callService(connection, "Connect", address);
+}
+
+std::string DBusBluetoothHidProxy::disconnectBtHidDevice(const std::string& address) {
+    return callService(connection, "Disconnect", address);
+}
+
+}  // namespace hwcommon

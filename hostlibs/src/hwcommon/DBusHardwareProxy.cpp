@@ -1,0 +1,99 @@
+#include "hwcommon/DBusHardwareProxy.h"
+
+#include "Bus.h"
+#include "LogAppender.h"
+
+#include <log4cplus/loggingmacros.h>
+
+#include <atomic>
+#include <cerrno>
+#include <system_error>
+#include <thread>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace hwcommon {
+
+namespace {
+
+constexpr char serviceName[] = "org.corvane.Hardware";
+constexpr char objectPath[] = "/org/corvane/Hardware";
+constexpr char interfaceName[] = "org.corvane.Hardware1";
+
+// The bus's own default.
+constexpr std::chrono::seconds answerLimit{25};
+
+}  // namespace
+
+/// Tells an observer of the service, on a thread of its own, until it is destroyed or the bus goes.
+struct DBusHardwareProxy::Private {
+    explicit Private(DBusHardwareObserver& observer)
+        : stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        if (stop < 0) {
+            LOG4CPLUS_ERROR(
+                LogAppender::getLogger(),
+                "Cannot watch " << serviceName << ": " << std::generic_category().message(errno));
+            return;
+        }
+        thread = std::thread([this, &observer] { watch(observer); });
+    }
+
+    ~Private() {
+        if (stop < 0) return;
+        stopped = true;
+        eventfd_write(stop, 1);
+        thread.join();
+        ::close(stop);
+    }
+
+    Private(const Private&) = delete;
+    Private& operator=(const Private&) = delete;
+
+    void watch(DBusHardwareObserver& observer) const {
+        bool available = false;
+        const auto tell = [&](bool now) {
+            if (now == available) return;
+            available = now;
+            observer.hardwareServiceAvailable(now);
+        };
+        try {
+            NameWatch names(serviceName, tell);
+            tell(names.isOwned(answerLimit));
+            while (!stopped)
+                names.waitForMore(NameWatch::Clock::now() + std::chrono::hours(1), stop);
+        } catch (const sdbus::Error& error) {
+            LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                            "No longer watching " << serviceName << ": " << error.what());
+            tell(false);
+        }
+    }
+
+    int stop;
+    std::atomic<bool> stopped{false};
+    std::thread thread;
+};
+
+DBusHardwareProxy::DBusHardwareProxy(DBusHardwareObserver* observer)
+    : d(observer == nullptr ? nullptr : new Private(*observer)) {}
+
+DBusHardwareProxy::~DBusHardwareProxy() { delete d; }
+
+std::string DBusHardwareProxy::getHardwareInfo() {
+    try {
+        const auto connection = sdbus::createSystemBusConnection();
+        const auto service = proxyFor(*connection, serviceName, objectPath);
+        std::string identity;
+        service->callMethod("GetHardwareInfo")
+            .onInterface(interfaceName)
+            .withTimeout(answerLimit)
+            .storeResultsTo(identity);
+        return identity;
+    } catch (const std::exception& error) {
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Cannot read the board identity from "
+                                                      << serviceName << ": " << error.what());
+        return {};
+    }
+}
+
+}  // namespace hwcommon
