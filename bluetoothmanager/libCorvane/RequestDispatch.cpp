@@ -2,6 +2,7 @@
 
 #include "Logging.h"
 
+#include <future>
 #include <utility>
 
 bool BluetoothManager::makeRequest(std::shared_ptr<BluetoothRequest> request) {
@@ -16,7 +17,16 @@ bool BluetoothManager::makeRequest(std::shared_ptr<BluetoothRequest> request) {
     }
     if (requestThread.joinable()) requestThread.detach();
     currentRequest = std::move(request);
-    requestThread = std::thread(&BluetoothRequest::executeRequest, currentRequest);
+    // The callback of a short request may come back here to start the next one: it must find the
+    // thread object of its own request in place.
+    std::promise<void> stored;
+    requestThread = std::thread(
+        [ready = stored.get_future()](const std::shared_ptr<BluetoothRequest>& started) {
+            ready.wait();
+            started->executeRequest();
+        },
+        currentRequest);
+    stored.set_value();
     return true;
 }
 
