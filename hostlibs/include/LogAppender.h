@@ -14,8 +14,8 @@ public:
     /// log4cplus properties file named by the environment variable CORVANE_LOG_CONFIG where there
     /// is one that can be used, otherwise the console (standard error) from level INFO on. A record
     /// shows time, level, file, line, full function signature and message. On the console, control
-    /// characters and invalid UTF-8 in a message are written as \xNN, since device names come from
-    /// strangers; a properties file has the same by the layout corvane::PrintableLayout.
+    /// characters and invalid UTF-8 in a message are written as `\xNN`, since device names come
+    /// from strangers; a properties file has the same by the layout corvane::PrintableLayout.
     static const log4cplus::Logger& getLogger();
 
     /// Replaces the configuration by that of a log4cplus properties file. Not needed by libCorvane;
