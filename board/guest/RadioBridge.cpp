@@ -1,11 +1,16 @@
 #include "RadioBridge.h"
 
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/hci.h>
+#include <bluetooth/hci_lib.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <stdexcept>
 
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -36,6 +41,33 @@ UniqueFd connectTo(const std::string& path) {
 
 std::uint16_t number16(const Bytes& packet, std::size_t at) {
     return static_cast<std::uint16_t>(packet[at] | packet[at + 1] << 8);
+}
+
+/// Attaches a line and waits until the kernel has asked the controller all it wants to know. One
+/// after the other, since the kernel gives each answer 2 s only; a busy build machine may still
+/// miss that, hence several attempts.
+int attachForSure(int line) {
+    constexpr int attempts = 5;
+    constexpr int lineDisciplineTty = 0;
+    const UniqueFd hci(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI));
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        const int device = attachH4(line);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        bool begun = false;
+        while (std::chrono::steady_clock::now() < deadline) {
+            hci_dev_info info{};
+            info.dev_id = static_cast<std::uint16_t>(device);
+            if (ioctl(hci.get(), HCIGETDEVINFO, &info) == 0) {
+                const bool running = hci_test_bit(HCI_RUNNING, &info.flags) != 0;
+                if (running && hci_test_bit(HCI_INIT, &info.flags) == 0) return device;
+                if (begun && !running) break;  // the kernel has given up
+                begun = running;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        ioctl(line, TIOCSETD, &lineDisciplineTty);
+    }
+    throw std::runtime_error("a remote device's controller does not start");
 }
 
 }  // namespace
@@ -104,7 +136,7 @@ int RadioBridge::addDevice(const std::string& name) {
         plugged.set_value();
     });
     plugged.get_future().wait();
-    return attachH4(lineEnd);
+    return attachForSure(lineEnd);
 }
 
 void RadioBridge::serve(Port& port) {
