@@ -1,0 +1,206 @@
+#include "Edges.h"
+#include "ManagerTest.h"
+
+#include <stdexcept>
+
+using namespace corvane::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr char address[] = "AA:BB:CC:DD:EE:FF";
+constexpr char refused[] = "org.bluez.Error.Failed";
+
+/// One operation, what it sends, and what it logs when BlueZ refuses.
+struct Operation {
+    const char* name;
+    bool (*run)(BluetoothManager& manager);
+    std::string sent;
+    const char* detail;  // the record of the call or write, without level and bus message
+    const char* record;
+    const char* signature;  // of the function that writes the detail
+    const char* success = nullptr;
+};
+
+std::string trusted(const char* value) {
+    return std::string(
+               "org.bluez /org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF "
+               "org.freedesktop.DBus.Properties.Set ('org.bluez.Device1', 'Trusted', <") +
+           value + ">)";
+}
+
+constexpr char adapterCallSignature[] =
+    "int BluetoothManager::bluezAdapterCallMethod(const char*, const char*)";
+constexpr char deviceCallSignature[] =
+    "int BluetoothManager::bluezDeviceCallMethod(const char*, const char*)";
+constexpr char agentCallSignature[] =
+    "int BluetoothManager::bluezAgentCallMethod(const char*, const char*)";
+constexpr char adapterSetSignature[] =
+    "int BluetoothManager::bluezAdapterSetProperty(const char*, GVariant*)";
+constexpr char deviceSetSignature[] =
+    "int BluetoothManager::bluezDeviceSetProperty(const char*, const char*, GVariant*)";
+
+const std::vector<Operation> calls{
+    {"StartDiscovery", [](BluetoothManager& m) { return m.adapterScan(true); },
+     adapterCall("StartDiscovery"), "bluezAdapterCallMethod : ", "Not able to scan for new devices",
+     adapterCallSignature},
+    {"StopDiscovery", [](BluetoothManager& m) { return m.adapterScan(false); },
+     adapterCall("StopDiscovery"), "bluezAdapterCallMethod : ", "Not able to stop scanning",
+     adapterCallSignature},
+    {"RemoveDevice", [](BluetoothManager& m) { return m.deletePairedDevice(address); },
+     adapterCall("RemoveDevice", "(objectpath '/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF',)"),
+     "bluezAdapterCallMethod : ", "Not able to remove device", adapterCallSignature},
+    {"Pair", [](BluetoothManager& m) { return m.pairDevice(address); }, deviceCall(address, "Pair"),
+     "bluezDeviceCallMethod : ", "Not able to pair device", deviceCallSignature},
+    {"Connect", [](BluetoothManager& m) { return m.connectDevice(address); },
+     deviceCall(address, "Connect"), "bluezDeviceCallMethod : ", "Not able to connect device",
+     deviceCallSignature},
+    {"Disconnect", [](BluetoothManager& m) { return m.disconnectDevice(address); },
+     deviceCall(address, "Disconnect"), "bluezDeviceCallMethod : ", "Not able to disconnect device",
+     deviceCallSignature},
+    {"UnregisterAgent", [](BluetoothManager& m) { return m.agentRegister(false); },
+     agentCall("UnregisterAgent", "(objectpath '/org/corvane',)"),
+     "bluezAgentCallMethod : ", "Not able to unregister agent", agentCallSignature},
+};
+
+const std::vector<Operation> writes{
+    {"PoweredOn", [](BluetoothManager& m) { return m.adapterActivate(true); },
+     adapterSet("Powered", "true"),
+     "bluezAdapterSetProperty Powered failed : ", "Not able to set Powered property to 1",
+     adapterSetSignature, "Successfully set Powered property to 1"},
+    {"PoweredOff", [](BluetoothManager& m) { return m.adapterActivate(false); },
+     adapterSet("Powered", "false"),
+     "bluezAdapterSetProperty Powered failed : ", "Not able to set Powered property to 0",
+     adapterSetSignature, "Successfully set Powered property to 0"},
+    {"Discoverable", [](BluetoothManager& m) { return m.adapterSetDiscoverable(true); },
+     adapterSet("Discoverable", "true"), "bluezAdapterSetProperty Discoverable failed : ",
+     "Not able to set Discoverable property", adapterSetSignature},
+    {"DiscoverableTimeout", [](BluetoothManager& m) { return m.adapterSetDiscoverableTimeout(-1); },
+     adapterSet("DiscoverableTimeout", "uint32 4294967295"),
+     "bluezAdapterSetProperty DiscoverableTimeout failed : ",
+     "Not able to set DiscoverableTimeout property", adapterSetSignature},
+    {"Pairable", [](BluetoothManager& m) { return m.adapterSetPairable(false); },
+     adapterSet("Pairable", "false"), "bluezAdapterSetProperty Pairable failed : ",
+     "Not able to set Pairable property", adapterSetSignature},
+    {"PairableTimeout", [](BluetoothManager& m) { return m.adapterSetPairableTimeout(300); },
+     adapterSet("PairableTimeout", "uint32 300"),
+     "bluezAdapterSetProperty PairableTimeout failed : ",
+     "Not able to set PairableTimeout property", adapterSetSignature},
+    {"Alias", [](BluetoothManager& m) { return m.adapterSetName(""); }, adapterSet("Alias", "''"),
+     "bluezAdapterSetProperty Alias failed : ", "Not able to set Alias property",
+     adapterSetSignature},
+    {"Trusted", [](BluetoothManager& m) { return m.deviceSetTrusted(address, true); },
+     trusted("true"), "bluezDeviceSetProperty : ", "Not able to set Trusted property",
+     deviceSetSignature},
+};
+
+}  // namespace
+
+class OnTheBus : public ManagerTest, public testing::WithParamInterface<Operation> {};
+
+TEST_P(OnTheBus, SendsItsMessageAndReportsARefusalTwice) {
+    const Operation& operation = GetParam();
+    bluez.setDevices({{address, "Phone"}});
+    EXPECT_TRUE(operation.run(manager()));
+    EXPECT_THAT(happened({Kind::BUS}), ElementsAre(operation.sent));
+    if (operation.success != nullptr) {
+        EXPECT_THAT(log(), ElementsAre(std::string("DEBUG ") + operation.success));
+    } else {
+        EXPECT_THAT(log(), IsEmpty());
+    }
+
+    forget();
+    bluez.fail("/org/bluez*", "*", refused, "Operation refused");
+    EXPECT_FALSE(operation.run(manager()));
+    EXPECT_EQ(happened({Kind::BUS}).size(), 1U) << "nothing is tried twice";
+    const auto records = edges().log();
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0].level, "ERROR");
+    EXPECT_EQ(records[0].message, std::string(operation.detail) +
+                                      "GDBus.Error:org.bluez.Error.Failed: Operation refused");
+    EXPECT_EQ(records[0].function, operation.signature);
+    EXPECT_EQ(records[0].file, "BluezCalls.cpp");
+    EXPECT_EQ(records[1].level, "ERROR");
+    EXPECT_EQ(records[1].message, operation.record);
+}
+
+INSTANTIATE_TEST_SUITE_P(Call, OnTheBus, testing::ValuesIn(calls),
+                         [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Write, OnTheBus, testing::ValuesIn(writes),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+class PropertyWrites : public ManagerTest {};
+
+TEST_F(PropertyWrites, LogTheWriteThenTheProperty) {
+    bluez.fail("/org/bluez*", "Set *", refused, "No");
+    manager().deviceSetTrusted(address, false);
+    manager().adapterSetPairable(true);
+    EXPECT_THAT(log(),
+                ElementsAre("ERROR bluezDeviceSetProperty : GDBus.Error:org.bluez.Error.Failed: No",
+                            "ERROR Not able to set Trusted property",
+                            "ERROR bluezAdapterSetProperty Pairable failed : "
+                            "GDBus.Error:org.bluez.Error.Failed: No",
+                            "ERROR Not able to set Pairable property"));
+}
+
+class BluezCalls : public ManagerTest {};
+
+TEST_F(BluezCalls, FailWithTheBussOwnMessageWhenBluezIsGone) {
+    bluez.release("org.bluez");
+    EXPECT_EQ(manager().bluezDeviceCallMethod("Pair", "AA_BB_CC_DD_EE_FF"), 1);
+    ASSERT_EQ(edges().log().size(), 1U);
+    EXPECT_THAT(
+        edges().log()[0].message,
+        testing::StartsWith("bluezDeviceCallMethod : GDBus.Error:org.freedesktop.DBus.Error."
+                            "ServiceUnknown: "));
+}
+
+TEST_F(BluezCalls, TakeAReplyOfAnyTypeAndAnyDelay) {
+    bluez.reply("/org/bluez/hci0", "StartDiscovery", "('unexpected', uint32 7)", 0,
+                std::chrono::milliseconds(200));
+    EXPECT_EQ(manager().bluezAdapterCallMethod("StartDiscovery", ""), 0);
+}
+
+TEST_F(BluezCalls, AddressesBecomePartsOfPathsByTheirColonsAlone) {
+    const auto part = [this](const char* text) {
+        return manager().convertMacAddressToBluezDbusFormat(text);
+    };
+    EXPECT_EQ(part("00:1A:7d:DA:71:13"), "00_1A_7d_DA_71_13");
+    EXPECT_EQ(part(""), "");
+    EXPECT_EQ(part("no address"), "no address");
+    EXPECT_THROW(part(nullptr), std::logic_error);
+}
+
+// GDBus refuses to send a path that is none, with a critical warning and no error.
+TEST_F(BluezCalls, ANameThatMakesNoObjectPathFailsLikeAnyOther) {
+    EXPECT_FALSE(manager().connectDevice("no address"));
+    EXPECT_FALSE(manager().deletePairedDevice("no address"));
+    EXPECT_FALSE(manager().deviceSetTrusted("no address", true));
+    EXPECT_FALSE(manager().adapterSetName("not \xFF UTF-8"));
+    EXPECT_EQ(log().size(), 8U);
+}
+
+class AgentRegister : public ManagerTest {};
+
+TEST_F(AgentRegister, RegistersThenBecomesTheDefault) {
+    EXPECT_TRUE(manager().agentRegister(true));
+    EXPECT_THAT(
+        happened({Kind::BUS}),
+        ElementsAre(agentCall("RegisterAgent", "(objectpath '/org/corvane', 'NoInputNoOutput')"),
+                    agentCall("RequestDefaultAgent", "(objectpath '/org/corvane',)")));
+}
+
+TEST_F(AgentRegister, StopsWhenItCannotRegister) {
+    bluez.fail("/org/bluez", "RegisterAgent", refused, "No");
+    EXPECT_FALSE(manager().agentRegister(true));
+    EXPECT_EQ(happened({Kind::BUS}).size(), 1U);
+    EXPECT_EQ(log().back(), "ERROR Not able to register agent");
+}
+
+TEST_F(AgentRegister, LeavesTheRegistrationWhenItCannotBeTheDefault) {
+    bluez.fail("/org/bluez", "RequestDefaultAgent", refused, "No");
+    EXPECT_FALSE(manager().agentRegister(true));
+    EXPECT_EQ(happened({Kind::BUS}).size(), 2U) << "nothing is taken back";
+    EXPECT_EQ(log().back(), "ERROR Not able to request default agent");
+}

@@ -1,0 +1,308 @@
+#include "Edges.h"
+#include "ManagerTest.h"
+
+#include <algorithm>
+
+using namespace corvane::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr char address[] = "AA:BB:CC:DD:EE:FF";
+
+BluetoothConnectionInfo record(const char* name, std::uint32_t deviceClass = 0) {
+    BluetoothConnectionInfo info;
+    info.macAddress = address;
+    info.name = name;
+    info.deviceClass = deviceClass;
+    return info;
+}
+
+BluetoothDeviceListType listType(int number) {
+    return static_cast<BluetoothDeviceListType>(number);
+}
+
+}  // namespace
+
+class DeviceScan : public ManagerTest {
+protected:
+    /// Makes BlueZ report one object with these interfaces, in GVariant text form.
+    void report(const std::string& interfaces) {
+        bluez.reply("/", "GetManagedObjects",
+                    "({@o '/org/bluez/hci0/dev_1': @a{sa{sv}} " + interfaces + "},)");
+    }
+
+    std::vector<BluetoothConnectionInfo> scan(BluetoothDeviceListType type = ALL_DEVICES) {
+        EXPECT_TRUE(manager().scanDevicesInfo());
+        return manager().getBluetoothDeviceInfoList(type);
+    }
+};
+
+TEST_F(DeviceScan, FillsTheThreeListsInBluezsOrder) {
+    bluez.setDevices(
+        {{"00:00:00:00:00:03", "Phone", 0x5A020C, true, true, "bluetooth:v004Cp0269d0001"},
+         {"00:00:00:00:00:01", "Speaker", 0x240414, true, false},
+         {"00:00:00:00:00:02", "Tag", 0, false, true}});
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(ALL_DEVICES),
+                ElementsAre("Phone", "Speaker", "Tag"));
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(PAIRED_DEVICES),
+                ElementsAre("Phone", "Speaker"));
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(CONNECTED_DEVICES),
+                ElementsAre("Phone", "Tag"));
+    for (const auto type : {ALL_DEVICES, PAIRED_DEVICES, CONNECTED_DEVICES}) {
+        const auto phone = manager().getBluetoothDeviceInfoList(type).front();
+        EXPECT_EQ(phone.macAddress, "00:00:00:00:00:03");
+        EXPECT_EQ(phone.deviceClass, 0x5A020CU);
+        EXPECT_EQ(phone.vendorId, BluetoothManager::appleVendorId);
+        EXPECT_EQ(phone.productId, 0x0269);
+        EXPECT_EQ(phone.versionId, 1);
+    }
+    EXPECT_THAT(happened({Kind::BUS}),
+                ElementsAre("org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects ()"));
+    EXPECT_THAT(log(), IsEmpty());
+
+    bluez.setDevices({{"00:00:00:00:00:01", "Speaker", 0x240414, true, false}});
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(ALL_DEVICES), ElementsAre("Speaker"));
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(CONNECTED_DEVICES), IsEmpty());
+}
+
+TEST_F(DeviceScan, MissingPropertiesTakeTheirDefaults) {
+    report("{'org.bluez.Device1': @a{sv} {}}");
+    const auto bare = scan();
+    ASSERT_EQ(bare.size(), 1U);
+    EXPECT_EQ(bare[0].macAddress, "");
+    EXPECT_EQ(bare[0].name, "");
+    EXPECT_EQ(bare[0].deviceClass + bare[0].vendorId + bare[0].productId + bare[0].versionId, 0U);
+
+    report("{'org.bluez.Device1': {'Address': <'A'>, 'Name': <''>, 'Alias': <'Other'>}}");
+    EXPECT_EQ(scan().at(0).name, "A") << "the address stands in for an empty name, not the alias";
+}
+
+TEST_F(DeviceScan, IgnoresKnownPropertiesOfAnotherType) {
+    report(
+        "{'org.bluez.Device1': {'Address': <objectpath '/a'>, 'Name': <b'bytes'>, "
+        "'Class': <int32 5898764>, 'Paired': <'true'>, 'Connected': <byte 1>, "
+        "'Modalias': <['bluetooth:v004Cp0269d0001']>, 'address': <'lower case'>, "
+        "'RSSI': <int16 -40>}}");
+    const auto all = scan();
+    ASSERT_EQ(all.size(), 1U);
+    EXPECT_EQ(all[0].macAddress + all[0].name, "");
+    EXPECT_EQ(all[0].deviceClass + all[0].vendorId, 0U);
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(PAIRED_DEVICES), 0U);
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(CONNECTED_DEVICES), 0U);
+}
+
+TEST_F(DeviceScan, TheLaterOfTwoPropertiesWins) {
+    report(
+        "{'org.bluez.Device1': {'Address': <'A'>, 'Name': <'first'>, 'Paired': <true>, "
+        "'Class': <uint32 1>, 'Name': <'second'>, 'Paired': <false>, 'Class': <uint32 2>, "
+        "'Modalias': <'usb:v0001p0002d0003'>, 'Modalias': <'rubbish'>}}");
+    const auto all = scan();
+    EXPECT_EQ(all.at(0).name, "second");
+    EXPECT_EQ(all.at(0).deviceClass, 2U);
+    EXPECT_EQ(all.at(0).vendorId, 0);
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(PAIRED_DEVICES), 0U);
+}
+
+TEST_F(DeviceScan, EveryInterfaceWithDeviceInItsNameYieldsARecord) {
+    report(
+        "{'org.bluez.Device1': {'Name': <'one'>, 'Paired': <true>}, "
+        "'org.bluez.DEVICESet1': @a{sv} {}, "
+        "'com.example.mydevices': {'Name': <'three'>}, "
+        "'org.bluez.Battery1': {'Name': <'none'>}, 'org.bluez.Devic': {'Name': <'none'>}}");
+    manager().scanDevicesInfo();
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(ALL_DEVICES),
+                ElementsAre("one", "", "three"));
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(PAIRED_DEVICES), ElementsAre("one"))
+        << "nothing is carried over to the next record";
+}
+
+TEST_F(DeviceScan, NamesFromTheAirComeThroughByteForByte) {
+    const std::vector<std::string> hostile{std::string(248, 'x'),
+                                           "line\nbreak\r\n",
+                                           "\x1B[2J",
+                                           "'; rm -rf \"$HOME\" `id` #",
+                                           "\xEF\xBF\xBD\xEF\xBF\xBD",
+                                           "%s%n%d",
+                                           "Kaf\u00e9 \u202Egpj.exe",
+                                           " "};
+    std::vector<Device> devices;
+    for (const auto& name : hostile) {
+        devices.push_back({"00:00:00:00:00:0" + std::to_string(devices.size()), name});
+    }
+    bluez.setDevices(devices);
+    manager().scanDevicesInfo();
+    EXPECT_EQ(manager().getBluetoothDeviceListNames(ALL_DEVICES), hostile);
+}
+
+TEST_F(DeviceScan, AFailedCallEmptiesTheListsAndIsLoggedOnce) {
+    listDevices({{address, "Phone", 0, true, true}});
+    bluez.fail("/", "GetManagedObjects", "org.freedesktop.DBus.Error.NoReply", "late", 1);
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 0U);
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(PAIRED_DEVICES), 0U);
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(CONNECTED_DEVICES), 0U);
+    const auto records = edges().log();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].level + records[0].message,
+              "ERRORUnable to get result for GetManagedObjects");
+    EXPECT_EQ(records[0].function,
+              "static void BluetoothManager::bluezListDevices(GDBusConnection*, GAsyncResult*, "
+              "gpointer)");
+
+    forget();
+    bluez.reply("/", "GetManagedObjects", "('no objects',)", 1);
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    bluez.release("org.bluez");
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 0U);
+    EXPECT_THAT(log(), ElementsAre("ERROR Unable to get result for GetManagedObjects",
+                                   "ERROR Unable to get result for GetManagedObjects"));
+}
+
+TEST_F(DeviceScan, WaitsForALateReply) {
+    bluez.setDevices({{address, "Phone"}}, 0, std::chrono::milliseconds(300));
+    EXPECT_EQ(scan().size(), 1U);
+}
+
+struct ModaliasCase {
+    const char* name;
+    std::string text;
+    unsigned vendor, product, version;
+};
+
+class Modalias : public ManagerTest, public testing::WithParamInterface<ModaliasCase> {};
+
+TEST_P(Modalias, GivesAllThreeIdsOrNone) {
+    const ModaliasIds ids = manager().parseModalias(GetParam().text);
+    EXPECT_EQ(ids.vendorId, GetParam().vendor);
+    EXPECT_EQ(ids.productId, GetParam().product);
+    EXPECT_EQ(ids.versionId, GetParam().version);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Text, Modalias,
+    testing::Values(ModaliasCase{"Empty", "", 0, 0, 0},
+                    ModaliasCase{"Bluetooth", "bluetooth:v004Cp0269d0001", 0x4C, 0x269, 1},
+                    ModaliasCase{"LowerCaseDigits", "usb:v1d6bp0246dfffF", 0x1D6B, 0x246, 0xFFFF},
+                    ModaliasCase{"FewDigits", "usb:v1p0002d3", 1, 2, 3},
+                    ModaliasCase{"TheVersionsLetterIsADigitToo", "usb:v1p2d3", 0, 0, 0},
+                    ModaliasCase{"MoreBehind", "usb:v0001p0002d00034dc00", 1, 2, 3},
+                    ModaliasCase{"FiveDigits", "usb:v00012p0002d0003", 0, 0, 0},
+                    ModaliasCase{"VendorOnly", "bluetooth:v004C", 0, 0, 0},
+                    ModaliasCase{"NoVersion", "bluetooth:v004Cp0269d", 0, 0, 0},
+                    ModaliasCase{"NoPrefix", ":v004Cp0269d0001", 0, 0, 0},
+                    ModaliasCase{"UpperCasePrefix", "USB:v004Cp0269d0001", 0, 0, 0},
+                    ModaliasCase{"Long", std::string(100000, 'a'), 0, 0, 0}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+class DeviceLists : public ManagerTest {};
+
+TEST_F(DeviceLists, EveryNumberSelectsAList) {
+    manager().addNewDeviceToList(listType(7), record("all"));
+    manager().addNewDeviceToList(listType(1), record("paired"));
+    manager().addNewDeviceToList(listType(2), record("connected"));
+    manager().addNewDeviceToList(listType(-1), record("all"));
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(ALL_DEVICES), ElementsAre("all", "all"))
+        << "the same record twice makes two entries";
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(PAIRED_DEVICES), ElementsAre("paired"));
+    EXPECT_THAT(manager().getBluetoothDeviceListNames(CONNECTED_DEVICES), ElementsAre("connected"));
+    EXPECT_EQ(&manager().getBluetoothDeviceList(listType(99)),
+              &manager().getBluetoothDeviceList(ALL_DEVICES));
+}
+
+class Lookups : public ManagerTest {};
+
+TEST_F(Lookups, AnswerFromTheFirstRecordOfThatVeryName) {
+    listDevices({{"00:00:00:00:00:01", "speaker", 0x000540, true},
+                 {"00:00:00:00:00:02", "Speaker", 0x240414, false, true, "usb:v004Cp0001d0001"},
+                 {"00:00:00:00:00:03", "Speaker", 0x5A020C, true},
+                 {"00:00:00:00:00:04", "Speaker "},
+                 {"00:00:00:00:00:05", "My Speaker"}});
+    EXPECT_EQ(manager().getDeviceMacAddress(ALL_DEVICES, "Speaker"), "00:00:00:00:00:02");
+    EXPECT_EQ(manager().getDeviceMacAddress(PAIRED_DEVICES, "Speaker"), "00:00:00:00:00:03");
+    EXPECT_EQ(manager().getMajorDeviceClass(ALL_DEVICES, "Speaker"), MAJOR_CLASS_AUDIO_VIDEO);
+    EXPECT_TRUE(manager().searchForDevicesName(ALL_DEVICES, "Speaker "));
+    EXPECT_EQ(manager().getVendorId(ALL_DEVICES, "Speaker"), BluetoothManager::appleVendorId);
+    const auto info = manager().getDeviceInfo(CONNECTED_DEVICES, "Speaker");
+    ASSERT_TRUE(info);
+    manager().scanDevicesInfo();
+    EXPECT_EQ(info->macAddress, "00:00:00:00:00:02") << "a copy outlives the next scan";
+}
+
+TEST_F(Lookups, AnswerNeutrallyForAnUnknownName) {
+    for (const bool listed : {false, true}) {
+        if (listed) listDevices({{"00:00:00:00:00:01", "Speaker", 0x240414}});
+        for (const char* name : {"", "speaker", "Speake"}) {
+            EXPECT_EQ(manager().getDeviceMacAddress(ALL_DEVICES, name), "");
+            EXPECT_EQ(manager().getMajorDeviceClass(ALL_DEVICES, name), MAJOR_CLASS_OTHER);
+            EXPECT_FALSE(manager().searchForDevicesName(ALL_DEVICES, name));
+            EXPECT_EQ(manager().getVendorId(ALL_DEVICES, name), 0);
+            EXPECT_FALSE(manager().getDeviceInfo(ALL_DEVICES, name));
+        }
+    }
+}
+
+TEST_F(Lookups, LogBeforeTheyLook) {
+    manager().getDeviceMacAddress(ALL_DEVICES, "X");
+    manager().getMajorDeviceClass(ALL_DEVICES, "X");
+    manager().searchForDevicesName(ALL_DEVICES, "X");
+    manager().getVendorId(ALL_DEVICES, "X");
+    manager().getDeviceInfo(ALL_DEVICES, "X");
+    EXPECT_THAT(log(), ElementsAre("TRACE Searching for X MAC address",
+                                   "TRACE Searching for X class", "TRACE Searching for X..."));
+    EXPECT_EQ(edges().log()[0].function,
+              "std::string BluetoothManager::getDeviceMacAddress(BluetoothDeviceListType, "
+              "std::string)");
+}
+
+struct ClassCase {
+    const char* name;
+    std::uint32_t deviceClass;
+    BluetoothMajorDeviceClassType expected;
+};
+
+class MajorClass : public ManagerTest, public testing::WithParamInterface<ClassCase> {};
+
+TEST_P(MajorClass, FollowsTheFiveBitsFromBit8) {
+    EXPECT_EQ(manager().getMajorDeviceClass(record("x", GetParam().deviceClass)),
+              GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(AssignedNumbers, MajorClass,
+                         testing::Values(ClassCase{"Miscellaneous", 0x000000, MAJOR_CLASS_OTHER},
+                                         ClassCase{"Computer", 0x000100, MAJOR_CLASS_COMPUTER},
+                                         ClassCase{"Phone", 0x5A020C, MAJOR_CLASS_PHONE},
+                                         ClassCase{"AccessPoint", 0x000300, MAJOR_CLASS_OTHER},
+                                         ClassCase{"Headset", 0x240404, MAJOR_CLASS_AUDIO_VIDEO},
+                                         ClassCase{"Keyboard", 0x000540, MAJOR_CLASS_OTHER},
+                                         ClassCase{"Uncategorized", 0x001F00, MAJOR_CLASS_OTHER},
+                                         ClassCase{"AllOtherBits", 0xFFFFE4FF,
+                                                   MAJOR_CLASS_AUDIO_VIDEO}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+class IsPlaybackDevice : public ManagerTest {};
+
+TEST_F(IsPlaybackDevice, IsAWearableHeadsetHandsFreeLoudspeakerOrHeadphones) {
+    for (std::uint32_t minor = 0; minor < 32; ++minor) {
+        const bool expected = minor == 1 || minor == 2 || minor == 5 || minor == 6;
+        EXPECT_EQ(manager().isPlaybackDevice(record("x", 0x200400 | (minor << 2))), expected)
+            << minor;
+    }
+    forget();
+    EXPECT_FALSE(manager().isPlaybackDevice(record("Phone", 0x5A0204)));
+    EXPECT_THAT(log(), IsEmpty());
+}
+
+TEST_F(IsPlaybackDevice, IgnoresBit7) {
+    EXPECT_TRUE(manager().isPlaybackDevice(record("Headset", 0x240484)));
+    EXPECT_FALSE(manager().isPlaybackDevice(record("Car", 0x2004A0)));
+    const std::string signature =
+        "DEBUG bool BluetoothManager::isPlaybackDevice(const BluetoothConnectionInfo&)";
+    EXPECT_THAT(log(), ElementsAre(signature + " minor device class of Headset : 1",
+                                   signature + "Headset is a playback device",
+                                   signature + " minor device class of Car : 8"));
+}

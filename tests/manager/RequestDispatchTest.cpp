@@ -1,0 +1,171 @@
+#include "Edges.h"
+#include "ManagerTest.h"
+#include "bluetoothRequests/ConnectBluetoothRequest.h"
+#include "bluetoothRequests/DisconnectBluetoothRequest.h"
+#include "bluetoothRequests/ScanBluetoothRequest.h"
+#include "bluetoothRequests/WaitBluetoothPairingRequest.h"
+#include "hwcommon/DBusBluetoothHidProxy.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <atomic>
+#include <memory>
+#include <random>
+#include <utility>
+
+using namespace corvane::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr char headset[] = "00:00:00:00:00:01";
+
+/// A request that a test holds up and lets go.
+class HeldRequest : public BluetoothRequest {
+public:
+    using BluetoothRequest::BluetoothRequest;
+    ~HeldRequest() override { ++destroyed; }
+
+    void executeRequest() override {
+        runningFlag = true;
+        started = true;
+        eventually([this] { return released.load() || cancelFlag.load(); });
+        answer(cancelFlag.load() ? REQUEST_CANCELLED : REQUEST_SUCCESS);
+        runningFlag = false;
+    }
+    void requestCancelFallback() override { ADD_FAILURE() << "nothing calls this"; }
+
+    std::atomic<bool> started{false};
+    std::atomic<bool> released{false};
+    static inline std::atomic<int> destroyed{0};
+};
+
+}  // namespace
+
+class MakeRequest : public ManagerTest {
+protected:
+    std::shared_ptr<HeldRequest> startHeld() {
+        auto request = std::make_shared<HeldRequest>(answers.callback());
+        start(request);
+        EXPECT_TRUE(eventually([&] { return request->started.load(); }));
+        return request;
+    }
+};
+
+TEST_F(MakeRequest, RefusesASecondRequestWhileTheFirstRuns) {
+    const auto first = startHeld();
+    forget();
+    EXPECT_FALSE(manager().makeRequest(std::make_shared<ScanBluetoothRequest>()));
+    ASSERT_THAT(log(), ElementsAre("DEBUG Ongoing Bluetooth request: Generic BluetoothRequest"));
+    EXPECT_EQ(edges().log()[0].function,
+              "bool BluetoothManager::makeRequest(std::shared_ptr<BluetoothRequest>)");
+    EXPECT_EQ(HeldRequest::destroyed, 0);
+    first->released = true;
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+}
+
+TEST_F(MakeRequest, ReleasesTheRequestBeforeWhenItTakesTheNext) {
+    auto first = startHeld();
+    first->released = true;
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+    ASSERT_TRUE(eventually([&] { return !first->isStillRunning(); }));
+    first.reset();
+    EXPECT_EQ(HeldRequest::destroyed, 0) << "the manager still holds it";
+    const auto second = startHeld();
+    EXPECT_TRUE(eventually([] { return HeldRequest::destroyed == 1; }));
+    second->released = true;
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+}
+
+TEST_F(MakeRequest, RefusesNoRequestAndKeepsTheCurrentOne) {
+    EXPECT_FALSE(manager().makeRequest(nullptr));
+    EXPECT_THAT(log(), ElementsAre("ERROR makeRequest : no request given"));
+    manager().cancelRequest();
+    const auto held = startHeld();
+    EXPECT_FALSE(manager().makeRequest(nullptr));
+    manager().cancelRequest();
+    EXPECT_EQ(answers.next(), REQUEST_CANCELLED);
+}
+
+TEST_F(MakeRequest, CancellingReachesTheRunningRequestOnceForAll) {
+    manager().cancelRequest();
+    const auto first = startHeld();
+    manager().cancelRequest();
+    manager().cancelRequest();
+    EXPECT_EQ(answers.next(), REQUEST_CANCELLED);
+    ASSERT_TRUE(eventually([&] { return !first->isStillRunning(); }));
+    manager().cancelRequest();
+    const auto second = startHeld();
+    second->released = true;
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS) << "the next one is not touched by it";
+    EXPECT_EQ(answers.count(), 2U);
+}
+
+class RequestNames : public testing::Test {};
+
+TEST_F(RequestNames, AreThoseThatTheConstructorsLeave) {
+    const auto callback = [](BluetoothRequestAnswers) {};
+    constexpr char generic[] = "Generic BluetoothRequest";
+    EXPECT_EQ(ScanBluetoothRequest().getRequestName(), "ScanBluetoothRequest");
+    EXPECT_EQ(ScanBluetoothRequest(callback).getRequestName(), generic);
+    EXPECT_EQ(ConnectBluetoothRequest(callback, nullptr, "x").getRequestName(),
+              "ConnectBluetoothRequest");
+    EXPECT_EQ(DisconnectBluetoothRequest().getRequestName(), "DisconnectBluetoothRequest");
+    EXPECT_EQ(DisconnectBluetoothRequest(callback, nullptr, "x").getRequestName(), generic);
+    EXPECT_EQ(WaitBluetoothPairingRequest().getRequestName(), "WaitBluetoothPairingRequest");
+    EXPECT_EQ(WaitBluetoothPairingRequest(callback, "x").getRequestName(), generic);
+}
+
+class RequestsBackToBack : public ManagerTest {};
+
+// To be run under the address and the thread sanitizer as well.
+TEST_F(RequestsBackToBack, EachOfAHundredAnswersExactlyOnceWhateverIsCancelled) {
+    constexpr int rounds = 100;
+    std::mt19937 random(20261122);  // the same run each time
+    const auto chance = [&random](unsigned outOf) { return random() % outOf == 0; };
+    const auto connection = sdbus::createSystemBusConnection();
+    hwcommon::DBusBluetoothHidProxy hid(*connection);
+    listDevices({{headset, "Headset", 0x240404, true, true},
+                 {"00:00:00:00:00:02", "Phone", 0x5A020C, true, true},
+                 {"00:00:00:00:00:03", "Tag", 0, false, false}});
+    const std::vector<std::string> names{"Headset", "Phone", "Tag", "Nobody"};
+
+    std::vector<std::unique_ptr<std::atomic<int>>> counts;
+    for (int i = 0; i < rounds; ++i) {
+        counts.push_back(std::make_unique<std::atomic<int>>(0));
+        std::atomic<int>& count = *counts.back();
+        const auto callback = [&count](BluetoothRequestAnswers) { ++count; };
+        const std::string& name = names[random() % names.size()];
+        std::shared_ptr<BluetoothRequest> request;
+        bool cancel = chance(2);
+        switch (random() % 4) {
+            case 0:
+                request = std::make_shared<ScanBluetoothRequest>(callback);
+                cancel = true;  // ten seconds otherwise
+                break;
+            case 1:
+                request = std::make_shared<ConnectBluetoothRequest>(callback, &hid, name);
+                break;
+            case 2:
+                request = std::make_shared<DisconnectBluetoothRequest>(callback, &hid, name);
+                break;
+            default:
+                request = std::make_shared<WaitBluetoothPairingRequest>(callback, name);
+        }
+        if (cancel && chance(4)) request->cancelRequest();
+        start(request);
+        // Let some of them get further than others.
+        if (cancel && chance(2)) {
+            eventually([&, target = random() % 2000] { return random() % 2000 > target; });
+        }
+        if (cancel) manager().cancelRequest();
+        ASSERT_TRUE(eventually([&] { return count > 0; })) << "round " << i;
+    }
+    ASSERT_TRUE(eventually([this] {
+        return manager().makeRequest(
+            std::make_shared<ConnectBluetoothRequest>(answers.callback(), nullptr, "Nobody"));
+    }));
+    EXPECT_EQ(answers.next(), REQUEST_FAILED);
+    for (const auto& count : counts) EXPECT_EQ(*count, 1);
+}

@@ -1,0 +1,426 @@
+#include "Edges.h"
+#include "ManagerTest.h"
+#include "bluetoothRequests/ConnectBluetoothRequest.h"
+#include "bluetoothRequests/DisconnectBluetoothRequest.h"
+#include "bluetoothRequests/ScanBluetoothRequest.h"
+#include "bluetoothRequests/WaitBluetoothPairingRequest.h"
+#include "hwcommon/DBusBluetoothHidProxy.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <memory>
+#include <utility>
+
+using namespace corvane::test;
+using std::chrono::milliseconds;
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr char refused[] = "org.bluez.Error.Failed";
+const std::string startDiscovery = adapterCall("StartDiscovery");
+const std::string stopDiscovery = adapterCall("StopDiscovery");
+
+const Device phone{"00:00:00:00:00:01", "Phone", 0x5A020C, true, false};
+const Device computer{"00:00:00:00:00:02", "Computer", 0x000104, true, false};
+const Device speaker{"00:00:00:00:00:03", "Speaker", 0x240414, true, true};
+const Device headphones{"00:00:00:00:00:04", "Headphones", 0x240418, true, false};
+const Device microphone{"00:00:00:00:00:05", "Microphone", 0x240410, true, true};
+const Device keyboard{"00:00:00:00:00:06", "Keyboard", 0x000540, true, true};
+
+Device connected(Device device) {
+    device.connected = true;
+    return device;
+}
+
+Device unpaired(Device device) {
+    device.paired = false;
+    return device;
+}
+
+std::string hidCall(const std::string& method, const Device& device) {
+    return "org.corvane.BluetoothHid /org/corvane/BluetoothHid org.corvane.BluetoothHid1." +
+           method + " ('" + device.address + "',)";
+}
+
+}  // namespace
+
+class RequestTest : public ManagerTest {
+protected:
+    template <class Request, class... Arguments>
+    int run(Arguments&&... arguments) {
+        start(std::make_shared<Request>(answers.callback(), std::forward<Arguments>(arguments)...));
+        return answers.next();
+    }
+
+    /// Runs a request that was cancelled before its thread started.
+    template <class Request, class... Arguments>
+    int runCancelled(Arguments&&... arguments) {
+        const auto request =
+            std::make_shared<Request>(answers.callback(), std::forward<Arguments>(arguments)...);
+        request->cancelRequest();
+        start(request);
+        return answers.next();
+    }
+
+    /// The shape of a callback that asks for the next request.
+    template <class Request, class... Arguments>
+    bool nextIsTakenFromTheCallback(Arguments&&... arguments) {
+        bool running = false;
+        bool taken = false;
+        std::shared_ptr<BluetoothRequest> request;
+        request = std::make_shared<Request>(
+            [&](BluetoothRequestAnswers answer) {
+                running = request->isStillRunning();
+                taken = manager().makeRequest(
+                    std::make_shared<ConnectBluetoothRequest>(nullptr, nullptr, "Nobody"));
+                answers.note(answer);
+            },
+            std::forward<Arguments>(arguments)...);
+        request->cancelRequest();
+        start(request);
+        EXPECT_NE(answers.next(), -1);
+        EXPECT_NE(running, taken);
+        return taken;
+    }
+
+    bool reached(const std::string& call, int times = 1) {
+        return eventually([&] { return bluez.countCalls(call) >= times; });
+    }
+
+    std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
+    hwcommon::DBusBluetoothHidProxy hid{*connection};
+};
+
+class ScanRequest : public RequestTest {};
+
+TEST_F(ScanRequest, EndsJustBeyondTenSeconds) {
+    Clock::stop();
+    bluez.fail("/org/bluez/hci0", "St*Discovery", refused, "No");
+    const auto request = std::make_shared<ScanBluetoothRequest>(answers.callback());
+    start(request);
+    ASSERT_TRUE(reached(startDiscovery));
+    const auto goesRound = [] {
+        return eventually([before = Clock::reads()] { return Clock::reads() > before + 10; });
+    };
+    ASSERT_TRUE(goesRound());
+    Clock::advance(milliseconds(10000) + std::chrono::microseconds(999));
+    ASSERT_TRUE(goesRound());
+    EXPECT_TRUE(request->isStillRunning());
+    EXPECT_EQ(answers.count(), 0U);
+    Clock::advance(milliseconds(1));
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS) << "whether or not BlueZ could discover";
+    EXPECT_THAT(happened({Kind::BUS}), ElementsAre(startDiscovery, stopDiscovery));
+    EXPECT_TRUE(eventually([&] { return !request->isStillRunning(); }));
+}
+
+TEST_F(ScanRequest, AnswersACancellationAtOnce) {
+    Clock::stop();
+    start(std::make_shared<ScanBluetoothRequest>(answers.callback()));
+    ASSERT_TRUE(reached(startDiscovery));
+    manager().cancelRequest();
+    EXPECT_THAT(answers.next(), AnyOf(REQUEST_CANCELLED, REQUEST_FAILED));
+    EXPECT_THAT(happened({Kind::BUS}), ElementsAre(startDiscovery, stopDiscovery));
+    EXPECT_THAT(happened({Kind::SLEEP}), IsEmpty());
+    EXPECT_EQ(answers.count(), 1U);
+}
+
+TEST_F(ScanRequest, CancelledBeforeItStartsStillSwitchesDiscoveryOnAndOff) {
+    EXPECT_EQ(runCancelled<ScanBluetoothRequest>(), REQUEST_FAILED);
+    EXPECT_THAT(happened({Kind::BUS}), ElementsAre(startDiscovery, stopDiscovery));
+}
+
+TEST_F(ScanRequest, StillRunsInItsCallback) {
+    EXPECT_FALSE(nextIsTakenFromTheCallback<ScanBluetoothRequest>());
+}
+
+TEST_F(ScanRequest, RunsWithoutACallback) {
+    const auto request = std::make_shared<ScanBluetoothRequest>();
+    request->cancelRequest();
+    start(request);
+    EXPECT_TRUE(reached(stopDiscovery));
+    EXPECT_TRUE(eventually([&] { return !request->isStillRunning(); }));
+}
+
+class ConnectRequest : public RequestTest {};
+
+TEST_F(ConnectRequest, GoesThroughHidForPhonesAndComputers) {
+    listDevices({phone, computer});
+    EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, "Phone"), REQUEST_SUCCESS);
+    bluez.reply("/org/corvane/BluetoothHid", "Connect", "('Connect success.',)");
+    EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, "Computer"), REQUEST_FAILED);
+    EXPECT_THAT(happened({Kind::BUS}),
+                ElementsAre(hidCall("Connect", phone), hidCall("Connect", computer)));
+    EXPECT_EQ(run<ConnectBluetoothRequest>(nullptr, "Phone"), REQUEST_FAILED) << "no HID service";
+}
+
+TEST_F(ConnectRequest, DisconnectsTheOtherPlaybackDevicesFirst) {
+    const Device second{"00:00:00:00:00:07", "Kitchen", 0x240414, false, true};
+    listDevices({speaker, connected(headphones), microphone, keyboard, connected(phone), second});
+    bluez.fail(speaker.path(), "Disconnect", refused, "No");
+    EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, "Headphones"), REQUEST_SUCCESS);
+    EXPECT_THAT(happened({Kind::BUS}), ElementsAre(deviceCall(speaker.address, "Disconnect"),
+                                                   deviceCall(second.address, "Disconnect"),
+                                                   deviceCall(headphones.address, "Connect")))
+        << "the one to connect is left as it is, and connected again";
+    std::vector<std::string> own;
+    for (const auto& record : edges().log()) {
+        if (record.file == "ConnectBluetoothRequest.cpp") own.push_back(record.message);
+    }
+    const std::string signature = "bool ConnectBluetoothRequest::toggleAudioDevices()";
+    EXPECT_THAT(
+        own, ElementsAre(signature + " Disconnecting Speaker", signature + " Disconnecting Kitchen",
+                         signature + " Trying to connect to Headphones"));
+}
+
+TEST_F(ConnectRequest, FallsBackToHidWhenTheAudioConnectionFails) {
+    listDevices({headphones, microphone});
+    bluez.fail(headphones.path(), "Connect", refused, "No");
+    EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, "Headphones"), REQUEST_SUCCESS);
+    EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, "Microphone"), REQUEST_SUCCESS)
+        << "no playback device, so only HID";
+    EXPECT_THAT(happened({Kind::BUS}),
+                ElementsAre(deviceCall(headphones.address, "Connect"),
+                            hidCall("Connect", headphones), hidCall("Connect", microphone)));
+    EXPECT_EQ(run<ConnectBluetoothRequest>(nullptr, "Headphones"), REQUEST_FAILED);
+}
+
+TEST_F(ConnectRequest, RefusesOtherClassesAndDevicesThatAreNotPaired) {
+    listDevices({keyboard, unpaired(phone)});
+    for (const char* name : {"Keyboard", "Phone", "Nobody", ""}) {
+        EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, name), REQUEST_FAILED) << name;
+    }
+    EXPECT_THAT(happened({Kind::BUS}), IsEmpty());
+}
+
+TEST_F(ConnectRequest, CancelledBeforeItStartsDoesNothing) {
+    listDevices({phone});
+    EXPECT_EQ(runCancelled<ConnectBluetoothRequest>(&hid, "Phone"), REQUEST_FAILED);
+    EXPECT_THAT(happened({Kind::BUS}), IsEmpty());
+    EXPECT_THAT(log(), ElementsAre("TRACE Searching for Phone MAC address",
+                                   "TRACE Searching for Phone class"));
+}
+
+TEST_F(ConnectRequest, ACancellationDuringTheAttemptHasNoEffect) {
+    listDevices({phone});
+    bluez.reply("/org/corvane/BluetoothHid", "Connect", "('Connect success',)", 0,
+                milliseconds(300));
+    start(std::make_shared<ConnectBluetoothRequest>(answers.callback(), &hid, "Phone"));
+    ASSERT_TRUE(reached(hidCall("Connect", phone)));
+    manager().cancelRequest();
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+}
+
+TEST_F(ConnectRequest, CallbackMayStartTheNextRequest) {
+    EXPECT_TRUE(nextIsTakenFromTheCallback<ConnectBluetoothRequest>(nullptr, "Nobody"));
+}
+
+class DisconnectRequest : public RequestTest {};
+
+TEST_F(DisconnectRequest, DropsPhonesAndComputersFromHidToo) {
+    listDevices({connected(phone), connected(computer), speaker});
+    bluez.reply("/org/corvane/BluetoothHid", "Disconnect", "('whatever',)");
+    EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Phone"), REQUEST_SUCCESS);
+    EXPECT_EQ(run<DisconnectBluetoothRequest>(nullptr, "Computer"), REQUEST_SUCCESS);
+    EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Speaker"), REQUEST_SUCCESS);
+    EXPECT_THAT(happened({Kind::BUS}),
+                ElementsAre(deviceCall(phone.address, "Disconnect"), hidCall("Disconnect", phone),
+                            deviceCall(computer.address, "Disconnect"),
+                            deviceCall(speaker.address, "Disconnect")));
+}
+
+TEST_F(DisconnectRequest, RetriesUntilItWorks) {
+    listDevices({connected(phone)});
+    bluez.fail(phone.path(), "Disconnect", refused, "No", 3);
+    EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Phone"), REQUEST_SUCCESS);
+    EXPECT_EQ(bluez.countCalls(deviceCall(phone.address, "Disconnect")), 4);
+    EXPECT_EQ(bluez.countCalls(hidCall("Disconnect", phone)), 1);
+}
+
+TEST_F(DisconnectRequest, RetriesUntilCancelled) {
+    listDevices({speaker});
+    bluez.fail(speaker.path(), "Disconnect", refused, "No");
+    start(std::make_shared<DisconnectBluetoothRequest>(answers.callback(), &hid, "Speaker"));
+    ASSERT_TRUE(reached(deviceCall(speaker.address, "Disconnect"), 5));
+    manager().cancelRequest();
+    EXPECT_EQ(answers.next(), REQUEST_FAILED);
+    EXPECT_THAT(happened({Kind::SLEEP}), IsEmpty());
+}
+
+TEST_F(DisconnectRequest, TakesAddressAndClassFromTheirLists) {
+    listDevices({headphones});
+    start(std::make_shared<DisconnectBluetoothRequest>(answers.callback(), &hid, "Headphones"));
+    ASSERT_TRUE(reached(deviceCall("", "Disconnect"), 2)) << "not connected: no address";
+    manager().cancelRequest();
+    EXPECT_EQ(answers.next(), REQUEST_FAILED);
+    EXPECT_EQ(bluez.countCalls(deviceCall(headphones.address, "Disconnect")), 0);
+}
+
+TEST_F(DisconnectRequest, RefusesOtherClassesUnknownNamesAndACancelledStart) {
+    listDevices({keyboard, speaker});
+    EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Keyboard"), REQUEST_FAILED);
+    EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Nobody"), REQUEST_FAILED);
+    EXPECT_EQ(runCancelled<DisconnectBluetoothRequest>(&hid, "Speaker"), REQUEST_FAILED);
+    EXPECT_THAT(happened({Kind::BUS}), IsEmpty());
+}
+
+TEST_F(DisconnectRequest, StillRunsInItsCallback) {
+    EXPECT_FALSE(nextIsTakenFromTheCallback<DisconnectBluetoothRequest>(nullptr, "Nobody"));
+}
+
+class WaitRequest : public RequestTest {
+protected:
+    std::string trusted(const Device& device) {
+        return "org.bluez " + device.path() +
+               " org.freedesktop.DBus.Properties.Set ('org.bluez.Device1', 'Trusted', <true>)";
+    }
+
+    /// Starts a wait for the phone with the clock stopped; returns when it waits for a late reply
+    /// of its first pass.
+    void startAndHold(const Device& device) {
+        listDevices({device});
+        bluez.setDevices({device}, 0, milliseconds(300));
+        bluez.setDevices({device}, 1);  // the scan before the loop
+        Clock::stop();
+        start(std::make_shared<WaitBluetoothPairingRequest>(answers.callback(), device.name));
+        ASSERT_TRUE(reached(scan, 2));
+    }
+
+    const std::string scan = "GetManagedObjects";
+};
+
+TEST_F(WaitRequest, TrustsBeforeItMakesTheAdapterDiscoverable) {
+    EXPECT_EQ(run<WaitBluetoothPairingRequest>("Nobody"), REQUEST_FAILED) << "class not known";
+    EXPECT_THAT(happened({Kind::BUS}),
+                ElementsAre(trusted(Device{"", ""}), adapterSet("Discoverable", "true"),
+                            adapterSet("DiscoverableTimeout", "uint32 300"),
+                            "org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects ()"));
+    EXPECT_EQ(log()[2], "ERROR Not able to set Trusted property");
+    listDevices({keyboard});
+    EXPECT_EQ(run<WaitBluetoothPairingRequest>("Keyboard"), REQUEST_FAILED);
+    EXPECT_EQ(happened({Kind::BUS}).front(), trusted(keyboard));
+    EXPECT_EQ(bluez.countCalls(scan), 1) << "no waiting";
+}
+
+TEST_F(WaitRequest, APhoneThatConnectsOnTheThirdPassSucceeds) {
+    listDevices({phone});
+    bluez.setDevices({connected(phone)});
+    bluez.setDevices({phone}, 3);
+    EXPECT_EQ(run<WaitBluetoothPairingRequest>("Phone"), REQUEST_SUCCESS);
+    EXPECT_EQ(bluez.countCalls(scan), 4) << "one before the loop";
+    EXPECT_EQ(bluez.countCalls("Pair"), 0) << "the remote side pairs";
+    EXPECT_EQ(answers.count(), 1U);
+}
+
+TEST_F(WaitRequest, TimesOutBeyondAMinute) {
+    listDevices({computer});
+    Clock::stop();
+    const auto request =
+        std::make_shared<WaitBluetoothPairingRequest>(answers.callback(), "Computer");
+    start(request);
+    ASSERT_TRUE(reached(scan, 3));
+    Clock::advance(milliseconds(60000) + std::chrono::microseconds(999));
+    ASSERT_TRUE(reached(scan, bluez.countCalls(scan) + 3));
+    EXPECT_TRUE(request->isStillRunning());
+    EXPECT_EQ(answers.count(), 0U);
+    Clock::advance(milliseconds(1));
+    EXPECT_EQ(answers.next(), REQUEST_TIMEOUT);
+}
+
+TEST_F(WaitRequest, ADeviceThatComesAsTheTimeRunsOutIsTooLate) {
+    startAndHold(connected(phone));
+    Clock::advance(milliseconds(60001));
+    EXPECT_EQ(answers.next(), REQUEST_TIMEOUT);
+}
+
+TEST_F(WaitRequest, CancelledDuringAPassAnswersCancelled) {
+    startAndHold(phone);
+    manager().cancelRequest();
+    EXPECT_EQ(answers.next(), REQUEST_CANCELLED);
+    EXPECT_EQ(bluez.countCalls(scan), 2) << "no further pass";
+}
+
+TEST_F(WaitRequest, ADeviceThatIsFoundOutweighsACancellation) {
+    startAndHold(connected(phone));
+    manager().cancelRequest();
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+}
+
+TEST_F(WaitRequest, CancelledBeforeTheLoopFails) {
+    listDevices({phone, headphones});
+    EXPECT_EQ(runCancelled<WaitBluetoothPairingRequest>("Phone"), REQUEST_FAILED);
+    EXPECT_EQ(runCancelled<WaitBluetoothPairingRequest>("Headphones"), REQUEST_FAILED);
+    EXPECT_EQ(bluez.countCalls(scan), 2) << "only the one before the loop";
+    EXPECT_EQ(bluez.countCalls("Pair "), 0);
+    EXPECT_EQ(bluez.countCalls("'Discoverable'"), 2);
+}
+
+struct AudioCase {
+    const char* name;
+    bool pairs;
+    bool connects;
+    bool paired;
+    std::uint32_t deviceClass;
+    bool triesToConnect;
+    int answer;
+};
+
+class WaitForAudio : public WaitRequest, public testing::WithParamInterface<AudioCase> {};
+
+TEST_P(WaitForAudio, PairsThenConnectsAPlaybackDevice) {
+    const AudioCase& row = GetParam();
+    Device device = headphones;
+    device.deviceClass = row.deviceClass;
+    device.paired = row.paired;
+    listDevices({device});
+    if (!row.pairs) bluez.fail(device.path(), "Pair", refused, "No");
+    if (!row.connects) bluez.fail(device.path(), "Connect", refused, "No");
+    EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), row.answer);
+    EXPECT_EQ(bluez.countCalls(deviceCall(device.address, "Pair")), 1);
+    EXPECT_EQ(bluez.countCalls(deviceCall(device.address, "Connect")), row.triesToConnect);
+    EXPECT_EQ(bluez.countCalls(scan), 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Audio, WaitForAudio,
+                         testing::Values(AudioCase{"Works", true, true, true, 0x240418, true,
+                                                   REQUEST_SUCCESS},
+                                         AudioCase{"ConnectionFails", true, false, true, 0x240418,
+                                                   true, REQUEST_CONNECT_FAILED},
+                                         AudioCase{"PairingAndConnectionFail", false, false, true,
+                                                   0x240418, true, REQUEST_CONNECT_FAILED},
+                                         AudioCase{"NotPairedAfterwards", true, true, false,
+                                                   0x240418, false, REQUEST_DEVICE_NOT_FOUND},
+                                         AudioCase{"NoPlaybackDevice", true, true, true, 0x240410,
+                                                   false, REQUEST_SUCCESS},
+                                         AudioCase{"NoPlaybackDevicePairingFails", false, true,
+                                                   true, 0x240410, false, REQUEST_FAILED}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(WaitRequest, KeepsTheFailedPairingsAnswerAfterAConnection) {
+    listDevices({headphones});
+    bluez.fail(headphones.path(), "Pair", refused, "No");
+    EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), REQUEST_FAILED);
+    EXPECT_EQ(bluez.countCalls(deviceCall(headphones.address, "Connect")), 1);
+}
+
+TEST_F(WaitRequest, ConnectsTheAddressThatThePairedListHas) {
+    const Device after{"00:00:00:00:00:44", headphones.name, headphones.deviceClass, true};
+    bluez.setDevices({after});
+    EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), REQUEST_FAILED)
+        << "not known before: an empty address cannot be paired";
+    EXPECT_EQ(bluez.countCalls(deviceCall("", "Pair")), 1);
+    EXPECT_EQ(bluez.countCalls(deviceCall(after.address, "Connect")), 1);
+}
+
+TEST_F(WaitRequest, StillRunsInItsCallback) {
+    EXPECT_FALSE(nextIsTakenFromTheCallback<WaitBluetoothPairingRequest>("Nobody"));
+}
+
+TEST_F(WaitRequest, RunsWithoutNameAndCallback) {
+    const auto request = std::make_shared<WaitBluetoothPairingRequest>();
+    start(request);
+    EXPECT_TRUE(reached(scan));
+    EXPECT_TRUE(eventually([&] { return !request->isStillRunning(); }));
+}

@@ -1,0 +1,242 @@
+#include "Edges.h"
+#include "ManagerTest.h"
+
+#include <string>
+
+using namespace corvane::test;
+using testing::Contains;
+using testing::ElementsAre;
+
+namespace {
+
+constexpr char refused[] = "GDBus.Error:org.bluez.Error.Failed: No";
+
+/// The adapter's settings that were tried, in order.
+std::string settings(const std::vector<std::string>& events) {
+    const std::vector<std::pair<const char*, const char*>> names{
+        {"'Powered'", "power "},
+        {".RegisterAgent", "agent "},
+        {"RequestDefaultAgent", "default "},
+        {"0x400448DD", "scan "},
+        {"'Alias'", "name "},
+        {"'Pairable'", "pairable "},
+        {"'PairableTimeout'", "timeout "},
+        {"hci_write_class", "class "},
+        {"0x400448E2", "link "}};
+    std::string result;
+    for (const std::string& event : events) {
+        for (const auto& [text, name] : names) {
+            if (event.find(text) != std::string::npos) result += name;
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+struct BringUpCase {
+    const char* name;
+    const char* member;  // the one that BlueZ refuses; null: an HCI call fails
+    const char* hci;
+    bool result;
+    const char* tried;
+    std::vector<std::string> errors;
+};
+
+class BringUp : public ManagerTest, public testing::WithParamInterface<BringUpCase> {};
+
+TEST_P(BringUp, GoesAsFarAsEachFailureLetsIt) {
+    const BringUpCase& row = GetParam();
+    if (row.member != nullptr) bluez.fail("*", row.member, "org.bluez.Error.Failed", "No");
+    if (row.hci != nullptr) edges().failingHci = {row.hci};
+    EXPECT_EQ(manager().setBluetoothComponents(true), row.result);
+    EXPECT_EQ(settings(happened({Kind::BUS, Kind::HCI})), row.tried);
+    std::vector<std::string> errors;
+    for (const auto& record : edges().log()) {
+        if (record.level == "ERROR") errors.push_back(record.message);
+    }
+    EXPECT_EQ(errors, row.errors);
+    EXPECT_EQ(log().front(), "DEBUG setBluetoothComponents : 1");
+}
+
+const std::string adapterRefusal = "bluezAdapterSetProperty ";
+const std::string pairableFailed =
+    "setBluetoothComponents : failed to configure pairable properties";
+
+INSTANTIATE_TEST_SUITE_P(
+    Failing, BringUp,
+    testing::Values(BringUpCase{"Nothing",
+                                nullptr,
+                                nullptr,
+                                true,
+                                "power agent default scan name pairable timeout class link ",
+                                {}},
+                    BringUpCase{"Power",
+                                "Set Powered",
+                                nullptr,
+                                true,
+                                "power agent default scan name pairable timeout class link ",
+                                {adapterRefusal + "Powered failed : " + refused,
+                                 "Not able to set Powered property to 1",
+                                 "setBluetoothComponents : adapterActivate failed"}},
+                    BringUpCase{"Agent",
+                                "RegisterAgent",
+                                nullptr,
+                                false,
+                                "power agent link ",
+                                {std::string("bluezAgentCallMethod : ") + refused,
+                                 "Not able to register agent"}},
+                    BringUpCase{"ScanMode",
+                                nullptr,
+                                "ioctl",
+                                false,
+                                "power agent default scan link ",
+                                {"Can't set scan mode on hci", "Can't set MASTER mode on hci"}},
+                    BringUpCase{"Name",
+                                "Set Alias",
+                                nullptr,
+                                false,
+                                "power agent default scan name link ",
+                                {adapterRefusal + "Alias failed : " + refused,
+                                 "Not able to set Alias property"}},
+                    BringUpCase{"Pairable",
+                                "Set Pairable",
+                                nullptr,
+                                false,
+                                "power agent default scan name pairable class link ",
+                                {adapterRefusal + "Pairable failed : " + refused,
+                                 "Not able to set Pairable property", pairableFailed}},
+                    BringUpCase{"PairableTimeout",
+                                "Set PairableTimeout",
+                                nullptr,
+                                false,
+                                "power agent default scan name pairable timeout class link ",
+                                {adapterRefusal + "PairableTimeout failed : " + refused,
+                                 "Not able to set PairableTimeout property", pairableFailed}},
+                    BringUpCase{"Class",
+                                nullptr,
+                                "hci_write_class_of_dev",
+                                true,
+                                "power agent default scan name pairable timeout class link ",
+                                {"Can not set HCI class"}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+class Stack : public ManagerTest {};
+
+TEST_F(Stack, BringUpGoesOnWithoutTheBusNames) {
+    edges().missingNames = {"org.bluez", "org.freedesktop.DBus"};
+    EXPECT_TRUE(manager().setBluetoothComponents(true)) << "BlueZ came late, yet it answers";
+    EXPECT_THAT(log(), ElementsAre("DEBUG setBluetoothComponents : 1", "INFO hci0 is up.",
+                                   "ERROR setBluetoothDaemon : Cannot start bluetooth daemon!",
+                                   "ERROR setBluetoothComponents : setBluetoothDaemon failed",
+                                   "ERROR setBluetoothComponents : "
+                                   "waitUntilDBusNameExist(FREEDESKTOP_DBUS_NAME) failed",
+                                   "DEBUG Successfully set Powered property to 1"));
+    EXPECT_EQ(edges().log()[2].function, "bool BluetoothManager::setBluetoothDaemon(bool)");
+}
+
+TEST_F(Stack, TearDownAlwaysReturnsFalse) {
+    EXPECT_FALSE(manager().setBluetoothComponents(false));
+    EXPECT_THAT(log(), ElementsAre("DEBUG setBluetoothComponents : 0",
+                                   "DEBUG setBluetoothComponents : Disabling all..",
+                                   "DEBUG Successfully set Powered property to 0"));
+}
+
+TEST_F(Stack, TheDaemonIsStoppedWithoutAWait) {
+    EXPECT_TRUE(manager().setBluetoothDaemon(false));
+    EXPECT_THAT(happened({Kind::SHELL, Kind::SLEEP}),
+                ElementsAre("/sbin/kill_and_wait.sh bluetoothd"));
+}
+
+TEST_F(Stack, ProductFamilyOneRunsNoAudioBridge) {
+    useBoard(2, 1);
+    manager().setBluetoothServices(true);
+    manager().setBluetoothServices(false);
+    EXPECT_THAT(happened({Kind::SHELL}),
+                ElementsAre("start-stop-daemon -S -b -q -m -p /var/run/hw_bluez_hid.pid -x "
+                            "/bin/hw_bluez_hid 7 '" +
+                                GetModelNameStringExternal(MODEL_C200) + "' --no-close;",
+                            "/sbin/kill_and_wait.sh hw_bluez_hid;"));
+}
+
+class SystemLogWatcher : public ManagerTest {
+protected:
+    SystemLogWatcher() { Clock::stop(); }
+
+    bool watch(const std::string& pattern, unsigned timeout, bool act = true) {
+        return manager().execAndWaitForSystemLog(
+            [act] {
+                edges().note(Kind::SHELL, "action");
+                return act;
+            },
+            pattern, timeout);
+    }
+
+    const std::string snapshot = "cp /var/log/messages /tmp/messages_ref";
+    const std::string poll = "popen r diff /var/log/messages /tmp/messages_ref | grep 'up'";
+};
+
+TEST_F(SystemLogWatcher, FindsWhatIsThereAtTheFirstPollWithoutASleep) {
+    manager();
+    edges().pipes = {std::string(5000, 'x')};
+    EXPECT_TRUE(watch("up", 1000));
+    EXPECT_THAT(happened({Kind::SHELL, Kind::SLEEP, Kind::LOG}),
+                ElementsAre(snapshot, "action", poll, "TRACE execAndWaitForSystemLog found : up",
+                            "pclose"));
+}
+
+TEST_F(SystemLogWatcher, PollsEveryQuarterOfASecondUntilItFinds) {
+    manager();
+    edges().pipes = {"", std::nullopt, "x"};
+    EXPECT_TRUE(watch("up", 1000));
+    EXPECT_THAT(
+        happened({Kind::SHELL, Kind::SLEEP, Kind::LOG}),
+        ElementsAre(snapshot, "action", poll, "pclose", "wait 250", poll,
+                    "ERROR execAndWaitForSystemLog command failed: " + poll.substr(8), "wait 250",
+                    poll, "TRACE execAndWaitForSystemLog found : up", "pclose"));
+}
+
+TEST_F(SystemLogWatcher, TimesOutOnlyBeyondTheLimitCountedFromTheCall) {
+    manager();
+    EXPECT_FALSE(watch("up", 500));
+    EXPECT_THAT(happened({Kind::SHELL, Kind::SLEEP, Kind::LOG}),
+                ElementsAre(snapshot, "action", poll, "pclose", "wait 250", poll, "pclose",
+                            "wait 250", poll, "pclose", "wait 250", poll, "pclose",
+                            "ERROR execAndWaitForSystemLog : Timeout while waiting for 'up' in "
+                            "/var/log/messages"))
+        << "500 ms are not yet beyond 500";
+    EXPECT_EQ(edges().log()[0].function,
+              "bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()>, std::string, "
+              "unsigned int)");
+
+    forget();
+    edges().onShell = [](const std::string&) { Clock::advance(std::chrono::milliseconds(1)); };
+    EXPECT_FALSE(watch("up", 0));
+    EXPECT_THAT(happened({Kind::SLEEP}), testing::IsEmpty()) << "the snapshot's time counts";
+}
+
+TEST_F(SystemLogWatcher, SkipsTheWaitWhenTheActionSaysSo) {
+    manager();
+    EXPECT_FALSE(watch("up", 1000, false));
+    EXPECT_THAT(happened({Kind::SHELL, Kind::SLEEP, Kind::LOG}),
+                ElementsAre(snapshot, "action",
+                            "TRACE execAndWaitForSystemLog log monitoring skipped: up"));
+    EXPECT_THROW(manager().execAndWaitForSystemLog(nullptr, "up", 1000), std::bad_function_call);
+}
+
+TEST_F(SystemLogWatcher, EndsInSilenceWhenTheManagerGoes) {
+    manager();
+    edges().notifiedAtWait = 1;
+    EXPECT_FALSE(watch("up", 60000));
+    EXPECT_THAT(
+        happened({Kind::SHELL, Kind::SLEEP, Kind::LOG}),
+        ElementsAre(snapshot, "action", poll, "pclose", "wait 250", poll, "pclose", "wait 250"));
+}
+
+TEST_F(SystemLogWatcher, RefusesASingleQuoteBeforeAnythingRuns) {
+    manager();
+    EXPECT_FALSE(watch("up' /etc/passwd; reboot '", 1000));
+    EXPECT_THAT(happened({Kind::SHELL}), testing::IsEmpty());
+    ASSERT_EQ(edges().log().size(), 1U);
+    EXPECT_EQ(edges().log()[0].level, "ERROR");
+}

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace corvane::test {
+
+/// Everything that the library does to its machine other than over the bus, as told by
+/// Interposed.cpp: nothing reaches the machine that the test runs on.
+enum class Kind { SHELL, GPIO, HCI, FILE, SLEEP, LOG, BUS };
+
+struct Event {
+    std::int64_t time;  // monotonic, microseconds
+    Kind kind;
+    std::string text;
+};
+
+struct LogRecord {
+    std::string level;
+    std::string message;
+    std::string file;  // without its folder
+    std::string function;
+};
+
+/// The machine that the library meets: what its calls find, and what they did.
+///
+/// A test sets the fields up before it calls the library; the events may be read at any time.
+class Edges {
+public:
+    // Files
+    std::set<std::string> paths;          // what exists below /sys
+    std::optional<std::string> flagFile;  // content of /tmp/bluetoothEnabled
+    bool flagReadable = true;
+
+    // GPIO
+    std::map<unsigned, int> levels;
+    std::set<std::string> failingGpio;  // events as below, "export 48"
+
+    // HCI
+    bool hciPresent = true;
+    bool hciUp = true;
+    std::set<std::string> failingHci;  // events as below without their arguments, "hci_open_dev"
+    std::uint32_t adapterClass = 0;
+
+    // Shell commands whose output is read: one entry a call, none: popen itself fails. Later calls
+    // get empty output.
+    std::vector<std::optional<std::string>> pipes;
+    std::function<void(const std::string&)> onShell;  // called for each shell command
+
+    // Waits
+    std::set<std::string> missingNames;  // bus names that do not come
+    int notifiedAtWait = -1;             // this sleep on a Condition is cut short, counted from 0
+    int interruptedSleeps = 0;           // so many nanosleep calls are interrupted half-way
+
+    bool busMissing = false;  // GIO gets no connection
+    bool echoShell = false;   // shell commands go to standard error, for tests that end a process
+
+    void note(Kind kind, std::string text);
+    void note(LogRecord record);
+    std::vector<Event> events() const;
+    std::vector<LogRecord> log() const;
+    void forget();
+
+private:
+    mutable std::mutex mutex;
+    std::vector<Event> noted;
+    std::vector<LogRecord> records;
+};
+
+/// The one machine of this process. Never destroyed: the library uses it while the process ends.
+Edges& edges();
+
+/// std::chrono::steady_clock of the whole process, stopped and moved by hand.
+class Clock {
+public:
+    static void stop();
+    static void advance(std::chrono::nanoseconds by);
+    static bool stopped();
+    /// How often it has been read: shows that a loop on the clock goes round.
+    static std::int64_t reads();
+};
+
+/// Records everything that goes through the library's logger, from TRACE up, instead of printing.
+void captureLog();
+
+}  // namespace corvane::test

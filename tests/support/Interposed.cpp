@@ -1,0 +1,271 @@
+// The machine's side of every call by which the library reaches its machine. The test program
+// exports these definitions, so that the dynamic linker takes them in the place of the C library's,
+// libbluetooth's and the host libraries' own. No command runs, no file or radio is touched.
+
+#include "Edges.h"
+#include "GPIO/GPIOManager.h"
+#include "hwcommon/DBusProxy.h"
+#include "hwcommon/fileUtil.h"
+#include "hwtools/Condition.h"
+
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/hci.h>
+#include <bluetooth/hci_lib.h>
+#include <gio/gio.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using corvane::test::Clock;
+using corvane::test::Edges;
+using corvane::test::edges;
+using corvane::test::Kind;
+
+namespace {
+
+template <class Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+/// A descriptor that counts as open and leads nowhere.
+int openNothing() { return open("/dev/null", O_RDWR | O_CLOEXEC); }
+
+bool failsHci(const std::string& call) { return edges().failingHci.count(call) > 0; }
+
+int hciIoctl(int descriptor, unsigned long request, void* argument) {
+    if (descriptor < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    Edges& machine = edges();
+    if (request == HCIGETDEVINFO) {
+        auto* info = static_cast<hci_dev_info*>(argument);
+        machine.note(Kind::HCI, "HCIGETDEVINFO " + std::to_string(info->dev_id));
+        if (!machine.hciPresent) {
+            errno = ENODEV;
+            return -1;
+        }
+        info->flags = machine.hciUp ? 1U << HCI_UP : 0;
+        return 0;
+    }
+    if (request == HCIDEVUP) {
+        const auto device = static_cast<int>(reinterpret_cast<std::intptr_t>(argument));
+        machine.note(Kind::HCI, "HCIDEVUP " + std::to_string(device));
+        return 0;
+    }
+    const auto* option = static_cast<const hci_dev_req*>(argument);
+    char text[64];
+    std::snprintf(text, sizeof text, "ioctl 0x%08lX dev %u opt 0x%X", request, option->dev_id,
+                  option->dev_opt);
+    machine.note(Kind::HCI, text);
+    if (failsHci("ioctl")) {
+        errno = EIO;
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int system(const char* command) {
+    Edges& machine = edges();
+    machine.note(Kind::SHELL, command);
+    if (machine.echoShell) std::fprintf(stderr, "%s\n", command);
+    if (machine.onShell) machine.onShell(command);
+    return 0;
+}
+
+FILE* popen(const char* command, const char* mode) {
+    Edges& machine = edges();
+    machine.note(Kind::SHELL, std::string("popen ") + mode + " " + command);
+    std::string output;
+    if (!machine.pipes.empty()) {
+        const auto scripted = machine.pipes.front();
+        machine.pipes.erase(machine.pipes.begin());
+        if (!scripted) {
+            errno = EMFILE;
+            return nullptr;
+        }
+        output = *scripted;
+    }
+    FILE* file = std::tmpfile();
+    std::fwrite(output.data(), 1, output.size(), file);
+    std::rewind(file);
+    return file;
+}
+
+int pclose(FILE* file) {
+    edges().note(Kind::SHELL, "pclose");
+    return std::fclose(file);
+}
+
+int socket(int domain, int type, int protocol) noexcept {
+    if (domain != AF_BLUETOOTH) return next<decltype(socket)>("socket")(domain, type, protocol);
+    edges().note(Kind::HCI, "socket " + std::to_string(domain) + " " +
+                                std::to_string(type & ~SOCK_CLOEXEC) + " " +
+                                std::to_string(protocol) +
+                                ((type & SOCK_CLOEXEC) != 0 ? " cloexec" : ""));
+    if (failsHci("socket")) {
+        errno = EAFNOSUPPORT;
+        return -1;
+    }
+    return openNothing();
+}
+
+int ioctl(int descriptor, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (_IOC_TYPE(request) == 'H') return hciIoctl(descriptor, request, argument);
+    return next<decltype(ioctl)>("ioctl")(descriptor, request, argument);
+}
+
+int hci_open_dev(int device) {
+    edges().note(Kind::HCI, "hci_open_dev " + std::to_string(device));
+    return failsHci("hci_open_dev") ? -1 : openNothing();
+}
+
+int hci_read_class_of_dev(int /*device*/, uint8_t* deviceClass, int timeout) {
+    edges().note(Kind::HCI, "hci_read_class_of_dev " + std::to_string(timeout));
+    if (failsHci("hci_read_class_of_dev")) return -1;
+    for (unsigned i = 0; i < 3; ++i) {
+        deviceClass[i] = static_cast<uint8_t>(edges().adapterClass >> (8 * i));
+    }
+    return 0;
+}
+
+int hci_write_class_of_dev(int /*device*/, uint32_t deviceClass, int timeout) {
+    char text[64];
+    std::snprintf(text, sizeof text, "hci_write_class_of_dev 0x%06X %d", deviceClass, timeout);
+    edges().note(Kind::HCI, text);
+    if (failsHci("hci_write_class_of_dev")) return -1;
+    edges().adapterClass = deviceClass;
+    return 0;
+}
+
+int nanosleep(const timespec* requested, timespec* remaining) {
+    Edges& machine = edges();
+    machine.note(Kind::SLEEP, "nanosleep " + std::to_string(requested->tv_sec * 1000 +
+                                                            requested->tv_nsec / 1'000'000));
+    if (machine.interruptedSleeps > 0) {
+        --machine.interruptedSleeps;
+        const auto left = (requested->tv_sec * 1'000'000'000LL + requested->tv_nsec) / 2;
+        if (remaining != nullptr) *remaining = {left / 1'000'000'000, left % 1'000'000'000};
+        errno = EINTR;
+        return -1;
+    }
+    return 0;
+}
+
+GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error) {
+    if (edges().busMissing) return nullptr;
+    return next<decltype(g_bus_get_sync)>("g_bus_get_sync")(type, cancellable, error);
+}
+
+}  // extern "C"
+
+namespace {
+
+std::atomic<std::int64_t> stoppedAt{-1};  // nanoseconds; -1 while it runs
+std::atomic<std::int64_t> clockReads{0};
+
+std::int64_t monotonicNow() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
+}
+
+}  // namespace
+
+std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept {
+    ++clockReads;
+    const std::int64_t fixed = stoppedAt;
+    return time_point(nanoseconds(fixed >= 0 ? fixed : monotonicNow()));
+}
+
+void Clock::stop() { stoppedAt = monotonicNow(); }
+void Clock::advance(std::chrono::nanoseconds by) { stoppedAt += by.count(); }
+bool Clock::stopped() { return stoppedAt >= 0; }
+std::int64_t Clock::reads() { return clockReads; }
+
+int hwtools::Condition::wait(unsigned milliseconds, bool reset) {
+    Edges& machine = edges();
+    machine.note(Kind::SLEEP, "wait " + std::to_string(milliseconds) + (reset ? " reset" : ""));
+    if (machine.notifiedAtWait >= 0 && machine.notifiedAtWait-- == 0) return 0;
+    if (Clock::stopped()) Clock::advance(std::chrono::milliseconds(milliseconds));
+    return timedOut;
+}
+
+void hwtools::Condition::notify() {
+    edges().note(Kind::SLEEP, "notify");
+    if (edges().echoShell) std::fputs("notify\n", stderr);
+}
+
+bool hwcommon::DBusProxy::waitUntilDBusNameExist(const std::string& name, unsigned timeout) {
+    edges().note(Kind::SLEEP, "wait for " + name + " " + std::to_string(timeout));
+    return edges().missingNames.count(name) == 0;
+}
+
+namespace {
+
+int gpio(const std::string& call) {
+    edges().note(Kind::GPIO, call);
+    return edges().failingGpio.count(call) > 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int GPIO::GPIOManager::exportPin(unsigned pin) { return gpio("export " + std::to_string(pin)); }
+
+int GPIO::GPIOManager::setDirection(unsigned pin, Direction direction) {
+    return gpio("direction " + std::to_string(pin) + " " +
+                std::to_string(static_cast<int>(direction)));
+}
+
+int GPIO::GPIOManager::getValue(unsigned pin) { return edges().levels[pin]; }
+
+int GPIO::GPIOManager::setValue(unsigned pin, Value value) {
+    edges().levels[pin] = static_cast<int>(value);
+    return gpio("set " + std::to_string(pin) + " " + std::to_string(static_cast<int>(value)));
+}
+
+namespace {
+
+constexpr char flagPath[] = "/tmp/bluetoothEnabled";
+
+}  // namespace
+
+bool hwcommon::fileUtil::exists(const std::string& path) {
+    if (path == flagPath) return edges().flagFile.has_value();
+    return edges().paths.count(path) > 0;
+}
+
+bool hwcommon::fileUtil::getFileContent(const std::string& path, std::string& content,
+                                        std::ios_base::openmode /*mode*/) {
+    if (path != flagPath || !edges().flagFile || !edges().flagReadable) return false;
+    content = *edges().flagFile;
+    return true;
+}
+
+bool hwcommon::fileUtil::saveContentToFile(const std::string& path, const std::string& content,
+                                           std::ios_base::openmode mode) {
+    const bool truncates = mode == (std::ios_base::out | std::ios_base::trunc);
+    edges().note(Kind::FILE, (truncates ? "rewrite " : "odd mode ") + path + " '" + content + "'");
+    if (path == flagPath) edges().flagFile = content;
+    return true;
+}

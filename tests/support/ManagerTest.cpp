@@ -1,0 +1,146 @@
+#include "ManagerTest.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include <time.h>
+
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace corvane::test {
+
+namespace {
+
+using WallClock = std::chrono::system_clock;
+constexpr std::chrono::seconds patience{10};
+
+}  // namespace
+
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = WallClock::now() + patience;
+    while (!condition()) {
+        if (WallClock::now() > deadline) return false;
+        const timespec pause{0, 1'000'000};
+        clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
+    }
+    return true;
+}
+
+std::string adapterCall(const std::string& method, const std::string& arguments) {
+    return "org.bluez /org/bluez/hci0 org.bluez.Adapter1." + method + " " + arguments;
+}
+
+std::string adapterSet(const std::string& property, const std::string& value) {
+    return "org.bluez /org/bluez/hci0 org.freedesktop.DBus.Properties.Set ('org.bluez.Adapter1', "
+           "'" +
+           property + "', <" + value + ">)";
+}
+
+std::string deviceCall(const std::string& address, const std::string& method) {
+    return "org.bluez " + Device{address, ""}.path() + " org.bluez.Device1." + method + " ()";
+}
+
+std::string agentCall(const std::string& method, const std::string& arguments) {
+    return "org.bluez /org/bluez org.bluez.AgentManager1." + method + " " + arguments;
+}
+
+std::function<void(BluetoothRequestAnswers)> Answers::callback() {
+    return [this](BluetoothRequestAnswers answer) { note(answer); };
+}
+
+void Answers::note(BluetoothRequestAnswers answer) {
+    const std::lock_guard lock(mutex);
+    all.push_back(answer);
+    changed.notify_all();
+}
+
+int Answers::next() {
+    std::unique_lock lock(mutex);
+    if (!changed.wait_until(lock, WallClock::now() + patience,
+                            [this] { return all.size() > taken; })) {
+        return -1;
+    }
+    return all[taken++];
+}
+
+std::size_t Answers::count() {
+    const std::lock_guard lock(mutex);
+    return all.size();
+}
+
+ManagerTest::ManagerTest() {
+    static bool used = false;
+    if (std::exchange(used, true)) {
+        std::fputs("Each test needs a process of its own, with a manager of its own: use ctest.\n",
+                   stderr);
+        std::_Exit(2);
+    }
+    captureLog();
+    useBoard(1, 3);
+}
+
+void ManagerTest::useBoard(int modelType, int productFamily) {
+    bluez.reply("/org/corvane/Hardware", "GetHardwareInfo",
+                "('<identity><model>" + std::to_string(modelType) + "</model><family>" +
+                    std::to_string(productFamily) +
+                    "</family><serial>SN12345678</serial><revision>7</revision></identity>',)");
+}
+
+BluetoothManager& ManagerTest::manager() {
+    BluetoothManager& instance = BluetoothManager::getInstance();
+    if (!made) {
+        made = true;
+        forget();
+    }
+    return instance;
+}
+
+std::vector<std::string> ManagerTest::happened(std::initializer_list<Kind> kinds) {
+    std::vector<Event> events = edges().events();
+    for (auto& [time, text] : bluez.calls()) events.push_back({time, Kind::BUS, text});
+    // The library's calls are synchronous, so the time tells the order.
+    std::stable_sort(events.begin(), events.end(),
+                     [](const Event& a, const Event& b) { return a.time < b.time; });
+    std::vector<std::string> texts;
+    for (const Event& event : events) {
+        if (std::find(kinds.begin(), kinds.end(), event.kind) != kinds.end()) {
+            texts.push_back(event.text);
+        }
+    }
+    return texts;
+}
+
+void ManagerTest::forget() {
+    edges().forget();
+    bluez.forget();
+}
+
+void ManagerTest::start(std::shared_ptr<BluetoothRequest> request) {
+    ASSERT_TRUE(eventually([&] { return manager().makeRequest(request); }));
+}
+
+void ManagerTest::listDevices(const std::vector<Device>& devices) {
+    bluez.setDevices(devices);
+    manager().scanDevicesInfo();
+    forget();
+}
+
+}  // namespace corvane::test
+
+int main(int argc, char** argv) {
+    testing::InitGoogleMock(&argc, argv);
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    // GLib prints a critical warning and goes on; here it is a failure.
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
+    const int result = RUN_ALL_TESTS();
+    std::fflush(nullptr);
+#ifdef __SANITIZE_ADDRESS__
+    __lsan_do_leak_check();
+#endif
+    // Not through exit(): with a request behind it the manager would end the process in terminate.
+    std::_Exit(result);
+}

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace corvane::test {
+
+/// A child process: started by the constructor, which returns when it has printed its first line;
+/// ended by the destructor, or by the kernel should the test die before.
+class Child {
+public:
+    explicit Child(const std::vector<std::string>& command);
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    const std::string& firstLine() const { return line; }
+    /// Ends it now.
+    void stop();
+
+private:
+    pid_t pid = -1;
+    std::string line;
+};
+
+/// A message bus that takes the system bus's place in this process and its children, from before
+/// the first use of the bus until the end of the process.
+class PrivateBus {
+public:
+    PrivateBus();
+    std::string address() const { return daemon.firstLine(); }
+    void stop() { daemon.stop(); }
+
+private:
+    Child daemon;
+};
+
+/// A device as BlueZ would show it.
+struct Device {
+    std::string address;
+    std::string name;
+    std::uint32_t deviceClass = 0;
+    bool paired = false;
+    bool connected = false;
+    std::string modalias = "";
+
+    std::string path() const;
+    /// Its entry of the reply to GetManagedObjects, in GVariant text form.
+    std::string object() const;
+};
+
+/// The fake services (tests/fakebluez says what they do), and the way to steer them.
+class FakeBluez {
+public:
+    using Milliseconds = std::chrono::milliseconds;
+
+    /// @param address  the private bus
+    explicit FakeBluez(const std::string& address);
+    ~FakeBluez();
+    FakeBluez(const FakeBluez&) = delete;
+    FakeBluez& operator=(const FakeBluez&) = delete;
+
+    void reply(const std::string& path, const std::string& member, const std::string& body,
+               unsigned times = 0, Milliseconds delay = Milliseconds(0));
+    void fail(const std::string& path, const std::string& member, const std::string& errorName,
+              const std::string& message, unsigned times = 0, Milliseconds delay = Milliseconds(0));
+    void ignore(const std::string& path, const std::string& member, unsigned times = 0);
+    void own(const std::string& name);
+    void release(const std::string& name);
+
+    /// The devices that BlueZ knows, beside the adapter: listed, and agreeing to every call.
+    void setDevices(const std::vector<Device>& devices, unsigned times = 0,
+                    Milliseconds delay = Milliseconds(0));
+
+    /// What came in: monotonic time in microseconds, and "NAME PATH INTERFACE.MEMBER ARGUMENTS".
+    std::vector<std::pair<std::int64_t, std::string>> calls();
+    /// How many of them hold the text.
+    int countCalls(const std::string& text);
+    void forget();
+
+private:
+    GVariant* call(const char* member, GVariant* arguments);
+
+    Child process;
+    GDBusConnection* connection;
+};
+
+}  // namespace corvane::test
