@@ -1,0 +1,60 @@
+#include "Table.h"
+
+#include <libsmartcols.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <system_error>
+
+namespace corvanectl {
+
+namespace {
+
+void check(int result) {
+    if (result < 0) throw std::system_error(-result, std::generic_category(), "libsmartcols");
+}
+
+}  // namespace
+
+std::string table(const std::vector<Column>& columns,
+                  const std::vector<std::vector<std::string>>& rows) {
+    const std::unique_ptr<libscols_table, decltype(&scols_unref_table)> table(scols_new_table(),
+                                                                              &scols_unref_table);
+    if (!table) throw std::bad_alloc();
+    // Cells are escaped already; libsmartcols would escape the backslashes again.
+    check(scols_table_enable_noencoding(table.get(), 1));
+    for (const Column& column : columns) {
+        const int flags = column.mayShrink ? SCOLS_FL_TRUNC : 0;
+        if (scols_table_new_column(table.get(), column.heading, 0, flags) == nullptr) {
+            throw std::bad_alloc();
+        }
+    }
+    for (const auto& row : rows) {
+        libscols_line* const line = scols_table_new_line(table.get(), nullptr);
+        if (line == nullptr) throw std::bad_alloc();
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            check(scols_line_set_data(line, i, row[i].c_str()));
+        }
+    }
+    char* text = nullptr;
+    check(scols_print_table_to_string(table.get(), &text));
+    const std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
+    std::string result = text == nullptr ? "" : text;
+    while (!result.empty() && result.back() == '\n') result.pop_back();
+    return result;
+}
+
+std::string pairs(const std::vector<std::pair<std::string, std::string>>& rows) {
+    std::size_t width = 0;
+    for (const auto& row : rows) width = std::max(width, row.first.size());
+    std::string text;
+    for (const auto& row : rows) {
+        if (!text.empty()) text += '\n';
+        text += row.first + ':' + std::string(width - row.first.size() + 1, ' ') + row.second;
+    }
+    return text;
+}
+
+}  // namespace corvanectl
