@@ -21,6 +21,7 @@ enum class Value : int { LOW = 0, HIGH = 1 };
 class GPIOManager {
 public:
     GPIOManager();
+    // NOLINTNEXTLINE(performance-trivially-destructible): other boards' managers have work to do
     ~GPIOManager();
     GPIOManager(const GPIOManager&) = delete;
     GPIOManager& operator=(const GPIOManager&) = delete;

@@ -29,7 +29,7 @@ std::string callService(sdbus::IConnection& connection, const char* method,
             .storeResultsTo(status);
         return status;
     } catch (const std::exception& error) {
-        const std::string failure = std::string(method) + " failed: " + error.what();
+        std::string failure = std::string(method) + " failed: " + error.what();
         LOG4CPLUS_ERROR(LogAppender::getLogger(),
                         serviceName << ", device " << address << ": " << failure);
         return failure;

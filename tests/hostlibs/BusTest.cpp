@@ -1,0 +1,202 @@
+#include "Capabilities.h"
+#include "TestBus.h"
+#include "hwcommon/DBusBluetoothHidProxy.h"
+#include "hwcommon/DBusHardwareProxy.h"
+#include "hwcommon/DBusProxy.h"
+#include "hwtools/Condition.h"
+
+#include <gmock/gmock.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <optional>
+#include <thread>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+using corvane::test::Child;
+using corvane::test::FakeBluez;
+using corvane::test::PrivateBus;
+using hwcommon::DBusBluetoothHidProxy;
+using hwcommon::DBusHardwareProxy;
+using hwcommon::DBusProxy;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using namespace std::chrono_literals;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char hardware[] = "/org/corvane/Hardware";
+constexpr char hid[] = "/org/corvane/BluetoothHid";
+constexpr char address[] = "00:AA:01:00:00:42";
+constexpr char lateName[] = "org.corvane.Late";
+
+/// A bus with the fake services on it, and the connection that a host lends: no event loop.
+class HostBus : public testing::Test {
+protected:
+    PrivateBus bus;
+    FakeBluez services{bus.address()};
+    std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
+    DBusProxy proxy{*connection};
+};
+
+class Observer : public hwcommon::DBusHardwareObserver {
+public:
+    void hardwareServiceAvailable(bool available) override { (available ? came : went).notify(); }
+    hwtools::Condition came{false};
+    hwtools::Condition went{false};
+};
+
+}  // namespace
+
+TEST_F(HostBus, GivesTheIdentityThatTheHardwareServiceAnswers) {
+    services.reply(hardware, "GetHardwareInfo",
+                   "('<identity><model>6</model><family>1</family></identity>',)");
+    EXPECT_THAT(DBusHardwareProxy(nullptr).getHardwareInfo(), HasSubstr("<model>6</model>"));
+    EXPECT_EQ(Capabilities::getInstance().getProductFamily(), 1);
+    services.release("org.corvane.Hardware");
+    EXPECT_EQ(Capabilities::getInstance().getProductFamily(), 1);
+}
+
+TEST_F(HostBus, GivesNoIdentityWhenThereIsNoGoodAnswer) {
+    DBusHardwareProxy proxyOfHardware(nullptr);
+    services.fail(hardware, "GetHardwareInfo", "org.corvane.Error.Eeprom", "no eeprom");
+    EXPECT_EQ(proxyOfHardware.getHardwareInfo(), "");
+    services.reply(hardware, "GetHardwareInfo", "(uint32 6,)");
+    EXPECT_EQ(proxyOfHardware.getHardwareInfo(), "");
+    const auto start = Clock::now();
+    services.release("org.corvane.Hardware");
+    EXPECT_EQ(proxyOfHardware.getHardwareInfo(), "");
+    bus.stop();
+    EXPECT_EQ(proxyOfHardware.getHardwareInfo(), "");
+    EXPECT_LT(Clock::now() - start, 5s);
+}
+
+TEST_F(HostBus, TellsAnObserverOfTheHardwareService) {
+    Observer observer;
+    std::optional<DBusHardwareProxy> watched(std::in_place, &observer);
+    EXPECT_EQ(observer.came.wait(10000, false), 0);
+    observer.came.wait(0, true);
+    services.release("org.corvane.Hardware");
+    EXPECT_EQ(observer.went.wait(10000, false), 0);
+    observer.went.wait(0, true);
+    services.own("org.corvane.Hardware");
+    EXPECT_EQ(observer.came.wait(10000, false), 0);
+    bus.stop();
+    EXPECT_EQ(observer.went.wait(10000, false), 0);
+    watched.reset();
+}
+
+TEST_F(HostBus, PassesAddressAndStatusOfTheHidService) {
+    DBusBluetoothHidProxy hidProxy(*connection);
+    services.reply(hid, "Connect", "('Connect success',)");
+    services.reply(hid, "Disconnect", "('gone',)");
+    EXPECT_EQ(hidProxy.connectBtHidDevice(address), "Connect success");
+    EXPECT_EQ(hidProxy.disconnectBtHidDevice(address), "gone");
+    EXPECT_EQ(services.countCalls("org.corvane.BluetoothHid1.Connect ('00:AA:01:00:00:42',)"), 1);
+    EXPECT_EQ(services.countCalls("org.corvane.BluetoothHid1.Disconnect ('00:AA:01:00:00:42',)"),
+              1);
+}
+
+TEST_F(HostBus, TakesAFailedHidCallForNoConnection) {
+    DBusBluetoothHidProxy hidProxy(*connection);
+    services.fail(hid, "Connect", "org.corvane.Error.Busy", "Connect success");
+    EXPECT_THAT(hidProxy.connectBtHidDevice(address),
+                AllOf(HasSubstr("Connect failed"), Not("Connect success")));
+    EXPECT_THAT(hidProxy.connectBtHidDevice("\xFF"), HasSubstr("Connect failed"));
+    services.release("org.corvane.BluetoothHid");
+    EXPECT_THAT(hidProxy.disconnectBtHidDevice(address), HasSubstr("Disconnect failed"));
+    bus.stop();
+    EXPECT_THAT(hidProxy.connectBtHidDevice(address), HasSubstr("Connect failed"));
+}
+
+TEST_F(HostBus, FindsAnOwnedNameAtOnce) {
+    EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.bluez", 0));
+    EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.freedesktop.DBus", 5000));
+}
+
+TEST_F(HostBus, WaitsForANameForAsLongAsItWasTold) {
+    const auto start = Clock::now();
+    EXPECT_FALSE(proxy.waitUntilDBusNameExist(lateName, 0));
+    EXPECT_LT(Clock::now() - start, 1s);
+    std::thread other([&] { services.own("org.corvane.Other"); });
+    EXPECT_FALSE(proxy.waitUntilDBusNameExist(lateName, 300));
+    EXPECT_GE(Clock::now() - start, 300ms);
+    EXPECT_LT(Clock::now() - start, 5s);
+    other.join();
+    EXPECT_FALSE(proxy.waitUntilDBusNameExist("not a bus name", 0));
+}
+
+// Also with an event loop on the host's connection, which must not swallow the signal.
+TEST_F(HostBus, EndsEveryWaitWhenTheNameComes) {
+    connection->enterEventLoopAsync();
+    bool found[2] = {false, false};
+    std::thread first([&] { found[0] = proxy.waitUntilDBusNameExist(lateName, 30000); });
+    std::thread second([&] { found[1] = proxy.waitUntilDBusNameExist(lateName, 30000); });
+    const auto start = Clock::now();
+    std::this_thread::sleep_for(200ms);  // for the waits to begin
+    services.own(lateName);
+    first.join();
+    second.join();
+    EXPECT_TRUE(found[0]);
+    EXPECT_TRUE(found[1]);
+    EXPECT_LT(Clock::now() - start, 10s);
+    connection->leaveEventLoop();
+}
+
+TEST_F(HostBus, StopsWaitingWhenTheBusGoesAndWorksOnItsSuccessor) {
+    bool found = true;
+    const auto start = Clock::now();
+    std::thread waiter([&] { found = proxy.waitUntilDBusNameExist(lateName, 30000); });
+    std::this_thread::sleep_for(200ms);  // for the wait to begin
+    bus.stop();
+    waiter.join();
+    EXPECT_FALSE(found);
+    EXPECT_LT(Clock::now() - start, 10s);
+
+    const PrivateBus successor;
+    EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.freedesktop.DBus", 0));
+}
+
+TEST(BusPolicy, LetsOnlyRootServe) {
+    if (getuid() != 0) GTEST_SKIP() << "needs root, to become somebody else";
+    const std::string configuration = testing::TempDir() + "corvane-policy.conf";
+    std::ofstream(configuration)
+        << "<busconfig><type>system</type><listen>unix:tmpdir=/tmp</listen>"
+           "<policy context='default'><allow user='*'/><deny own='*'/>"
+           "<allow send_destination='org.freedesktop.DBus'/>"
+           "<allow receive_sender='*'/></policy>"
+           "<include>" CORVANE_BUS_POLICY "</include></busconfig>";
+    const Child daemon({"dbus-daemon", "--nofork", "--nopidfile", "--print-address",
+                        "--config-file=" + configuration});
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", daemon.firstLine().c_str(), 1);
+
+    // How many of the two names a user gets, as the exit status.
+    const auto namesOf = [](uid_t user) {
+        const pid_t child = fork();
+        if (child == 0) {
+            int names = 0;
+            if (setuid(user) != 0) _exit(99);
+            for (const char* name : {"org.corvane.Hardware", "org.corvane.BluetoothHid"}) {
+                try {
+                    sdbus::createSystemBusConnection()->requestName(name);
+                    ++names;
+                } catch (const sdbus::Error& error) {
+                    if (error.getName() != "org.freedesktop.DBus.Error.AccessDenied") _exit(98);
+                }
+            }
+            _exit(names);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    EXPECT_EQ(namesOf(0), 2);
+    EXPECT_EQ(namesOf(65534), 0);
+}

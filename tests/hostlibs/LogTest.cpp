@@ -1,0 +1,101 @@
+#include "LogAppender.h"
+
+#include <gmock/gmock.h>
+#include <log4cplus/loggingmacros.h>
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+using testing::AllOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+std::string temporaryFile(const std::string& name, const std::string& content) {
+    std::string path = testing::TempDir() + name;
+    std::ofstream(path) << content;
+    return path;
+}
+
+std::string contentOf(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+std::string outputOfLateLogger(const std::string& configuration) {
+    const std::string command =
+        "CORVANE_LOG_CONFIG='" + configuration + "' " CORVANE_LATE_LOGGER " 2>&1";
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    std::string output;
+    for (int c = 0; (c = std::fgetc(pipe.get())) != EOF;) output += static_cast<char>(c);
+    return output;
+}
+
+}  // namespace
+
+TEST(Log, ShowsEachPartOfARecordOnTheConsoleBeforeAndAfterMain) {
+    const std::string output = outputOfLateLogger("");
+    EXPECT_THAT(output, ContainsRegex("^20[0-9-]+ [0-9:.]+ INFO +LateLogger.cpp:8 "
+                                      ".*LateLogger::LateLogger\\(\\): before main\n"));
+    EXPECT_THAT(output, HasSubstr("LateLogger::~LateLogger(): after \\x1B[31m main\n"));
+    EXPECT_THAT(output, Not(HasSubstr("too low")));
+}
+
+TEST(Log, FollowsTheConfigurationThatTheEnvironmentNames) {
+    const std::string file = temporaryFile("late.properties",
+                                           "log4cplus.rootLogger=DEBUG, A\n"
+                                           "log4cplus.appender.A=log4cplus::ConsoleAppender\n");
+    EXPECT_THAT(outputOfLateLogger(file), HasSubstr("too low"));
+}
+
+TEST(Log, StaysOnTheConsoleWhenTheConfigurationIsMissingOrBroken) {
+    for (const std::string& file :
+         {std::string("/nowhere/log.properties"), testing::TempDir(),
+          temporaryFile("empty.properties", ""),
+          temporaryFile("level.properties", "log4cplus.rootLogger=DEBUG\n"),
+          temporaryFile("class.properties",
+                        "log4cplus.rootLogger=DEBUG, A\nlog4cplus.appender.A=NoSuchClass\n")}) {
+        EXPECT_THAT(outputOfLateLogger(file), AllOf(HasSubstr("log configuration " + file),
+                                                    HasSubstr("after \\x1B[31m main\n")));
+    }
+}
+
+TEST(Log, WritesDeviceNamesSoThatTheyCannotBreakForgeOrSteer) {
+    const std::string log = testing::TempDir() + "printable.log";
+    std::remove(log.c_str());
+    ASSERT_TRUE(LogAppender::loadConfiguration(
+        temporaryFile("printable.properties",
+                      "log4cplus.rootLogger=INFO, A\n"
+                      "log4cplus.appender.A=log4cplus::FileAppender\n"
+                      "log4cplus.appender.A.ImmediateFlush=true\n"
+                      "log4cplus.appender.A.File=" +
+                          log +
+                          "\n"
+                          "log4cplus.appender.A.layout=corvane::PrintableLayout\n"
+                          "log4cplus.appender.A.layout.ConversionPattern=%m%n\n")));
+
+    std::string expected;
+    const auto check = [&expected](const std::string& name, const std::string& written) {
+        LOG4CPLUS_INFO(LogAppender::getLogger(), name);
+        expected += written + "\n";
+    };
+    check("", "");
+    check("Zoë's \"Phone\" \\ 日本 \U0001F4F1", "Zoë's \"Phone\" \\ 日本 \U0001F4F1");
+    check("a\nERROR forged\r\t\x7F", "a\\x0AERROR forged\\x0D\\x09\\x7F");
+    check("\x1B[2J\xC2\x9B\xC2\xA0", "\\x1B[2J\\xC2\\x9B\xC2\xA0");
+    check("\xE2\x80\xA8\xE2\x80\xAE\xE2\x81\xA6\xE2\x80\x93",
+          "\\xE2\\x80\\xA8\\xE2\\x80\\xAE\\xE2\\x81\\xA6\xE2\x80\x93");
+    check("cut \xE2\x82", "cut \\xE2\\x82");
+    check("\xC0\x8A \xE0\x80\x8A \xED\xA0\x80 \xF4\x90\x80\x80 \xFF \xBF",
+          "\\xC0\\x8A \\xE0\\x80\\x8A \\xED\\xA0\\x80 \\xF4\\x90\\x80\\x80 \\xFF \\xBF");
+    check(std::string("a\0b", 3), "a\\x00b");
+    EXPECT_EQ(contentOf(log), expected);
+
+    EXPECT_FALSE(LogAppender::loadConfiguration("/nowhere/log.properties"));
+    EXPECT_THAT(contentOf(log), HasSubstr("/nowhere/log.properties: No such file"));
+}
