@@ -25,10 +25,9 @@ constexpr const char* interfaceName = "org.corvane.BluetoothHid1";
 constexpr int connectTime = 10000;  // ms for each channel; a page alone takes up to 5.12 s
 
 constexpr const char* usage =
-    "usage: hw_bluez_hid REVISION MODEL --no-close\n"
-    "  REVISION    the board's revision, a decimal number\n"
-    "  MODEL       the model's name\n"
-    "  --no-close  stay when no device is connected, the one mode that this board has\n";
+    "usage: hw_bluez_hid REVISION MODEL\n"
+    "  REVISION  the board's revision, a decimal number\n"
+    "  MODEL     the model's name\n";
 
 class HidService {
 public:
@@ -84,7 +83,8 @@ private:
 
 int main(int argc, char** argv) {
     char* end = nullptr;
-    if (argc != 4 || std::string(argv[3]) != "--no-close" ||
+    // Hosts add --no-close to the command: start-stop-daemon takes that option for its own.
+    if (argc != 3 ||
         (std::strtoul(argv[1], &end, 10), end == argv[1] || *end != '\0')) {
         std::fputs(usage, stderr);
         return 2;

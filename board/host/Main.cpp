@@ -276,7 +276,7 @@ int main(int argc, char** argv) {
         CLI::ExistingDirectory);
     app.add_option("--wiring", options.wiring, "radio wiring")->check(CLI::Range(0, 2));
     app.add_option("--timeout", options.timeoutSeconds, "seconds for the command, 0: no limit");
-    app.add_option("--fetch", options.fetch, "file of the board to bring back")->expected(1)
+    app.add_option("--fetch", options.fetch, "file of the board to bring back")
         ->allow_extra_args(false);
     app.add_flag("--terminal", options.terminal, "give the command a terminal");
     app.add_flag("--quiet", options.quiet, "do not say when the board is up");
