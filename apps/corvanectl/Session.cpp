@@ -272,16 +272,17 @@ BluetoothRequestAnswers Session::perform(const RequestMaker& make, const std::st
     bool cancelled = false;
     while (true) {
         if (progress) progress->draw();
-        pollfd waits[] = {{box->descriptor(), POLLIN, 0},
-                          {cancelled ? -1 : Interrupt::descriptor(), POLLIN, 0},
-                          {lines == nullptr || cancelled ? -1 : lines->awaited(), POLLIN, 0}};
-        poll(waits, 3, progress ? static_cast<int>(redrawInterval.count()) : -1);
-        if ((waits[0].revents & POLLIN) != 0) break;
+        // The line may have been read ahead, which no poll would tell.
         if (!cancelled &&
             (Interrupt::happened() || (lines != nullptr && lines->takeIf("cancel")))) {
             request->cancelRequest();
             cancelled = true;
         }
+        pollfd waits[] = {{box->descriptor(), POLLIN, 0},
+                          {cancelled ? -1 : Interrupt::descriptor(), POLLIN, 0},
+                          {lines == nullptr || cancelled ? -1 : lines->awaited(), POLLIN, 0}};
+        poll(waits, 3, progress ? static_cast<int>(redrawInterval.count()) : -1);
+        if ((waits[0].revents & POLLIN) != 0) break;
     }
     awaitEnd(*request);
     return box->get();

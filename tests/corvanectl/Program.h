@@ -1,0 +1,90 @@
+#pragma once
+
+#include "TestBus.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <filesystem>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace corvane::test {
+
+/// How a run of corvanectl ended, and what it printed.
+struct Ran {
+    int status = -1;
+    std::string output;
+    std::string errors;
+
+    /// The lines of the output, each parsed.
+    std::vector<nlohmann::json> json() const;
+};
+
+/// corvanectl on a pseudo-terminal.
+class Terminal {
+public:
+    Terminal(const std::vector<std::string>& arguments, unsigned short columns);
+    ~Terminal();
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    void type(const std::string& text);
+    void interrupt() { type("\x03"); }
+    void resize(unsigned short columns);
+
+    /// Waits until the text has come, behind what earlier calls have found.
+    testing::AssertionResult shows(const std::string& text);
+
+    /// Waits for the end. @return the exit status, -1 when it does not come
+    int end();
+
+    /// All that came so far.
+    const std::string& screen() const { return all; }
+
+private:
+    bool readMore();
+
+    pid_t pid = -1;
+    int master = -1;
+    std::string all;
+    std::size_t seen = 0;
+};
+
+/// A machine of the test's own: bus, services, files, shell.
+class Corvanectl : public testing::Test {
+protected:
+    Corvanectl();
+    ~Corvanectl() override;
+
+    /// Runs it with arguments, and lines on standard input.
+    Ran run(const std::vector<std::string>& arguments, const std::string& input = "");
+
+    std::unique_ptr<Terminal> onTerminal(const std::vector<std::string>& arguments,
+                                         unsigned short columns = 100);
+
+    /// A file of the machine. An empty text removes it.
+    void write(const std::string& path, const std::string& text);
+    std::string read(const std::string& path) const;
+
+    /// The shell commands so far.
+    std::string commands() const { return read("commands"); }
+
+    void setIdentity(const std::string& text);
+
+    PrivateBus bus;
+    FakeBluez bluez{bus.address()};
+    const std::filesystem::path root;
+};
+
+/// A device each of the kinds that the requests tell apart.
+extern const Device phone;
+extern const Device speaker;
+extern const Device keyboard;
+
+}  // namespace corvane::test
