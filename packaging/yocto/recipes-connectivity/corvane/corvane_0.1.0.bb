@@ -1,0 +1,36 @@
+SUMMARY = "Owner of the Bluetooth radio of an embedded appliance"
+DESCRIPTION = "A shared library that gives a host application one object for the board's Bluetooth radio: power, \
+discovery, device lists, pairing and connections, on BlueZ 5. With corvanectl, its command line."
+SECTION = "libs/network"
+LICENSE = "MIT"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=9abc50ecf27d0b8aa654e2ad912325bb"
+
+DEPENDS = "bluez5 glib-2.0 log4cplus sdbus-c++"
+
+inherit cmake externalsrc pkgconfig
+
+# The tree that this layer is part of. For another one, set EXTERNALSRC:pn-corvane.
+EXTERNALSRC ?= "${@os.path.realpath('${THISDIR}/../../../..')}"
+EXTERNALSRC_BUILD ?= "${WORKDIR}/build"
+
+# A board's own host libraries: their folder here, and "corvanectl" alone in PACKAGECONFIG where they need neither
+# libgpiod nor tinyxml2.
+CORVANE_HOSTLIBS ?= "${S}/hostlibs"
+
+PACKAGECONFIG ??= "corvanectl reference-hostlibs"
+PACKAGECONFIG[corvanectl] = "-DCORVANE_BUILD_APPS=ON,-DCORVANE_BUILD_APPS=OFF,cli11 libedit libgpiod nlohmann-json util-linux"
+PACKAGECONFIG[reference-hostlibs] = ",,libgpiod tinyxml2"
+
+EXTRA_OECMAKE = "-DCORVANE_BUILD_TESTS=OFF -DCORVANE_HOSTLIBS=${CORVANE_HOSTLIBS}"
+
+PACKAGES =+ "${PN}-hostlibs ${PN}ctl"
+
+FILES:${PN}-hostlibs = "${libdir}/libcorvanehost${SOLIBS} ${datadir}/dbus-1/system.d"
+FILES:${PN}ctl = "${bindir}/corvanectl ${datadir}/bash-completion ${datadir}/zsh"
+FILES:${PN}-dev += "${datadir}/dbus-1/interfaces"
+
+# hciconfig and hciattach, which the library runs, are tools that BlueZ calls deprecated: the distribution builds them by
+#   PACKAGECONFIG:append:pn-bluez5 = " deprecated"
+# The reference host libraries use libgpiod's first interface: PREFERRED_VERSION_libgpiod = "1.6.%".
+RDEPENDS:${PN} += "bluez5"
+RRECOMMENDS:${PN} += "kmod util-linux-rfkill"
