@@ -11,6 +11,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -248,6 +250,7 @@ private:
         set(*proxy, "Pairable", (device.character->features & REFUSES) == 0);
         set(*proxy, "Discoverable", true);
         setDeviceId(device.hci, *device.character);
+        rememberEndpoints(device);
         if ((device.character->features & HID) != 0) {
             listen(device, board::psmHidControl);
             listen(device, board::psmHidInterrupt);
@@ -256,6 +259,20 @@ private:
             start({"/usr/libexec/bluealsa/bluealsa", "-p", "a2dp-sink", "-i",
                    "hci" + std::to_string(device.hci), "-B", device.character->key});
         }
+    }
+
+    /// Lets a device's BlueZ know the board's music endpoints beforehand. It would ask for them in
+    /// the middle of the first configuration, and then answer that with the wrong label.
+    void rememberEndpoints(const Device& device) {
+        if ((device.character->features & AUDIO_SINK) == 0) return;
+        // The emulator counts its controllers in their addresses; the board's comes last.
+        char boardAddress[18];
+        std::snprintf(boardAddress, sizeof boardAddress, "00:AA:01:%02zX:00:42", devices_.size());
+        const std::filesystem::path folder = "/var/lib/bluetooth/" + device.address + "/cache";
+        std::filesystem::create_directories(folder);
+        // Number = direction (source), codec (SBC), delay reports, the codec's abilities.
+        std::ofstream(folder / boardAddress) << "[Endpoints]\n01=00:00:00:ffff02fa\n"
+                                                "02=00:00:00:ffff02fa\n";
     }
 
     /// The kernel writes a class of its own whenever a service is registered: ours comes last.
@@ -372,6 +389,7 @@ private:
         if (knowsBoard(device, "Paired")) {
             adapter(device)->callMethod("RemoveDevice").onInterface(adapterInterface)
                 .withArguments(sdbus::ObjectPath(device.pathOf(boardAddress())));
+            rememberEndpoints(device);
         }
         return {};
     }
