@@ -31,8 +31,9 @@ TEST(Condition, StaysNotifiedUntilAWaitForgetsIt) {
 TEST(Condition, ReleasesEveryWaiter) {
     Condition condition(false);
     int results[2] = {-1, -1};
-    std::thread first([&] { results[0] = condition.wait(UINT_MAX, false); });
-    std::thread second([&] { results[1] = condition.wait(UINT_MAX, false); });
+    std::thread first([&] { results[0] = condition.wait(5000, false); });
+    std::thread second([&] { results[1] = condition.wait(5000, false); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // for the waits to begin
     condition.notify();
     first.join();
     second.join();
