@@ -130,6 +130,7 @@ TEST_F(DeviceScan, NamesFromTheAirComeThroughByteForByte) {
                                            "Kaf\u00e9 \u202Egpj.exe",
                                            " "};
     std::vector<Device> devices;
+    devices.reserve(hostile.size());
     for (const auto& name : hostile) {
         devices.push_back({"00:00:00:00:00:0" + std::to_string(devices.size()), name});
     }

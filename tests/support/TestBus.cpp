@@ -72,7 +72,7 @@ void Child::stop() {
 
 PrivateBus::PrivateBus()
     : daemon({"dbus-daemon", "--nofork", "--nopidfile", "--print-address",
-              "--config-file=" CORVANE_BUS_CONFIG}) {
+              std::string("--config-file=") + CORVANE_BUS_CONFIG}) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address().c_str(), 1);
 }
 
