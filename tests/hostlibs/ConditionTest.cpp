@@ -36,6 +36,7 @@ TEST(Condition, ReleasesEveryWaiter) {
     std::atomic<int> waiting{0};
     std::array<std::chrono::steady_clock::time_point, 4> released;
     std::vector<std::thread> waiters;
+    waiters.reserve(released.size());
     for (auto& end : released) {
         waiters.emplace_back([&] {
             ++waiting;
