@@ -10,15 +10,15 @@ namespace board {
 /// A frame on the line: the byte 0xC5, the type, the payload's length (16 bits, low byte first),
 /// the payload.
 enum class FrameType : std::uint8_t {
-    Ready = 1,    ///< agent: the board is up
-    Run = 2,      ///< host: RunRequest
-    Input = 3,    ///< host: bytes for the command; an empty payload is the end of its input
-    Resize = 4,   ///< host: rows and columns of the terminal, 16 bits each
-    Signal = 5,   ///< host: signal number for the command's process group
-    Output = 6,   ///< agent: bytes the command wrote to its standard output
-    Error = 7,    ///< agent: bytes the command wrote to its standard error
-    Exit = 8,     ///< agent: exit status, one byte; 128 plus the number for a signal
-    Consumed = 9, ///< agent: so many bytes of Input have been taken, 16 bits
+    Ready = 1,     ///< agent: the board is up
+    Run = 2,       ///< host: RunRequest
+    Input = 3,     ///< host: bytes for the command; an empty payload is the end of its input
+    Resize = 4,    ///< host: rows and columns of the terminal, 16 bits each
+    Signal = 5,    ///< host: signal number for the command's process group
+    Output = 6,    ///< agent: bytes the command wrote to its standard output
+    Error = 7,     ///< agent: bytes the command wrote to its standard error
+    Exit = 8,      ///< agent: exit status, one byte; 128 plus the number for a signal
+    Consumed = 9,  ///< agent: so many bytes of Input have been taken, 16 bits
 };
 
 /// Input that may be on its way at a time; the serial line has no flow control of its own.

@@ -1,12 +1,12 @@
 #include "Poller.h"
 
+#include "UniqueFd.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <vector>
 
 #include <unistd.h>
-
-#include "UniqueFd.h"
 
 namespace board {
 

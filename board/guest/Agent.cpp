@@ -1,6 +1,11 @@
 // The first process of the board once it is up: runs the commands that the build machine sends
 // over a serial line, and buries the processes that lost their parents.
 
+#include "Frames.h"
+#include "Poller.h"
+#include "SerialLine.h"
+#include "UniqueFd.h"
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -16,11 +21,6 @@
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <termios.h>
-
-#include "Frames.h"
-#include "Poller.h"
-#include "SerialLine.h"
-#include "UniqueFd.h"
 
 namespace {
 
@@ -50,8 +50,8 @@ public:
                 while (stream_.next(frame)) handle(frame);
             },
             [] { throw std::runtime_error("the serial line to the build machine is gone"); });
-        poller_.add(
-            signals_.get(), [this](const std::uint8_t*, std::size_t) { buryChildren(); }, {});
+        poller_.add(signals_.get(), [this](const std::uint8_t*, std::size_t) { buryChildren(); },
+                    {});
     }
 
     void run() {
@@ -83,8 +83,9 @@ private:
                 input(frame.payload);
                 break;
             case FrameType::Resize:
-                if (terminal_) resize(board::decodeNumber(frame.payload, 0),
-                                      board::decodeNumber(frame.payload, 1));
+                if (terminal_)
+                    resize(board::decodeNumber(frame.payload, 0),
+                           board::decodeNumber(frame.payload, 1));
                 break;
             case FrameType::Signal:
                 if (child_ > 0) {
@@ -131,7 +132,8 @@ private:
         // read for as long as it is open, so that the daemon is not killed by writing to it.
         collect(out.read.release(), FrameType::Output);
         collect(error.read.release(), FrameType::Error);
-        poller_.add(input_.get(), [](const std::uint8_t*, std::size_t) {}, [] {});
+        poller_.add(
+            input_.get(), [](const std::uint8_t*, std::size_t) {}, [] {});
     }
 
     [[noreturn]] static void exec(const board::RunRequest& request) {

@@ -1,10 +1,11 @@
 // hw_bluez_hid: the appliance's HID service on the system bus. Connecting a device opens its two
 // HID channels over an encrypted link; they stay open until the device or a call closes them.
 
-#include <sdbus-c++/sdbus-c++.h>
+#include "L2cap.h"
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/l2cap.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,8 +15,6 @@
 #include <string>
 
 #include <syslog.h>
-
-#include "L2cap.h"
 
 namespace {
 
@@ -84,11 +83,13 @@ private:
 int main(int argc, char** argv) {
     char* end = nullptr;
     // Hosts add --no-close to the command: start-stop-daemon takes that option for its own.
-    if (argc != 3 ||
-        (std::strtoul(argv[1], &end, 10), end == argv[1] || *end != '\0')) {
+    if (argc != 3 || (std::strtoul(argv[1], &end, 10), end == argv[1] || *end != '\0')) {
         std::fputs(usage, stderr);
         return 2;
     }
+    // The emulated processor is slow and has one core: bluetoothd, which starts at the same time,
+    // comes first.
+    [[maybe_unused]] const int niceness = nice(10);
     openlog("hw_bluez_hid", LOG_PID, LOG_DAEMON);
     try {
         HidService service;
@@ -98,16 +99,14 @@ int main(int argc, char** argv) {
             .onInterface(interfaceName)
             .withInputParamNames("address")
             .withOutputParamNames("status")
-            .implementedAs([&service](const std::string& address) {
-                return service.connect(address);
-            });
+            .implementedAs(
+                [&service](const std::string& address) { return service.connect(address); });
         object->registerMethod("Disconnect")
             .onInterface(interfaceName)
             .withInputParamNames("address")
             .withOutputParamNames("status")
-            .implementedAs([&service](const std::string& address) {
-                return service.disconnect(address);
-            });
+            .implementedAs(
+                [&service](const std::string& address) { return service.disconnect(address); });
         object->finishRegistration();
         syslog(LOG_INFO, "serving %s revision %s", argv[2], argv[1]);
         connection->enterEventLoop();

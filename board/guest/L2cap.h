@@ -1,13 +1,13 @@
 #pragma once
 
+#include "UniqueFd.h"
+
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/l2cap.h>
 
 #include <string>
 
 #include <sys/socket.h>
-
-#include "UniqueFd.h"
 
 namespace board {
 

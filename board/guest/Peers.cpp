@@ -1,5 +1,7 @@
 // peers: lets a program on the board steer the remote devices, as a laboratory would by hand.
 
+#include "SerialLine.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -7,8 +9,6 @@
 
 #include <poll.h>
 #include <sys/file.h>
-
-#include "SerialLine.h"
 
 namespace {
 

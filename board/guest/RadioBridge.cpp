@@ -1,5 +1,7 @@
 #include "RadioBridge.h"
 
+#include "SerialLine.h"
+
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
@@ -13,8 +15,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-
-#include "SerialLine.h"
 
 namespace board {
 namespace {
@@ -78,17 +78,16 @@ RadioBridge::RadioBridge(std::string emulator, const std::string& radioLine)
     if (pipe2(ends, O_CLOEXEC) != 0) throwErrno("pipe");
     wakeRead_ = UniqueFd(ends[0]);
     wakeWrite_ = UniqueFd(ends[1]);
-    poller_.add(
-        wakeRead_.get(),
-        [this](const std::uint8_t*, std::size_t) {
-            std::vector<std::function<void()>> work;
-            {
-                const std::lock_guard lock(mutex_);
-                work.swap(work_);
-            }
-            for (const auto& each : work) each();
-        },
-        {});
+    poller_.add(wakeRead_.get(),
+                [this](const std::uint8_t*, std::size_t) {
+                    std::vector<std::function<void()>> work;
+                    {
+                        const std::lock_guard lock(mutex_);
+                        work.swap(work_);
+                    }
+                    for (const auto& each : work) each();
+                },
+                {});
     radio_.line = openRaw(radioLine.c_str());
     serve(radio_);
     thread_ = std::thread([this] {

@@ -1,5 +1,9 @@
 #pragma once
 
+#include "H4Stream.h"
+#include "Poller.h"
+#include "UniqueFd.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -8,10 +12,6 @@
 #include <set>
 #include <string>
 #include <thread>
-
-#include "H4Stream.h"
-#include "Poller.h"
-#include "UniqueFd.h"
 
 namespace board {
 
@@ -30,13 +30,17 @@ public:
     int addDevice(const std::string& name);
 
     /// The device is out of reach from now on: its links end as after a supervision time-out.
-    void vanish(const std::string& name) { post([this, name] { unplug(ports_.at(name)); }); }
+    void vanish(const std::string& name) {
+        post([this, name] { unplug(ports_.at(name)); });
+    }
     /// The same as soon as another controller has connected to it.
     void vanishWhenConnected(const std::string& name) {
         post([this, name] { ports_.at(name).vanishes = true; });
     }
     /// A fresh controller for the device, with the same address.
-    void comeBack(const std::string& name) { post([this, name] { plug(ports_.at(name)); }); }
+    void comeBack(const std::string& name) {
+        post([this, name] { plug(ports_.at(name)); });
+    }
     /// A fresh controller for the board, as after a loss of power.
     void refreshRadio() {
         post([this] {

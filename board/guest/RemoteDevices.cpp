@@ -1,11 +1,18 @@
 // The devices that the board's radio can meet: one emulated controller each, served by a real
 // BlueZ on a machine of their own. They obey commands that come over a serial line.
 
-#include <sdbus-c++/sdbus-c++.h>
+#include "L2cap.h"
+#include "Management.h"
+#include "Poller.h"
+#include "RadioBridge.h"
+#include "SerialLine.h"
+#include "Tone.h"
+#include "UniqueFd.h"
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
 #include <csignal>
@@ -25,13 +32,6 @@
 
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-
-#include "L2cap.h"
-#include "Poller.h"
-#include "RadioBridge.h"
-#include "SerialLine.h"
-#include "Tone.h"
-#include "UniqueFd.h"
 
 namespace {
 
@@ -95,6 +95,12 @@ void start(const std::vector<std::string>& command) {
     std::vector<char*> argv;
     for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
+    // Its name and last argument tell one program's output from another's.
+    const std::string log =
+        "/run/" + command[0].substr(command[0].rfind('/') + 1) + "-" + command.back() + ".log";
+    const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    dup2(out, STDOUT_FILENO);
+    dup2(out, STDERR_FILENO);
     execv(argv[0], argv.data());
     std::perror(argv[0]);
     _exit(127);
@@ -136,35 +142,15 @@ private:
 
 /// Tells the kernel which vendor and product a device's inquiry response names.
 void setDeviceId(int device, const Character& character) {
-    const UniqueFd fd(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI));
-    sockaddr_hci address{};
-    address.hci_family = AF_BLUETOOTH;
-    address.hci_dev = HCI_DEV_NONE;
-    address.hci_channel = HCI_CHANNEL_CONTROL;
-    if (!fd || bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        board::throwErrno("the kernel's Bluetooth management socket");
-    }
-    constexpr std::uint16_t setDeviceIdCommand = 0x0028;
     constexpr std::uint16_t vendorIsBluetooth = 1;
-    const std::uint16_t request[] = {htobs(setDeviceIdCommand),
-                                     htobs(static_cast<std::uint16_t>(device)),
-                                     htobs(8),
-                                     htobs(vendorIsBluetooth),
-                                     htobs(character.vendor),
-                                     htobs(character.product),
-                                     htobs(character.version)};
-    if (::write(fd.get(), request, sizeof request) != sizeof request) {
-        board::throwErrno("setting the device id");
+    std::vector<std::uint8_t> parameters;
+    for (const std::uint16_t number :
+         {vendorIsBluetooth, character.vendor, character.product, character.version}) {
+        parameters.push_back(static_cast<std::uint8_t>(number & 0xFF));
+        parameters.push_back(static_cast<std::uint8_t>(number >> 8));
     }
-    // The answer is Command Complete (1) or Command Status (2): event, device, length, command,
-    // status. Events of other devices may come before it.
-    for (;;) {
-        std::uint8_t answer[512];
-        const ssize_t got = ::read(fd.get(), answer, sizeof answer);
-        if (got < 0) board::throwErrno("setting the device id");
-        if (got < 9 || (answer[0] != 1 && answer[0] != 2) || answer[6] != setDeviceIdCommand) continue;
-        if (answer[8] != 0) throw std::runtime_error("the kernel refused a device id");
-        return;
+    if (board::manage(device, board::SET_DEVICE_ID, parameters) != 0) {
+        throw std::runtime_error("the kernel refused a device id");
     }
 }
 
@@ -179,8 +165,8 @@ public:
             device.character = &character;
             device.hci = bridge_.addDevice(character.key);
         }
-        start({"/usr/libexec/bluetooth/bluetoothd", "--noplugin=input,avrcp", "-f",
-               "/etc/bluetooth/remote.conf"});
+        start({"/usr/libexec/bluetooth/bluetoothd", "-f", "/etc/bluetooth/remote.conf",
+               "--noplugin=input,avrcp"});
         serveAgent();
         bus_->enterEventLoopAsync();
         for (auto& [key, device] : devices_) setUp(device);
@@ -194,18 +180,17 @@ public:
                 .onInterface("org.bluez.AgentManager1")
                 .withArguments(sdbus::ObjectPath(agentPath));
         });
-        poller_.add(
-            commands_.get(),
-            [this](const std::uint8_t* data, std::size_t size) {
-                text_.append(reinterpret_cast<const char*>(data), size);
-                std::size_t end = 0;
-                while ((end = text_.find('\n')) != std::string::npos) {
-                    const std::string line = text_.substr(0, end);
-                    text_.erase(0, end + 1);
-                    obey(line);
-                }
-            },
-            {});
+        poller_.add(commands_.get(),
+                    [this](const std::uint8_t* data, std::size_t size) {
+                        text_.append(reinterpret_cast<const char*>(data), size);
+                        std::size_t end = 0;
+                        while ((end = text_.find('\n')) != std::string::npos) {
+                            const std::string line = text_.substr(0, end);
+                            text_.erase(0, end + 1);
+                            obey(line);
+                        }
+                    },
+                    {});
     }
 
     void run() {
@@ -220,7 +205,9 @@ private:
     void serveAgent() {
         agent_ = sdbus::createObject(*bus_, agentPath);
         const auto serve = [this](const char* method, auto implementation) {
-            agent_->registerMethod(method).onInterface(agentInterface).implementedAs(implementation);
+            agent_->registerMethod(method)
+                .onInterface(agentInterface)
+                .implementedAs(implementation);
         };
         serve("Release", [] {});
         serve("Cancel", [] {});
@@ -279,7 +266,9 @@ private:
     void finishSetUp(Device& device) {
         if ((device.character->features & AUDIO_SINK) != 0) {
             eventually(10s, [&] {
-                const auto ids = adapter(device)->getProperty("UUIDs").onInterface(adapterInterface)
+                const auto ids = adapter(device)
+                                     ->getProperty("UUIDs")
+                                     .onInterface(adapterInterface)
                                      .get<std::vector<std::string>>();
                 for (const std::string& id : ids) {
                     if (id.rfind("0000110b", 0) == 0) return;  // audio sink
@@ -292,7 +281,8 @@ private:
         auto proxy = adapter(device);
         proxy->uponSignal("PropertiesChanged")
             .onInterface("org.freedesktop.DBus.Properties")
-            .call([&device](const std::string&, const std::map<std::string, sdbus::Variant>& changed,
+            .call([&device](const std::string&,
+                            const std::map<std::string, sdbus::Variant>& changed,
                             const std::vector<std::string>&) {
                 const auto entry = changed.find("Class");
                 if (entry == changed.end() ||
@@ -318,7 +308,8 @@ private:
     /// Takes the HID channels that have come; a channel whose link has ended is closed.
     void serveChannels() {
         for (const auto& [listener, device] : listeners_) {
-            UniqueFd channel(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+            UniqueFd channel(
+                accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             if (channel) device->channels.push_back(std::move(channel));
         }
         for (auto& [key, device] : devices_) {
@@ -342,7 +333,9 @@ private:
 
     bool knowsBoard(const Device& device, const char* property) {
         try {
-            return boardSeenBy(device)->getProperty(property).onInterface(deviceInterface)
+            return boardSeenBy(device)
+                ->getProperty(property)
+                .onInterface(deviceInterface)
                 .get<bool>();
         } catch (const std::exception&) {
             return false;  // the device has not seen the board yet
@@ -387,7 +380,9 @@ private:
     std::string forget(Device& device) {
         device.channels.clear();
         if (knowsBoard(device, "Paired")) {
-            adapter(device)->callMethod("RemoveDevice").onInterface(adapterInterface)
+            adapter(device)
+                ->callMethod("RemoveDevice")
+                .onInterface(adapterInterface)
                 .withArguments(sdbus::ObjectPath(device.pathOf(boardAddress())));
             rememberEndpoints(device);
         }
@@ -417,8 +412,8 @@ private:
             // The music's form is settled shortly after the connection.
             eventually(5s, [&] {
                 rate = pcm->getProperty("Sampling").onInterface(pcmInterface).get<std::uint32_t>();
-                channels = pcm->getProperty("Channels").onInterface(pcmInterface)
-                               .get<std::uint8_t>();
+                channels =
+                    pcm->getProperty("Channels").onInterface(pcmInterface).get<std::uint8_t>();
             });
             pcm->callMethod("Open").onInterface(pcmInterface).storeResultsTo(sound, control);
         } catch (const sdbus::Error& error) {
@@ -428,10 +423,11 @@ private:
         device.tone = std::make_unique<board::Tone>(channels, rate);
         device.sound = UniqueFd(sound.release());
         device.soundControl = UniqueFd(control.release());
-        poller_.add(
-            device.sound.get(),
-            [&device](const std::uint8_t* data, std::size_t size) { device.tone->feed(data, size); },
-            {});
+        poller_.add(device.sound.get(),
+                    [&device](const std::uint8_t* data, std::size_t size) {
+                        device.tone->feed(data, size);
+                    },
+                    {});
         return {};
     }
 
@@ -451,9 +447,10 @@ private:
         std::ostringstream out;
         char deviceClass[9];
         std::snprintf(deviceClass, sizeof deviceClass, "0x%06X", device.character->deviceClass);
-        out << device.character->key << " address=" << device.address << " name="
-            << device.character->name << " class=" << deviceClass << " paired="
-            << knowsBoard(device, "Paired") << " connected=" << knowsBoard(device, "Connected")
+        out << device.character->key << " address=" << device.address
+            << " name=" << device.character->name << " class=" << deviceClass
+            << " paired=" << knowsBoard(device, "Paired")
+            << " connected=" << knowsBoard(device, "Connected")
             << " channels=" << device.channels.size();
         return out.str();
     }

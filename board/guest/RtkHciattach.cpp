@@ -1,6 +1,9 @@
 // rtk_hciattach: attaches the radio module's controller on a serial line. The module of the
 // virtual board speaks H4 on the wire, so both of the tool's protocol names mean that here.
 
+#include "H4Stream.h"
+#include "SerialLine.h"
+
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -13,9 +16,6 @@
 #include <sys/ioctl.h>
 #include <syslog.h>
 #include <termios.h>
-
-#include "H4Stream.h"
-#include "SerialLine.h"
 
 namespace {
 
@@ -35,9 +35,9 @@ struct Speed {
     long baud;
     speed_t code;
 };
-constexpr Speed speeds[] = {{9600, B9600},     {19200, B19200},     {38400, B38400},
-                            {57600, B57600},   {115200, B115200},   {230400, B230400},
-                            {460800, B460800}, {921600, B921600},   {1500000, B1500000},
+constexpr Speed speeds[] = {{9600, B9600},       {19200, B19200},    {38400, B38400},
+                            {57600, B57600},     {115200, B115200},  {230400, B230400},
+                            {460800, B460800},   {921600, B921600},  {1500000, B1500000},
                             {2000000, B2000000}, {3000000, B3000000}};
 
 void setSpeed(int line, const std::string& text) {
@@ -56,7 +56,8 @@ void setSpeed(int line, const std::string& text) {
 /// Resets the controller. @return whether it answered within the time
 bool resetController(int line) {
     constexpr std::uint8_t reset[] = {board::H4_COMMAND, 0x03, 0x0C, 0};
-    if (::write(line, reset, sizeof reset) != sizeof reset) board::throwErrno("writing to the line");
+    if (::write(line, reset, sizeof reset) != sizeof reset)
+        board::throwErrno("writing to the line");
     board::H4Stream stream;
     const auto deadline = Clock::now() + answerTime;
     for (;;) {

@@ -5,14 +5,13 @@
 namespace board {
 
 AgentClient::AgentClient(Poller& poller, int serial) : poller_(poller), serial_(serial) {
-    poller_.add(
-        serial_,
-        [this](const std::uint8_t* data, std::size_t size) {
-            stream_.feed(reinterpret_cast<const char*>(data), size);
-            Frame frame;
-            while (stream_.next(frame)) handle(frame);
-        },
-        {});
+    poller_.add(serial_,
+                [this](const std::uint8_t* data, std::size_t size) {
+                    stream_.feed(reinterpret_cast<const char*>(data), size);
+                    Frame frame;
+                    while (stream_.next(frame)) handle(frame);
+                },
+                {});
 }
 
 void AgentClient::run(const RunRequest& request, OnOutput onOutput, OnExit onExit) {
@@ -52,8 +51,8 @@ void AgentClient::resize(unsigned rows, unsigned columns) {
 }
 
 void AgentClient::signal(int number) {
-    poller_.send(serial_, encodeFrame(FrameType::Signal,
-                                      encodeNumbers({static_cast<unsigned>(number)})));
+    poller_.send(serial_,
+                 encodeFrame(FrameType::Signal, encodeNumbers({static_cast<unsigned>(number)})));
 }
 
 void AgentClient::handle(const Frame& frame) {
@@ -73,7 +72,8 @@ void AgentClient::handle(const Frame& frame) {
             const OnExit onExit = std::move(onExit_);
             onExit_ = nullptr;
             onOutput_ = nullptr;
-            if (onExit) onExit(frame.payload.empty() ? 1 : static_cast<unsigned char>(frame.payload[0]));
+            if (onExit)
+                onExit(frame.payload.empty() ? 1 : static_cast<unsigned char>(frame.payload[0]));
             break;
         }
         default:

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "Frames.h"
+#include "Poller.h"
+
 #include <functional>
 #include <string>
 #include <vector>
-
-#include "Frames.h"
-#include "Poller.h"
 
 namespace board {
 

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "UniqueFd.h"
+
 #include <string>
 #include <vector>
 
 #include <sys/types.h>
-
-#include "UniqueFd.h"
 
 namespace board {
 

@@ -1,6 +1,11 @@
 // Boots the virtual board and the machine that plays the remote devices, joins their serial
 // lines, runs one command on the board and ends both machines.
 
+#include "AgentClient.h"
+#include "Machine.h"
+#include "Poller.h"
+#include "RadioRelay.h"
+
 #include <CLI/CLI.hpp>
 
 #include <chrono>
@@ -16,11 +21,6 @@
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
 #include <termios.h>
-
-#include "AgentClient.h"
-#include "Machine.h"
-#include "Poller.h"
-#include "RadioRelay.h"
 
 namespace {
 
@@ -79,11 +79,11 @@ class Session {
 public:
     explicit Session(const Options& options)
         : options_(options),
-          remote_("remote", {options.kernel, options.remoteTree, options.initramfs},
-                  options.folder, "corvane.role=remote corvane.wiring=1 " + date()),
-          board_("board", {options.kernel, options.boardTree, options.initramfs}, options.folder,
-                 "corvane.role=board corvane.wiring=" + std::to_string(options.wiring) + " " +
-                     date()),
+          remote_("remote", {options.kernel, options.remoteTree, options.initramfs}, options.folder,
+                  "corvane.role=remote corvane.wiring=1 " + date()),
+          board_(
+              "board", {options.kernel, options.boardTree, options.initramfs}, options.folder,
+              "corvane.role=board corvane.wiring=" + std::to_string(options.wiring) + " " + date()),
           relay_(poller_, board_.radio.get(), remote_.radio.get(), board_.monitor.get(),
                  options.wiring),
           boardAgent_(poller_, board_.agent.get()),
@@ -104,12 +104,12 @@ private:
     static std::string date() { return "corvane.date=" + std::to_string(std::time(nullptr)); }
 
     void join(int one, int other) {
-        poller_.add(one, [this, other](const std::uint8_t* d, std::size_t n) {
-            poller_.send(other, d, n);
-        }, {});
-        poller_.add(other, [this, one](const std::uint8_t* d, std::size_t n) {
-            poller_.send(one, d, n);
-        }, {});
+        poller_.add(
+            one, [this, other](const std::uint8_t* d, std::size_t n) { poller_.send(other, d, n); },
+            {});
+        poller_.add(other,
+                    [this, one](const std::uint8_t* d, std::size_t n) { poller_.send(one, d, n); },
+                    {});
     }
 
     void watchSignals() {
@@ -118,13 +118,15 @@ private:
         for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGWINCH}) sigaddset(&set, number);
         sigprocmask(SIG_BLOCK, &set, nullptr);
         signals_ = board::UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-        poller_.add(signals_.get(), [this](const std::uint8_t* data, std::size_t size) {
-            for (; size >= sizeof(signalfd_siginfo); size -= sizeof(signalfd_siginfo)) {
-                onSignal(static_cast<int>(
-                    reinterpret_cast<const signalfd_siginfo*>(data)->ssi_signo));
-                data += sizeof(signalfd_siginfo);
-            }
-        }, {});
+        poller_.add(signals_.get(),
+                    [this](const std::uint8_t* data, std::size_t size) {
+                        for (; size >= sizeof(signalfd_siginfo); size -= sizeof(signalfd_siginfo)) {
+                            onSignal(static_cast<int>(
+                                reinterpret_cast<const signalfd_siginfo*>(data)->ssi_signo));
+                            data += sizeof(signalfd_siginfo);
+                        }
+                    },
+                    {});
     }
 
     void onSignal(int number) {
@@ -267,13 +269,16 @@ int main(int argc, char** argv) {
     Options options;
     CLI::App app{"Runs one command on the virtual board. script/board prepares what it needs."};
     app.add_option("--kernel", options.kernel)->required()->check(CLI::ExistingFile);
-    app.add_option("--board-tree", options.boardTree, "device tree")->required()->check(
-        CLI::ExistingFile);
-    app.add_option("--remote-tree", options.remoteTree, "device tree")->required()->check(
-        CLI::ExistingFile);
+    app.add_option("--board-tree", options.boardTree, "device tree")
+        ->required()
+        ->check(CLI::ExistingFile);
+    app.add_option("--remote-tree", options.remoteTree, "device tree")
+        ->required()
+        ->check(CLI::ExistingFile);
     app.add_option("--initramfs", options.initramfs)->required()->check(CLI::ExistingFile);
-    app.add_option("--folder", options.folder, "for logs and fetched files")->required()->check(
-        CLI::ExistingDirectory);
+    app.add_option("--folder", options.folder, "for logs and fetched files")
+        ->required()
+        ->check(CLI::ExistingDirectory);
     app.add_option("--wiring", options.wiring, "radio wiring")->check(CLI::Range(0, 2));
     app.add_option("--timeout", options.timeoutSeconds, "seconds for the command, 0: no limit");
     app.add_option("--fetch", options.fetch, "file of the board to bring back")

@@ -1,10 +1,10 @@
 #include "RadioRelay.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <sstream>
 #include <stdexcept>
-
-#include <nlohmann/json.hpp>
 
 namespace board {
 namespace {

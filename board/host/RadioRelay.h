@@ -1,10 +1,10 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "H4Stream.h"
 #include "Poller.h"
+
+#include <string>
+#include <vector>
 
 namespace board {
 
@@ -36,8 +36,8 @@ private:
     void update();
 
     struct EnableLine {
-        unsigned number;            ///< as sysfs counts
-        unsigned long dataRegister; ///< physical address; the direction register follows it
+        unsigned number;             ///< as sysfs counts
+        unsigned long dataRegister;  ///< physical address; the direction register follows it
         unsigned bit;
         bool high = false;
     };
@@ -51,8 +51,8 @@ private:
     bool asking_ = false;
     std::size_t asked_ = 0;
     bool remoteReady_ = false;
-    bool powered_ = false;    ///< the lines say so
-    bool controller_ = false; ///< and the other machine has put a controller on the line
+    bool powered_ = false;     ///< the lines say so
+    bool controller_ = false;  ///< and the other machine has put a controller on the line
 };
 
 }  // namespace board

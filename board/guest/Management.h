@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace board {
+
+/// Commands of the kernel's Bluetooth management interface that the board uses.
+enum ManagementCommand : std::uint16_t { SET_BONDABLE = 0x0009, SET_DEVICE_ID = 0x0028 };
+
+/// Status of an answer while a device is still being set up.
+constexpr int invalidIndex = 0x11;
+
+/// Sends one command for one hci device and waits for its answer.
+/// @return the answer's status, 0 for success
+/// Throws std::system_error when the kernel cannot be asked.
+int manage(int device, ManagementCommand command, const std::vector<std::uint8_t>& parameters);
+
+}  // namespace board
