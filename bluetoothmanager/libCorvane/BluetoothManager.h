@@ -280,6 +280,8 @@ private:
     void keepSystemBus(GDBusConnection* connection);
     /// Drops the reference of the last bring-up. The field stays usable while another one is held.
     void releaseSystemBus();
+    /// Lets go of controllers that are gone, so that the next one can be hci0 again.
+    void releaseDeadControllers();
 
     // In this order: members are released from the last to the first.
     bool airplaneMode = false;
@@ -295,5 +297,6 @@ private:
     std::unique_ptr<sdbus::IConnection> sdbusConnection;
     std::unique_ptr<hwcommon::DBusProxy> dbusProxy;
     ModelType modelType = MODEL_UNKNOWN;
-    unsigned busReferences = 0;  // references to dbusConnection that are ours
+    unsigned busReferences = 0;         // references to dbusConnection that are ours
+    std::vector<int> classDescriptors;  // left open by adapterSetClass(), each on its controller
 };

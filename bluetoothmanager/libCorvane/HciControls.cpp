@@ -6,6 +6,7 @@
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
 
+#include <algorithm>
 #include <array>
 
 #include <sys/ioctl.h>
@@ -33,6 +34,7 @@ std::uint32_t BluetoothManager::adapterSetClass(std::uint32_t classOfDevice) {
         CORVANE_ERROR("Can not open the bluetooth device");
         return 0;
     }
+    classDescriptors.push_back(device);
     std::array<std::uint8_t, 3> before{};
     if (hci_read_class_of_dev(device, before.data(), classTimeout) == -1) {
         CORVANE_ERROR("Can not read HCI class");
@@ -71,4 +73,20 @@ bool BluetoothManager::preventRoleSwitch() const {
         return false;
     }
     return true;
+}
+
+void BluetoothManager::releaseDeadControllers() {
+    // Since Linux 5.15 a bound HCI socket keeps a controller that was detached, and with it the
+    // number 0, until it is closed or, as here, bound anew; the next attach would make an hci1 that
+    // nothing here talks to. A socket whose controller is still there refuses that and is left as
+    // it is.
+    sockaddr_hci nowhere{};
+    nowhere.hci_family = AF_BLUETOOTH;
+    nowhere.hci_dev = HCI_DEV_NONE;
+    nowhere.hci_channel = HCI_CHANNEL_RAW;
+    const auto isFree = [&nowhere](int device) {
+        return bind(device, reinterpret_cast<const sockaddr*>(&nowhere), sizeof nowhere) == 0;
+    };
+    classDescriptors.erase(std::remove_if(classDescriptors.begin(), classDescriptors.end(), isFree),
+                           classDescriptors.end());
 }

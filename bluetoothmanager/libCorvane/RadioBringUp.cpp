@@ -179,6 +179,7 @@ bool BluetoothManager::hciattach(bool attach) {
     // and a wait on the system log would hold up every switch-on. Held by
     // HciAttach.DoesNotWaitForTheSystemLog.
     [[maybe_unused]] const char* const marker = wiring.attachMarker;
+    releaseDeadControllers();
     runShell(wiring.attach);
     if (!wiring.attachRaisesDevice) hciUp();
     return true;

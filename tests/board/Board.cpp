@@ -1,0 +1,139 @@
+#include "Board.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace board {
+
+std::string run(const std::string& commandLine) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((commandLine + " 2>&1").c_str(), "r"),
+                                                     pclose);
+    if (!pipe) throw std::runtime_error("cannot run " + commandLine);
+    std::string output;
+    std::array<char, 4096> buffer{};
+    for (std::size_t n = 0; (n = fread(buffer.data(), 1, buffer.size(), pipe.get())) > 0;) {
+        output.append(buffer.data(), n);
+    }
+    return output;
+}
+
+int wiring() {
+    static const std::regex argument(R"(corvane\.wiring=(\d))");
+    const std::string commandLine = fileContent("/proc/cmdline");
+    std::smatch match;
+    if (!std::regex_search(commandLine, match, argument)) {
+        throw std::runtime_error("this is not the virtual board; use script/board test");
+    }
+    return std::stoi(match[1]);
+}
+
+std::map<unsigned, int> lineLevels() {
+    // A held line reads "gpio-153 (                    |corvane             ) out hi".
+    static const std::regex line(R"(gpio-(\d+) .*\) (?:out|in ) (hi|lo))");
+    std::map<unsigned, int> levels;
+    std::istringstream lines(fileContent("/sys/kernel/debug/gpio"));
+    std::smatch match;
+    for (std::string text; std::getline(lines, text);) {
+        if (!std::regex_search(text, match, line)) continue;
+        levels[static_cast<unsigned>(std::stoul(match[1]))] = match[2] == "hi" ? 1 : 0;
+    }
+    return levels;
+}
+
+std::string adapterProperty(const std::string& name) {
+    std::string reply =
+        run("dbus-send --system --print-reply=literal --dest=org.bluez /org/bluez/hci0 "
+            "org.freedesktop.DBus.Properties.Get string:org.bluez.Adapter1 string:" +
+            name);
+    static const std::regex value(R"(^\s*variant\s+(?:boolean |uint32 )?([^\n]*?)\s*$)");
+    std::smatch match;
+    return std::regex_search(reply, match, value) ? match[1].str() : reply;
+}
+
+std::string controllerClass() {
+    static const std::regex value(R"(Class: (0x[0-9a-f]{6}))");
+    const std::string output = run("hciconfig hci0 class");
+    std::smatch match;
+    return std::regex_search(output, match, value) ? match[1].str() : output;
+}
+
+bool busNameOwned(const std::string& name) {
+    return run("dbus-send --system --print-reply=literal --dest=org.freedesktop.DBus / "
+               "org.freedesktop.DBus.NameHasOwner string:" +
+               name)
+               .find("true") != std::string::npos;
+}
+
+std::string executableOf(int process) {
+    std::error_code gone;
+    return fs::read_symlink("/proc/" + std::to_string(process) + "/exe", gone);
+}
+
+namespace {
+
+/// Calls `visit` with each process's executable and state letter.
+void forEachProcess(const std::function<void(const std::string&, char)>& visit) {
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+        const std::string id = entry.path().filename();
+        if (id.find_first_not_of("0123456789") != std::string::npos) continue;
+        const std::string stat = fileContent("/proc/" + id + "/stat");
+        const std::size_t close = stat.rfind(") ");
+        if (close == std::string::npos) continue;  // gone meanwhile
+        visit(executableOf(std::stoi(id)), stat.at(close + 2));
+    }
+}
+
+}  // namespace
+
+unsigned processes(const std::string& path) {
+    unsigned count = 0;
+    forEachProcess(
+        [&](const std::string& executable, char) { count += executable == path ? 1 : 0; });
+    return count;
+}
+
+unsigned zombies() {
+    unsigned count = 0;
+    forEachProcess([&](const std::string&, char state) { count += state == 'Z' ? 1 : 0; });
+    return count;
+}
+
+std::multiset<std::string> openDescriptors() {
+    std::multiset<std::string> descriptors;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string target = fs::read_symlink(entry.path(), gone);
+        if (target.rfind("/proc/", 0) == 0) continue;  // the iteration's own
+        descriptors.insert(target.substr(0, target.find('[')));
+    }
+    return descriptors;
+}
+
+bool fileExists(const std::string& path) { return fs::exists(path); }
+
+std::string fileContent(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool waitFor(const std::function<bool()>& condition, unsigned milliseconds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
+}
+
+}  // namespace board

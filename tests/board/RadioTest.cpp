@@ -1,0 +1,262 @@
+// The radio as the board shows it, from the first command after boot to ten rounds of off and on.
+// The tests are the stations of one session and run in this order, in one process: the manager
+// exists once.
+
+#include "BluetoothManager.h"
+
+#include "Board.h"
+#include "Records.h"
+#include "Requests.h"
+#include "bluetoothRequests/ScanBluetoothRequest.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace {
+
+constexpr char flagFile[] = "/tmp/bluetoothEnabled";
+
+BluetoothManager& manager() { return BluetoothManager::getInstance(); }
+
+/// The lines that the wiring names.
+std::vector<unsigned> enableLines() {
+    static const std::vector<std::vector<unsigned>> lines{{48, 153, 154}, {}, {49}};
+    return lines.at(static_cast<std::size_t>(board::wiring()));
+}
+
+bool runsAudioBridge() { return board::wiring() != 2; }
+
+std::string attachProgram() {
+    return board::wiring() == 1 ? "/usr/bin/hciattach" : "/usr/bin/rtk_hciattach";
+}
+
+/// What the controller was told while `action` ran, as btmon prints it.
+template <class Action>
+std::string traced(const Action& action) {
+    board::run(
+        "rm -f /tmp/btmon.snoop; start-stop-daemon -S -b -N 19 -m -p /tmp/btmon.pid -x "
+        "/usr/bin/btmon -- "
+        "-w /tmp/btmon.snoop");
+    EXPECT_TRUE(board::waitFor([] { return board::fileExists("/tmp/btmon.snoop"); }, 5000));
+    action();
+    board::run("start-stop-daemon -K -R 5 -p /tmp/btmon.pid");
+    return board::run("btmon -r /tmp/btmon.snoop");
+}
+
+class Radio : public testing::Test {
+protected:
+    Records records;
+};
+
+TEST_F(Radio, OffAsTheFirstCommandRunsTheWholeSequence) {
+    unlink(flagFile);
+    manager().setEnabled(false, false);
+    EXPECT_EQ(board::fileContent(flagFile), "0");
+    EXPECT_TRUE(
+        records.has(log4cplus::DEBUG_LOG_LEVEL, "setBluetoothComponents : Disabling all.."));
+    // The tear-down released the constructor's connection: nothing may use it, and nothing may
+    // hang.
+    EXPECT_FALSE(manager().scanDevicesInfo());
+}
+
+// Comes before the first switching on: the descriptors that this leaves open keep the bluetooth
+// module in use.
+TEST_F(Radio, AirplaneModeUnloadsTheModulesAndLowersEveryLine) {
+    manager().setAirplaneMode(true);
+    for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 0) << line;
+    EXPECT_EQ(board::run("lsmod").find("\nbluetooth "), std::string::npos) << board::run("lsmod");
+    EXPECT_EQ(board::fileContent(flagFile), "0");
+    manager().setAirplaneMode(false);
+    for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 1) << line;
+    EXPECT_NE(board::run("lsmod").find("\nbluetooth "), std::string::npos);
+}
+
+TEST_F(Radio, OnBringsUpWhatTheBoardThenShows) {
+    const std::string trace = traced([] { manager().setEnabled(true, false); });
+    EXPECT_EQ(records.errors(), "");
+    const std::string classNow = board::controllerClass();
+
+    const eepromXML identity(board::fileContent("/etc/corvane/identity.xml"));
+    EXPECT_EQ(board::adapterProperty("Powered"), "true");
+    EXPECT_EQ(board::adapterProperty("Alias"), GetModelNameStringExternal(identity.GetModelType()) +
+                                                   " " + identity.GetSerialNumberString(false));
+    EXPECT_EQ(board::adapterProperty("Pairable"), "true");
+    EXPECT_EQ(board::adapterProperty("PairableTimeout"), "0");
+    const std::string linkMode = board::run("hciconfig hci0 lm");
+    EXPECT_NE(linkMode.find("ACCEPT"), std::string::npos) << linkMode;
+    EXPECT_TRUE(linkMode.find("CENTRAL") != std::string::npos ||
+                linkMode.find("MASTER") != std::string::npos)
+        << linkMode;
+
+    // What bluetoothd tells the kernel when the agent is registered, and what the controller is
+    // told: no scan, then the class.
+    EXPECT_NE(trace.find("Capability: NoInputNoOutput (0x03)"), std::string::npos);
+    const std::size_t scanMode =
+        trace.find("Scan enable: No Scans (0x00)",
+                   trace.find("< HCI Command: Write Scan Enable (0x03|0x001a)"));
+    const std::size_t deviceClass = trace.find(
+        "Class: 0x002100", trace.find("< HCI Command: Write Class of Device (0x03|0x0024)"));
+    EXPECT_LT(scanMode, deviceClass) << trace;
+    EXPECT_NE(deviceClass, std::string::npos) << trace;
+    // BlueZ writes a class of its own when the audio bridge, which takes its time, registers its
+    // profiles.
+    if (!runsAudioBridge()) {
+        EXPECT_EQ(classNow, "0x002100");
+    }
+
+    EXPECT_EQ(board::fileContent(flagFile), "1");
+    for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 1) << line;
+}
+
+TEST_F(Radio, OnStartsTheDaemonsWithTheirPidFiles) {
+    std::vector<std::string> daemons{"/usr/libexec/bluetooth/bluetoothd", "/usr/bin/hw_bluez_hid"};
+    if (runsAudioBridge()) daemons.emplace_back("/usr/bin/bluealsa");
+    if (board::wiring() != 1) daemons.emplace_back(attachProgram());
+    for (const std::string& daemon : daemons) {
+        const std::string name = daemon.substr(daemon.rfind('/') + 1);
+        const std::string pid = board::fileContent("/var/run/" + name + ".pid");
+        ASSERT_FALSE(pid.empty()) << name;
+        EXPECT_EQ(board::executableOf(std::stoi(pid)), daemon);
+        EXPECT_EQ(board::processes(daemon), 1U) << name;
+    }
+    EXPECT_EQ(board::processes(attachProgram()), 1U);
+    EXPECT_EQ(board::processes("/usr/bin/bluealsa"), runsAudioBridge() ? 1U : 0U);
+    EXPECT_TRUE(
+        board::waitFor([] { return board::busNameOwned("org.corvane.BluetoothHid"); }, 5000));
+}
+
+TEST_F(Radio, OnAgainDoesNothing) {
+    const auto before = board::openDescriptors();
+    manager().setEnabled(true, true);
+    EXPECT_EQ(records.all(), "DEBUG setEnabled : 1 (forced)\n");
+    EXPECT_EQ(board::openDescriptors(), before);
+}
+
+TEST_F(Radio, ScanListsThePhoneAndRefusesASecondRequest) {
+    Started scan = Started::make<ScanBluetoothRequest>();
+    ASSERT_TRUE(board::waitFor([&] { return scan.isRunning(); }, 1000));
+    EXPECT_FALSE(manager().makeRequest(std::make_shared<ScanBluetoothRequest>()));
+    EXPECT_TRUE(records.has(log4cplus::DEBUG_LOG_LEVEL,
+                            "Ongoing Bluetooth request: Generic BluetoothRequest"));
+    ASSERT_EQ(scan.answer(), REQUEST_SUCCESS);
+
+    ASSERT_TRUE(manager().scanDevicesInfo());
+    const auto phone = manager().getDeviceInfo(ALL_DEVICES, "Phone");
+    ASSERT_TRUE(phone) << board::run("bluetoothctl devices");
+    EXPECT_EQ(phone->deviceClass, 0x5A020CU);
+    const std::string shown = board::run("bluetoothctl info " + phone->macAddress);
+    EXPECT_NE(shown.find("Name: Phone"), std::string::npos) << shown;
+    char modalias[64];
+    std::snprintf(modalias, sizeof modalias, "v%04Xp%04Xd%04X", unsigned{phone->vendorId},
+                  unsigned{phone->productId}, unsigned{phone->versionId});
+    EXPECT_NE(phone->vendorId, 0);
+    EXPECT_NE(shown.find(modalias), std::string::npos) << shown;
+    std::cout << "found " << phone->macAddress << " " << phone->name << " " << modalias << "\n";
+}
+
+TEST_F(Radio, CancellingAScanAnswersAtOnce) {
+    Started scan = Started::make<ScanBluetoothRequest>();
+    ASSERT_TRUE(
+        board::waitFor([] { return board::adapterProperty("Discovering") == "true"; }, 5000));
+    manager().cancelRequest();
+    // What takes time is BlueZ's answer to the end of the discovery.
+    const int answer = scan.answer(std::chrono::seconds(3));
+    EXPECT_TRUE(answer == REQUEST_FAILED || answer == REQUEST_CANCELLED) << answer;
+    EXPECT_TRUE(
+        board::waitFor([] { return board::adapterProperty("Discovering") == "false"; }, 5000));
+}
+
+TEST_F(Radio, PairsAndForgetsADevice) {
+    const auto speaker = manager().getDeviceInfo(ALL_DEVICES, "Speaker");
+    ASSERT_TRUE(speaker);
+    ASSERT_TRUE(manager().pairDevice(speaker->macAddress.c_str())) << records.errors();
+    ASSERT_TRUE(manager().scanDevicesInfo());
+    EXPECT_TRUE(manager().searchForDevicesName(PAIRED_DEVICES, "Speaker"));
+    EXPECT_NE(board::run("bluetoothctl info " + speaker->macAddress).find("Paired: yes"),
+              std::string::npos);
+    ASSERT_TRUE(manager().deletePairedDevice(speaker->macAddress.c_str())) << records.errors();
+    ASSERT_TRUE(manager().scanDevicesInfo());
+    EXPECT_FALSE(manager().searchForDevicesName(ALL_DEVICES, "Speaker"));
+    EXPECT_FALSE(manager().deletePairedDevice(speaker->macAddress.c_str()));
+    EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to remove device"));
+}
+
+TEST_F(Radio, AScanWithBlueZStoppedStillAnswersAfterItsTime) {
+    board::run("/sbin/kill_and_wait.sh bluetoothd");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Started::make<ScanBluetoothRequest>().answer(), REQUEST_SUCCESS);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10000));
+    EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to scan for new devices"));
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 0U);
+    EXPECT_TRUE(
+        records.has(log4cplus::ERROR_LOG_LEVEL, "Unable to get result for GetManagedObjects"));
+    EXPECT_TRUE(manager().setBluetoothDaemon(true));
+}
+
+TEST_F(Radio, OffLowersTheLinesOfItsWiringAndEndsTheDaemons) {
+    manager().setEnabled(false, false);
+    EXPECT_EQ(board::fileContent(flagFile), "0");
+    for (const unsigned line : enableLines()) {
+        EXPECT_EQ(board::lineLevels()[line], line == 48 ? 1 : 0) << line;
+    }
+    for (const std::string& program : {std::string("/usr/libexec/bluetooth/bluetoothd"),
+                                       std::string("/usr/bin/hw_bluez_hid"), attachProgram()}) {
+        EXPECT_EQ(board::processes(program), 0U) << program;
+    }
+    EXPECT_TRUE(board::waitFor([] { return board::processes("/usr/bin/bluealsa") == 0; }, 5000));
+    EXPECT_FALSE(board::busNameOwned("org.bluez"));
+    EXPECT_EQ(board::zombies(), 0U);
+
+    records.clear();
+    manager().setEnabled(false, true);
+    EXPECT_EQ(records.all(), "DEBUG setEnabled : 0 (forced)\n");
+}
+
+TEST_F(Radio, ForcedOffLowersTheLineThatWifiShares) {
+    manager().setEnabled(true, false);
+    manager().setEnabled(false, true);
+    for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 0) << line;
+}
+
+TEST_F(Radio, TenRoundsLeaveOnlyTheDescriptorsThatAreLeftOpenOnPurpose) {
+    // The first round settles what is opened once (log, bus).
+    manager().setEnabled(true, false);
+    manager().setEnabled(false, false);
+    const std::multiset<std::string> before = board::openDescriptors();
+    constexpr unsigned rounds = 10;
+    for (unsigned round = 0; round < rounds; ++round) {
+        records.clear();
+        manager().setEnabled(true, false);
+        EXPECT_EQ(records.errors(), "") << "round " << round;
+        EXPECT_EQ(board::adapterProperty("Powered"), "true");
+        manager().setEnabled(false, false);
+    }
+    // Three for each switching on: the class's, the scan mode's and the link mode's.
+    const std::multiset<std::string> after = board::openDescriptors();
+    EXPECT_EQ(after.size(), before.size() + 3 * rounds)
+        << "before: " << testing::PrintToString(before)
+        << "\nafter: " << testing::PrintToString(after);
+    EXPECT_EQ(board::zombies(), 0U);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // GLib's complaints end the test: there must be none.
+    setenv("G_DEBUG", "fatal-criticals", 1);
+    testing::InitGoogleTest(&argc, argv);
+    const int status = RUN_ALL_TESTS();
+    std::cout.flush();
+    // After a request the manager's destruction ends in std::terminate(); hosts leave like this.
+    std::quick_exit(status);
+}

@@ -1,0 +1,271 @@
+// The four requests against real remote devices, from pairing to music. The tests are the stations
+// of one session and run in this order, in one process: the manager exists once, and devices stay
+// paired.
+
+#include "BluetoothManager.h"
+
+#include "Board.h"
+#include "Records.h"
+#include "Requests.h"
+#include "bluetoothRequests/ConnectBluetoothRequest.h"
+#include "bluetoothRequests/DisconnectBluetoothRequest.h"
+#include "bluetoothRequests/ScanBluetoothRequest.h"
+#include "bluetoothRequests/WaitBluetoothPairingRequest.h"
+#include "hwcommon/DBusBluetoothHidProxy.h"
+
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <array>
+#include <cstdlib>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+BluetoothManager& manager() { return BluetoothManager::getInstance(); }
+
+hwcommon::DBusBluetoothHidProxy* hidService() {
+    static const auto connection = sdbus::createSystemBusConnection();
+    static hwcommon::DBusBluetoothHidProxy proxy(*connection);
+    return &proxy;
+}
+
+/// Commands to the remote devices, which live outside the board.
+std::string peers(const std::string& command) { return board::run("peers " + command); }
+
+std::string addressOf(const std::string& name) {
+    return manager().getDeviceMacAddress(ALL_DEVICES, name);
+}
+
+std::string shown(const std::string& name) {
+    return board::run("bluetoothctl info " + addressOf(name));
+}
+
+bool shows(const std::string& name, const std::string& line) {
+    return shown(name).find(line) != std::string::npos;
+}
+
+bool isConnected(const std::string& name) { return shows(name, "Connected: yes"); }
+
+/// Answers that a real run gave, for the summary at the end.
+std::set<int>& answersSeen() {
+    static std::set<int> seen;
+    return seen;
+}
+
+int noted(int answer, const char* how) {
+    static const std::array<const char*, 6> names{"REQUEST_SUCCESS",   "REQUEST_TIMEOUT",
+                                                  "REQUEST_CANCELLED", "REQUEST_CONNECT_FAILED",
+                                                  "REQUEST_FAILED",    "REQUEST_DEVICE_NOT_FOUND"};
+    if (answer >= 0) {
+        answersSeen().insert(answer);
+        std::cout << "answer " << answer << " " << names.at(static_cast<std::size_t>(answer))
+                  << ": " << how << std::endl;
+    }
+    return answer;
+}
+
+class Requests : public testing::Test {
+protected:
+    Records records;
+};
+
+TEST_F(Requests, TheRadioFindsTheDevices) {
+    manager().setEnabled(true, false);
+    ASSERT_EQ(noted(Started::make<ScanBluetoothRequest>().answer(), "scan"), REQUEST_SUCCESS);
+    ASSERT_TRUE(manager().scanDevicesInfo());
+    for (const std::string name :
+         {"Phone", "Speaker", "Headphones", "Keyboard", "Refuser", "Ghost"}) {
+        EXPECT_TRUE(manager().searchForDevicesName(ALL_DEVICES, name)) << name;
+    }
+    unsigned twins = 0;
+    for (const std::string& name : manager().getBluetoothDeviceListNames(ALL_DEVICES)) {
+        twins += name == "Twin" ? 1 : 0;
+    }
+    EXPECT_EQ(twins, 2U);
+}
+
+TEST_F(Requests, APhoneThatPairsMeanwhileEndsTheWait) {
+    Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
+    ASSERT_TRUE(
+        board::waitFor([] { return board::adapterProperty("Discoverable") == "true"; }, 5000));
+    EXPECT_EQ(board::adapterProperty("DiscoverableTimeout"), "300");
+    EXPECT_EQ(peers("phone pair"), "");
+    EXPECT_EQ(peers("phone connect"), "");
+    EXPECT_EQ(noted(wait.answer(), "wait-pair, the phone paired and connected"), REQUEST_SUCCESS);
+    EXPECT_TRUE(shows("Phone", "Paired: yes")) << shown("Phone");
+    EXPECT_TRUE(shows("Phone", "Trusted: yes"));
+    peers("phone disconnect");
+    EXPECT_TRUE(board::waitFor([] { return !isConnected("Phone"); }, 10000));
+}
+
+TEST_F(Requests, AWaitIsCancelledWithinAPass) {
+    Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
+    ASSERT_TRUE(board::waitFor([&] { return wait.isRunning(); }, 1000));
+    // Three passes or more are behind it then, each with a scan of the lists.
+    ASSERT_FALSE(board::waitFor([&] { return !wait.isRunning(); }, 1500));
+    manager().cancelRequest();
+    const int answer = noted(wait.answer(seconds(5)), "wait-pair, cancelled");
+    EXPECT_TRUE(answer == REQUEST_CANCELLED || answer == REQUEST_FAILED) << answer;
+}
+
+TEST_F(Requests, AWaitForANameThatNeverComesTimesOut) {
+    const auto start = steady_clock::now();
+    Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
+    EXPECT_EQ(noted(wait.answer(seconds(75)), "wait-pair, the phone did not come"),
+              REQUEST_TIMEOUT);
+    const auto took = steady_clock::now() - start;
+    EXPECT_GT(took, milliseconds(60000));
+    EXPECT_LT(took, milliseconds(64000));
+}
+
+TEST_F(Requests, AWaitForALoudspeakerPairsTrustsAndConnectsIt) {
+    EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Speaker").answer(),
+                    "wait-pair of a loudspeaker"),
+              REQUEST_SUCCESS)
+        << records.errors();
+    EXPECT_TRUE(shows("Speaker", "Paired: yes"));
+    EXPECT_TRUE(shows("Speaker", "Trusted: yes"));
+    EXPECT_TRUE(isConnected("Speaker"));
+}
+
+TEST_F(Requests, AWaitTellsWhyAnAudioDeviceDidNotCome) {
+    EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Ghost").answer(),
+                    "wait-pair of a device that pairs but cannot be connected"),
+              REQUEST_CONNECT_FAILED);
+    EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Refuser").answer(),
+                    "wait-pair of a device that refuses"),
+              REQUEST_DEVICE_NOT_FOUND);
+    EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Keyboard").answer(),
+                    "wait-pair of a keyboard"),
+              REQUEST_FAILED);
+}
+
+TEST_F(Requests, HeadphonesTakeTheLoudspeakersPlaceAndPlay) {
+    ASSERT_TRUE(manager().pairDevice(addressOf("Headphones").c_str())) << records.errors();
+    ASSERT_TRUE(manager().scanDevicesInfo());
+    ASSERT_TRUE(manager().searchForDevicesName(CONNECTED_DEVICES, "Speaker"));
+    records.clear();
+    Started connect = Started::make<ConnectBluetoothRequest>(hidService(), "Headphones");
+    EXPECT_EQ(noted(connect.answer(), "connect of headphones"), REQUEST_SUCCESS)
+        << records.errors();
+
+    const std::string all = records.all();
+    const std::size_t away =
+        all.find("bool ConnectBluetoothRequest::toggleAudioDevices() Disconnecting Speaker\n");
+    const std::size_t there = all.find(
+        "bool ConnectBluetoothRequest::toggleAudioDevices() Trying to connect to Headphones\n");
+    ASSERT_NE(away, std::string::npos) << all;
+    ASSERT_NE(there, std::string::npos) << all;
+    EXPECT_LT(away, there);
+    EXPECT_TRUE(board::waitFor([] { return !isConnected("Speaker"); }, 5000));
+    EXPECT_TRUE(isConnected("Headphones"));
+
+    EXPECT_EQ(peers("headphones capture"), "");
+    const std::string played = board::run("play-tone 440 3 " + addressOf("Headphones"));
+    const std::string heard = peers("headphones heard");
+    std::cout << "the headphones heard: " << heard;
+    // "SECONDS s, FREQUENCY Hz, ..." with the tone's pitch to within a few Hz
+    EXPECT_NE(heard.find("44"), std::string::npos) << heard << played;
+}
+
+TEST_F(Requests, APhoneIsConnectedAndDisconnectedThroughTheHidService) {
+    ASSERT_TRUE(manager().scanDevicesInfo());
+    ASSERT_TRUE(manager().searchForDevicesName(PAIRED_DEVICES, "Phone"));
+    EXPECT_EQ(noted(Started::make<ConnectBluetoothRequest>(hidService(), "Phone").answer(),
+                    "connect of a phone"),
+              REQUEST_SUCCESS);
+    EXPECT_TRUE(isConnected("Phone"));
+    ASSERT_TRUE(manager().scanDevicesInfo());
+    EXPECT_EQ(noted(Started::make<DisconnectBluetoothRequest>(hidService(), "Phone").answer(),
+                    "disconnect of a phone"),
+              REQUEST_SUCCESS);
+    EXPECT_TRUE(board::waitFor([] { return !isConnected("Phone"); }, 5000));
+}
+
+TEST_F(Requests, AnAudioDeviceThatBlueZCannotConnectIsTriedThroughTheHidService) {
+    board::run(
+        "start-stop-daemon -S -b -m -p /tmp/monitor.pid -x /bin/sh -- -c "
+        "'exec dbus-monitor --system \"interface=org.corvane.BluetoothHid1\" > /tmp/monitor'");
+    ASSERT_TRUE(board::waitFor([] { return !board::fileContent("/tmp/monitor").empty(); }, 5000));
+    EXPECT_EQ(noted(Started::make<ConnectBluetoothRequest>(hidService(), "Ghost").answer(),
+                    "connect of a device that nobody can connect"),
+              REQUEST_FAILED);
+    EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to connect device"));
+    const std::string call = "string \"" + addressOf("Ghost") + "\"";
+    EXPECT_TRUE(board::waitFor(
+        [&] { return board::fileContent("/tmp/monitor").find(call) != std::string::npos; }, 5000))
+        << board::fileContent("/tmp/monitor");
+    board::run("start-stop-daemon -K -p /tmp/monitor.pid");
+}
+
+TEST_F(Requests, AFailingDisconnectionIsTriedAgainUntilItIsCancelled) {
+    // The loudspeaker is known, but not connected: its address is not among the connected ones.
+    Started disconnect = Started::make<DisconnectBluetoothRequest>(hidService(), "Speaker");
+    EXPECT_FALSE(board::waitFor([&] { return !disconnect.isRunning(); }, 2000));
+    manager().cancelRequest();
+    EXPECT_EQ(noted(disconnect.answer(seconds(5)), "disconnect, cancelled"), REQUEST_FAILED);
+    EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to disconnect device"));
+}
+
+TEST_F(Requests, ADeviceThatVanishesInTheMiddleIsAFailureNotAHang) {
+    peers("speaker vanish");
+    const int answer = Started::make<ConnectBluetoothRequest>(hidService(), "Speaker").answer();
+    EXPECT_EQ(noted(answer, "connect of a loudspeaker that has vanished"), REQUEST_FAILED);
+    peers("speaker return");
+}
+
+/// Whether a callback of `Request` may start another request.
+template <class Request, class... Arguments>
+bool callbackMayStartARequest(Arguments&&... arguments) {
+    auto result = std::make_shared<std::promise<bool>>();
+    auto accepted = result->get_future();
+    const auto request = std::make_shared<Request>(
+        [result](BluetoothRequestAnswers) {
+            // Of no class that is handled: it ends at once when it is accepted.
+            result->set_value(manager().makeRequest(
+                std::make_shared<DisconnectBluetoothRequest>(nullptr, nullptr, "nobody")));
+        },
+        std::forward<Arguments>(arguments)...);
+    EXPECT_TRUE(manager().makeRequest(request));
+    if (std::is_same_v<Request, ScanBluetoothRequest>) {
+        EXPECT_TRUE(board::waitFor([&] { return request->isStillRunning(); }, 1000));
+        manager().cancelRequest();
+    }
+    const bool value = accepted.get();
+    EXPECT_TRUE(board::waitFor([&] { return !request->isStillRunning(); }, 1000));
+    return value;
+}
+
+TEST_F(Requests, OnlyAConnectsCallbackMayStartTheNextRequest) {
+    EXPECT_FALSE(callbackMayStartARequest<ScanBluetoothRequest>());
+    EXPECT_FALSE(callbackMayStartARequest<DisconnectBluetoothRequest>(nullptr, "nobody"));
+    EXPECT_FALSE(callbackMayStartARequest<WaitBluetoothPairingRequest>("nobody"));
+    EXPECT_TRUE(callbackMayStartARequest<ConnectBluetoothRequest>(nullptr, "nobody"));
+}
+
+TEST_F(Requests, EveryAnswerWasSeen) {
+    for (int answer = REQUEST_SUCCESS; answer <= REQUEST_DEVICE_NOT_FOUND; ++answer) {
+        EXPECT_EQ(answersSeen().count(answer), 1U) << answer;
+    }
+    manager().setEnabled(false, false);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    setenv("G_DEBUG", "fatal-criticals", 1);
+    testing::InitGoogleTest(&argc, argv);
+    const int status = RUN_ALL_TESTS();
+    std::cout.flush();
+    // After a request the manager's destruction ends in std::terminate(); hosts leave like this.
+    std::quick_exit(status);
+}
