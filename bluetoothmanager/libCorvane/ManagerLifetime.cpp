@@ -53,18 +53,21 @@ void BluetoothManager::releaseSystemBus() {
     // GDBus hands out a closed connection again for as long as somebody holds it: let go of one
     // altogether, so that the next bring-up gets a new one.
     const bool closed = g_dbus_connection_is_closed(dbusConnection) != FALSE;
-    gpointer alive = dbusConnection;
-    if (closed) g_object_add_weak_pointer(G_OBJECT(dbusConnection), &alive);
+    GWeakRef rest;  // unlike a weak pointer, good when another thread drops the last reference
+    g_weak_ref_init(&rest, dbusConnection);
+    const auto isLeft = [&rest] {
+        gpointer const left = g_weak_ref_get(&rest);
+        if (left != nullptr) g_object_unref(left);
+        return left != nullptr;
+    };
     do {
         g_object_unref(dbusConnection);
         --busReferences;
     } while (closed && busReferences > 0);
-    if (closed) {
-        // GDBus's own reference goes when its message about the closing has been dispatched.
-        while (alive != nullptr && g_main_context_iteration(nullptr, FALSE) != FALSE) {
-        }
-        if (alive != nullptr) g_object_remove_weak_pointer(G_OBJECT(dbusConnection), &alive);
+    // GDBus's own reference goes when its message about the closing has been dispatched.
+    while (closed && isLeft() && g_main_context_iteration(nullptr, FALSE) != FALSE) {
     }
+    g_weak_ref_clear(&rest);
     // A tear-down without a bring-up released the constructor's reference: nobody may use that
     // connection again.
     if (busReferences == 0) dbusConnection = nullptr;
