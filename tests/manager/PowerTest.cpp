@@ -273,6 +273,24 @@ TEST_F(RawHci, LeavesOneDescriptorOpenPerCall) {
     EXPECT_EQ(openHci(), before + 3);
 }
 
+// Since Linux 5.15 such a descriptor keeps a controller that was detached, and its number with it.
+TEST_F(RawHci, TheNextAttachLetsGoOfControllersThatAreGoneWithoutClosingAnything) {
+    manager().adapterSetClass(0);
+    manager().adapterSetClass(0);
+    const auto before = openHci();
+    const auto binds = [this](bool present) {
+        edges().hciPresent = present;
+        forget();
+        manager().hciattach(true);
+        const auto events = happened({Kind::HCI});
+        return std::count(events.begin(), events.end(), "bind 65535");
+    };
+    EXPECT_EQ(binds(true), 2) << "refused while the controller is there";
+    EXPECT_EQ(binds(false), 2);
+    EXPECT_EQ(binds(false), 0) << "each is let go of once";
+    EXPECT_EQ(openHci(), before);
+}
+
 class GetEnabled : public ManagerTest {};
 
 TEST_F(GetEnabled, IsTrueForTheNumberOneAlone) {

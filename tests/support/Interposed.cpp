@@ -126,6 +126,17 @@ int socket(int domain, int type, int protocol) noexcept {
     return openNothing();
 }
 
+int bind(int descriptor, const sockaddr* address, socklen_t length) noexcept {
+    if (address->sa_family != AF_BLUETOOTH) {
+        return next<decltype(bind)>("bind")(descriptor, address, length);
+    }
+    const auto* hci = reinterpret_cast<const sockaddr_hci*>(address);
+    edges().note(Kind::HCI, "bind " + std::to_string(hci->hci_dev));
+    if (!edges().hciPresent) return 0;
+    errno = EALREADY;
+    return -1;
+}
+
 int ioctl(int descriptor, unsigned long request, ...) noexcept {
     va_list arguments;
     va_start(arguments, request);
