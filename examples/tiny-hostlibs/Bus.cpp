@@ -29,7 +29,7 @@ bool hasOwner(GDBusConnection* bus, const std::string& name) {
 
 namespace hwcommon {
 
-DBusProxy::DBusProxy(sdbus::IConnection& bus) : connection(bus) {}
+DBusProxy::DBusProxy(sdbus::IConnection& /*bus: GIO has its own*/) {}
 
 bool DBusProxy::waitUntilDBusNameExist(const std::string& name, unsigned timeout) {
     using std::chrono::milliseconds;
