@@ -23,7 +23,10 @@ namespace {
 constexpr std::uint8_t connectionComplete = 0x03;
 constexpr std::uint8_t disconnectionComplete = 0x05;
 constexpr std::uint8_t commandComplete = 0x0E;
+constexpr std::uint8_t completedPackets = 0x13;
 constexpr std::uint8_t connectionTimeout = 0x08;
+constexpr std::uint16_t readAddress = 0x1009;
+constexpr std::uint16_t handleMask = 0x0FFF;
 
 // The emulator answers within some milliseconds.
 constexpr std::chrono::milliseconds linkEndTime{500};
@@ -41,6 +44,13 @@ UniqueFd connectTo(const std::string& path) {
 
 std::uint16_t number16(const Bytes& packet, std::size_t at) {
     return static_cast<std::uint16_t>(packet[at] | packet[at + 1] << 8);
+}
+
+std::string addressAt(const Bytes& packet, std::size_t at) {
+    char text[18];
+    std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", packet[at + 5],
+                  packet[at + 4], packet[at + 3], packet[at + 2], packet[at + 1], packet[at]);
+    return text;
 }
 
 /// Attaches a line and waits until the kernel has asked the controller all it wants to know. One
@@ -115,7 +125,7 @@ void RadioBridge::post(std::function<void()> work) {
 
 std::string RadioBridge::radioAddress() const {
     const std::lock_guard lock(mutex_);
-    return radioAddress_;
+    return radio_.address;
 }
 
 int RadioBridge::addDevice(const std::string& name) {
@@ -163,7 +173,7 @@ void RadioBridge::unplug(Port& port) {
     poller_.remove(port.controller.get());
     // The emulator has no link supervision. Ending the links first, with that reason, is what the
     // other side would see some seconds later.
-    for (const std::uint16_t handle : port.links) {
+    for (const auto& [handle, other] : port.links) {
         const std::uint8_t disconnect[] = {H4_COMMAND,
                                            0x06,
                                            0x04,
@@ -183,7 +193,7 @@ void RadioBridge::unplug(Port& port) {
         if (got <= 0) break;
         port.fromController.feed(bytes, static_cast<std::size_t>(got));
         while (port.fromController.next(packet)) {
-            if (packet[0] == H4_EVENT) watchLinks(port, packet);
+            if (packet[0] == H4_EVENT) watchEvents(port, packet);
         }
     }
     port.links.clear();
@@ -202,6 +212,8 @@ void RadioBridge::fromLine(Port& port, const std::uint8_t* data, std::size_t siz
                 unplug(port);
             }
             poller_.send(port.line.get(), packet.data(), packet.size());
+        } else if (packet[0] == H4_ACL) {
+            carryData(port, packet);
         } else if (port.controller) {
             poller_.send(port.controller.get(), packet.data(), packet.size());
         }
@@ -214,24 +226,53 @@ void RadioBridge::fromController(Port& port, const std::uint8_t* data, std::size
     while (port.controller && port.fromController.next(packet)) {
         poller_.send(port.line.get(), packet.data(), packet.size());
         if (packet[0] != H4_EVENT) continue;
-        watchLinks(port, packet);
+        watchEvents(port, packet);
         if (port.vanishes && !port.links.empty()) unplug(port);
     }
 }
 
-void RadioBridge::watchLinks(Port& port, const Bytes& event) {
-    if (event[1] == connectionComplete && event.size() >= 6 && event[3] == 0) {
-        port.links.insert(number16(event, 4));
+void RadioBridge::watchEvents(Port& port, const Bytes& event) {
+    if (event[1] == connectionComplete && event.size() >= 12 && event[3] == 0) {
+        port.links[number16(event, 4)] = addressAt(event, 6);
     } else if (event[1] == disconnectionComplete && event.size() >= 6 && event[3] == 0) {
         port.links.erase(number16(event, 4));
-    } else if (&port == &radio_ && event[1] == commandComplete && event.size() >= 13 &&
-               number16(event, 4) == 0x1009 && event[6] == 0) {  // Read BD_ADDR
-        char text[18];
-        std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", event[12], event[11],
-                      event[10], event[9], event[8], event[7]);
+    } else if (event[1] == commandComplete && event.size() >= 13 &&
+               number16(event, 4) == readAddress && event[6] == 0) {
         const std::lock_guard lock(mutex_);
-        radioAddress_ = text;
+        port.address = addressAt(event, 7);
     }
+}
+
+void RadioBridge::carryData(Port& from, Bytes& packet) {
+    const std::uint16_t handle = number16(packet, 1) & handleMask;
+    const auto link = from.links.find(handle);
+    if (link == from.links.end()) return;  // ended meanwhile
+    // The sender may go on as soon as its controller says that the packet is gone.
+    const std::uint8_t completed[] = {H4_EVENT,
+                                      completedPackets,
+                                      5,
+                                      1,
+                                      static_cast<std::uint8_t>(handle & 0xFF),
+                                      static_cast<std::uint8_t>(handle >> 8),
+                                      1,
+                                      0};
+    poller_.send(from.line.get(), completed, sizeof completed);
+
+    const auto deliver = [&](Port& to) {
+        if (to.address != link->second) return;
+        for (const auto& [toHandle, other] : to.links) {
+            if (other != from.address) continue;
+            // A host marks the start of a message 0 or 2, a controller always 2.
+            const unsigned flags = packet[2] >> 4 & 3;
+            const unsigned head = toHandle | (flags == 0 ? 2U : flags) << 12;
+            packet[1] = static_cast<std::uint8_t>(head & 0xFF);
+            packet[2] = static_cast<std::uint8_t>(head >> 8);
+            poller_.send(to.line.get(), packet.data(), packet.size());
+            return;
+        }
+    };
+    deliver(radio_);
+    for (auto& [name, port] : ports_) deliver(port);
 }
 
 }  // namespace board

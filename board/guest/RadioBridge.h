@@ -7,17 +7,20 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace board {
 
 /// Joins serial lines with controllers of the emulator, whole H4 packets in both directions, on a
 /// thread of its own: the kernel's side of a line must be served while other threads wait for
-/// BlueZ. Line 0 is the board's radio, which its relay powers; the others are the remote devices'.
+/// BlueZ. One line is the board's radio, which its relay powers; the others are the remote
+/// devices'.
+///
+/// Data of a link goes from line to line without the emulator, which delivers it under the sender's
+/// handle: as soon as a controller has two links, those of the two sides differ.
 class RadioBridge {
 public:
     /// @param emulator   path of the emulator's socket; each connection is a new controller
@@ -57,7 +60,8 @@ private:
     struct Port {
         UniqueFd line, lineEnd, controller;
         H4Stream fromLine, fromController;
-        std::set<std::uint16_t> links;
+        std::string address;                         ///< empty until the kernel has asked for it
+        std::map<std::uint16_t, std::string> links;  ///< handle and the other side's address
         bool vanishes = false;
     };
 
@@ -67,7 +71,8 @@ private:
     void unplug(Port& port);
     void fromLine(Port& port, const std::uint8_t* data, std::size_t size);
     void fromController(Port& port, const std::uint8_t* data, std::size_t size);
-    void watchLinks(Port& port, const Bytes& event);
+    void watchEvents(Port& port, const Bytes& event);
+    void carryData(Port& from, Bytes& packet);
 
     std::string emulator_;
     Poller poller_;
@@ -76,7 +81,6 @@ private:
     UniqueFd wakeRead_, wakeWrite_;
     mutable std::mutex mutex_;
     std::vector<std::function<void()>> work_;
-    std::string radioAddress_;
     std::thread thread_;
 };
 

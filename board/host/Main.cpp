@@ -19,6 +19,7 @@
 #include <stdexcept>
 
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <termios.h>
 
@@ -290,6 +291,8 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     std::signal(SIGPIPE, SIG_IGN);
+    // However the calling script ends, this program ends, and the machines with it.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     try {
         return Session(options).run();
     } catch (const std::exception& error) {
