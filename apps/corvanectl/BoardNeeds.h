@@ -33,6 +33,7 @@ struct BoardNeed {
 /// The product family whose boards run no audio bridge.
 constexpr int familyWithoutAudioBridge = 1;
 constexpr char audioBridge[] = "/bin/bluealsa";
+constexpr char adapter[] = "/sys/class/bluetooth/hci0";
 
 /// Every file and program that the library relies on. A test compares it with the library's
 /// sources.
@@ -95,7 +96,7 @@ constexpr std::array<BoardNeed, 32> boardNeeds{{
      "make the folder writable"},
     {NeedKind::present, "/var/run/dbus/system_bus_socket", allWirings,
      "the bus that the audio bridge is told", "start dbus-daemon for the system bus"},
-    {NeedKind::present, "/sys/class/bluetooth/hci0", allWirings, "the adapter", ""},
+    {NeedKind::present, adapter, allWirings, "the adapter", ""},
     {NeedKind::present, "/sys/class/net/wlan0", laird, "the Wi-Fi, waited for before the modules",
      "load the Wi-Fi's driver before"},
     {NeedKind::present, "/dev/gpiochip0", anyFnLink, "the lines that power the radio",

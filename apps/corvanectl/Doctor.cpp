@@ -63,6 +63,7 @@ const std::array<Wiring, 3>& wirings() {
 struct Board {
     std::optional<unsigned> wiring;
     std::optional<int> family;
+    bool on = false;  // by the persisted setting
 };
 
 std::string firstLineOf(const fs::path& file) {
@@ -82,10 +83,9 @@ unsigned wiringOf(const eepromXML& identity) {
     return identity.GetProductFamily() == familyWithoutAudioBridge ? 2 : 0;
 }
 
-Board examineIdentity(Session& session, Findings& findings) {
+void examineIdentity(Session& session, Board& board, Findings& findings) {
     constexpr char what[] = "org.corvane.Hardware";
     constexpr char purpose[] = "the hardware service, tells the board's identity";
-    Board board;
     try {
         const eepromXML& identity = session.identity();
         board.wiring = wiringOf(identity);
@@ -107,19 +107,16 @@ Board examineIdentity(Session& session, Findings& findings) {
                             failure.status == ExitStatus::noBus ? "start dbus-daemon"
                                                                 : "start the hardware service"});
     }
-    return board;
 }
 
-void examineBus(Session& session, Findings& findings) {
+void examineBus(Session& session, const Board& board, Findings& findings) {
     struct Name {
         const char* name;
         const char* purpose;
         Verdict missing;
         const char* remedy;
     };
-    const std::string setting = firstLineOf("/tmp/bluetoothEnabled");
-    const bool on = std::atoi(setting.c_str()) == 1;
-    const Verdict missing = on ? Verdict::problem : Verdict::ok;
+    const Verdict missing = board.on ? Verdict::problem : Verdict::ok;
     const std::array<Name, 3> names{
         {{"org.freedesktop.DBus", "the message bus itself", Verdict::problem, "start dbus-daemon"},
          {"org.bluez", "BlueZ", missing, "corvanectl off, then corvanectl on"},
@@ -204,7 +201,7 @@ Finding examineModule(const BoardNeed& need) {
 }
 
 Finding examineFile(const BoardNeed& need) {
-    const Finding wrong{need.path, need.purpose, "", Verdict::problem, need.remedy};
+    Finding wrong{need.path, need.purpose, "", Verdict::problem, need.remedy};
     const auto with = [](Finding finding, const std::string& found) {
         finding.found = found;
         return finding;
@@ -255,6 +252,10 @@ Finding examineNeed(const BoardNeed& need, const Board& board) {
     const bool unused =
         (board.wiring && (need.wirings & (1U << *board.wiring)) == 0) ||
         (board.family == familyWithoutAudioBridge && need.path == std::string(audioBridge));
+    if (board.on && need.path == std::string(adapter) && !fs::exists(adapter)) {
+        finding.verdict = Verdict::problem;
+        finding.remedy = "corvanectl off, then corvanectl on; see the system log";
+    }
     if (unused) {
         finding.verdict = Verdict::unused;
         finding.remedy = "";
@@ -265,17 +266,22 @@ Finding examineNeed(const BoardNeed& need, const Board& board) {
     return finding;
 }
 
-void examineSetting(Findings& findings) {
+void examineSetting(Board& board, Findings& findings) {
     constexpr char file[] = "/tmp/bluetoothEnabled";
     constexpr char purpose[] = "its content: 1 for on, 0 for off";
-    std::error_code error;
-    if (!fs::exists(file, error)) {
+    std::string text;
+    if (!hwcommon::fileUtil::exists(file)) {
         findings.push_back(good("setting", purpose, "not set since the last boot"));
         return;
     }
-    const std::string text = firstLineOf(file);
+    if (!hwcommon::fileUtil::getFileContent(file, text)) {
+        findings.push_back(
+            {"setting", purpose, "cannot be read", Verdict::problem, std::string("rm ") + file});
+        return;
+    }
     try {
-        findings.push_back(good("setting", purpose, std::stoi(text) == 1 ? "on" : "off"));
+        board.on = std::stoi(text) == 1;
+        findings.push_back(good("setting", purpose, board.on ? "on" : "off"));
     } catch (const std::logic_error&) {
         findings.push_back({"setting", purpose, "no number: " + inQuotes(text.substr(0, 40)),
                             Verdict::problem, std::string("rm ") + file});
@@ -330,7 +336,7 @@ void examineLines(const Board& board, Findings& findings) {
     }
 }
 
-void examineRfkill(Findings& findings) {
+void examineRfkill(const Board& board, Findings& findings) {
     constexpr char purpose[] = "blocks a radio";
     std::error_code error;
     bool any = false;
@@ -339,7 +345,6 @@ void examineRfkill(Findings& findings) {
         any = true;
         const std::string what =
             "rfkill " + escaped(firstLineOf(entry.path() / "name")) + " (bluetooth)";
-        const bool on = std::atoi(firstLineOf("/tmp/bluetoothEnabled").c_str()) == 1;
         if (firstLineOf(entry.path() / "hard") == "1") {
             findings.push_back({what, purpose, "blocked by hardware", Verdict::problem,
                                 "use the switch or line that blocks it"});
@@ -347,9 +352,9 @@ void examineRfkill(Findings& findings) {
             findings.push_back(good(what, purpose, "not blocked"));
         } else {
             findings.push_back({what, purpose, "blocked by software",
-                                on ? Verdict::problem : Verdict::warning,
-                                on ? "rfkill unblock bluetooth"
-                                   : "corvanectl on lifts it, or: rfkill unblock bluetooth"});
+                                board.on ? Verdict::problem : Verdict::warning,
+                                board.on ? "rfkill unblock bluetooth"
+                                         : "corvanectl on lifts it, or: rfkill unblock bluetooth"});
         }
     }
     if (!any) findings.push_back(good("rfkill", purpose, "no Bluetooth radio attached"));
@@ -384,13 +389,14 @@ std::string counted(std::size_t count, const char* word) {
 Result examineBoard(Session& session, const Invocation& /*invocation*/) {
     Findings findings;
     examineUser(findings);
-    const Board board = examineIdentity(session, findings);
+    Board board;
+    examineIdentity(session, board, findings);
+    examineSetting(board, findings);
     examineLines(board, findings);
     for (const BoardNeed& need : boardNeeds) findings.push_back(examineNeed(need, board));
-    examineSetting(findings);
-    examineBus(session, findings);
+    examineBus(session, board, findings);
     examinePolicy(findings);
-    examineRfkill(findings);
+    examineRfkill(board, findings);
 
     const auto count = [&](Verdict verdict) {
         return static_cast<std::size_t>(

@@ -21,7 +21,8 @@ std::string columns(const std::vector<std::pair<std::string, std::string>>& rows
     for (const auto& row : rows) width = std::max(width, row.first.size());
     std::string text;
     for (const auto& [left, right] : rows) {
-        text += "  " + left + std::string(width - left.size() + 2, ' ') + right + '\n';
+        text.append("  ").append(left).append(width - left.size() + 2, ' ');
+        text.append(right).append("\n");
     }
     return text;
 }
@@ -30,8 +31,10 @@ std::string columns(const std::vector<std::pair<std::string, std::string>>& rows
 
 std::string commandsHelp() {
     std::vector<std::pair<std::string, std::string>> names;
+    names.reserve(commands().size());
     for (const Command& command : commands()) names.emplace_back(usageOf(command), command.help);
     std::vector<std::pair<std::string, std::string>> statuses;
+    statuses.reserve(exitStatusRows.size());
     for (const ExitStatusRow& row : exitStatusRows) {
         statuses.emplace_back(std::to_string(static_cast<int>(row.status)), row.meaning);
     }

@@ -21,9 +21,13 @@ int wakeUp = -1;
 
 extern "C" void onInterrupt(int /*signal*/) {
     const int saved = errno;
-    if (count.fetch_add(1) > 0) _exit(static_cast<int>(ExitStatus::interrupted));
+    [[maybe_unused]] ssize_t written = 0;
+    if (count.fetch_add(1) > 0) {
+        written = write(STDERR_FILENO, "\n", 1);  // the line may hold a progress display
+        _exit(static_cast<int>(ExitStatus::interrupted));
+    }
     const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(wakeUp, &one, sizeof one);
+    written = write(wakeUp, &one, sizeof one);
     errno = saved;
 }
 

@@ -23,7 +23,22 @@ std::string roff(const std::string& text) {
     if (!result.empty() && (result.front() == '.' || result.front() == '\'')) {
         result.insert(0, "\\&");
     }
-    return replaced(result, "\n", "\n.br\n");
+    return result;
+}
+
+/// Lines: an empty one begins a paragraph, an indented one stands alone.
+std::string roffLines(const std::string& text) {
+    std::istringstream lines(text);
+    std::string result;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty()) {
+            result += ".PP\n";
+            continue;
+        }
+        if (line.front() == ' ') result += ".br\n";
+        result += roff(line) + '\n';
+    }
+    return result;
 }
 
 std::vector<std::string> namesOf(const CLI::Option& option) {
@@ -34,6 +49,12 @@ std::vector<std::string> namesOf(const CLI::Option& option) {
 }
 
 bool takesValue(const CLI::Option& option) { return option.get_items_expected_max() > 0; }
+
+/// The value's name, without the choices that stand behind it.
+std::string valueOf(const CLI::Option& option) {
+    const std::string type = option.get_type_name();
+    return type.substr(0, type.find(':'));
+}
 
 std::string words(const std::vector<std::string>& list) {
     std::string text;
@@ -75,10 +96,10 @@ std::string manualPage(const CLI::App& app) {
          << ".SH NAME\ncorvanectl \\- switch and examine an appliance's Bluetooth radio\n"
          << ".SH SYNOPSIS\n.B corvanectl\n[\\fIOPTION\\fR]... [\\fICOMMAND\\fR]...\n"
          << ".SH DESCRIPTION\n"
-         << roff(app.get_description()) << "\n.SH OPTIONS\n";
+         << roffLines(app.get_description()) << ".SH OPTIONS\n";
     for (const CLI::Option* option : app.get_options()) {
         page << ".TP\n.B " << roff(words(namesOf(*option)))
-             << (takesValue(*option) ? " \\fIVALUE\\fR" : "") << '\n'
+             << (takesValue(*option) ? " \\fI" + valueOf(*option) + "\\fR" : "") << '\n'
              << roff(option->get_description()) << ".\n";
     }
     page << ".SH COMMANDS\n";

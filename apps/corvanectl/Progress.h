@@ -17,13 +17,16 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
+    /// Shows something else instead, of which nobody knows how long it takes.
+    void change(const std::string& what);
+
     /// Draws it as it stands now, as wide as the terminal is now.
     void draw();
 
 private:
-    const std::string label;
-    const std::chrono::milliseconds length;
-    const Clock::time_point start;
+    std::string label;
+    std::chrono::milliseconds length;
+    Clock::time_point start;
     bool drawn = false;
 };
 

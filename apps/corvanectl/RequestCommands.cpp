@@ -69,6 +69,8 @@ Result withHint(Session& session, Result result, const char* command,
 }  // namespace
 
 Result scan(Session& session, const Invocation& /*invocation*/) {
+    session.manager();
+    const std::size_t before = session.errors().total;
     const auto answer = session.perform(
         [](const Session::Callback& callback) {
             return std::make_shared<ScanBluetoothRequest>(callback);
@@ -77,7 +79,7 @@ Result scan(Session& session, const Invocation& /*invocation*/) {
     Result result = toResult(answer, "the scan", "");
     if (answer != REQUEST_SUCCESS) return result;
     // The request succeeds also when BlueZ could not start the discovery.
-    if (session.errors().total > 0) {
+    if (session.errors().total > before) {
         result.status = ExitStatus::refused;
         result.problem = "BlueZ did not discover; is Bluetooth on? See status";
         return result;

@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include "Interrupt.h"
+#include "Output.h"
 #include "Progress.h"
 #include "Text.h"
 #include "hwcommon/DBusHardwareProxy.h"
@@ -101,8 +102,8 @@ ExitStatus Session::report(const Failure& failure) {
                           {"status", static_cast<int>(failure.status)},
                           {"outcome", nameOf(failure.status)},
                           {"problem", failure.what()}};
-        std::puts(toLine(object).c_str());
-        std::fflush(stdout);
+        std::fprintf(Output::file(), "%s\n", toLine(object).c_str());
+        std::fflush(Output::file());
     } else {
         std::fprintf(stderr, "corvanectl: %s\n", failure.what());
     }
@@ -132,12 +133,12 @@ void Session::print(const Invocation& invocation, const Result& result, millisec
         object["errors"] = Json::array();
         for (const LogRecord& record : errors.first) object["errors"].push_back(toJson(record));
         object["errors_total"] = errors.total;
-        std::puts(toLine(object).c_str());
-        std::fflush(stdout);
+        std::fprintf(Output::file(), "%s\n", toLine(object).c_str());
+        std::fflush(Output::file());
         return;
     }
-    if (!result.text.empty()) std::printf("%s\n", result.text.c_str());
-    std::fflush(stdout);
+    if (!result.text.empty()) std::fprintf(Output::file(), "%s\n", result.text.c_str());
+    std::fflush(Output::file());
     if (!result.problem.empty()) {
         std::fprintf(stderr, "corvanectl: %s: %s\n", invocation.command->name,
                      result.problem.c_str());
@@ -156,7 +157,7 @@ void Session::print(const Invocation& invocation, const Result& result, millisec
 
 void Session::leave(ExitStatus status) {
     if (options.tearDown && constructed) manager().setBluetoothServices(false);
-    const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    const bool written = std::fflush(Output::file()) == 0 && std::ferror(Output::file()) == 0;
     if (!written) {
         std::fputs("corvanectl: standard output could not be written\n", stderr);
         if (status == ExitStatus::success) status = ExitStatus::unexpected;
@@ -233,8 +234,9 @@ bool Session::setting() {
 }
 
 void Session::refresh() {
+    BluetoothManager& source = manager();
     const std::size_t before = errors().total;
-    if (!manager().scanDevicesInfo() || errors().total > before) {
+    if (!source.scanDevicesInfo() || errors().total > before) {
         throw Failure(ExitStatus::refused,
                       "BlueZ did not give its devices; is Bluetooth on? See status");
     }
@@ -271,13 +273,14 @@ BluetoothRequestAnswers Session::perform(const RequestMaker& make, const std::st
     if (showsProgress()) progress.emplace(label, expected);
     bool cancelled = false;
     while (true) {
-        if (progress) progress->draw();
         // The line may have been read ahead, which no poll would tell.
         if (!cancelled &&
             (Interrupt::happened() || (lines != nullptr && lines->takeIf("cancel")))) {
             request->cancelRequest();
             cancelled = true;
+            if (progress) progress->change("Cancelling, Ctrl-C again leaves");
         }
+        if (progress) progress->draw();
         pollfd waits[] = {{box->descriptor(), POLLIN, 0},
                           {cancelled ? -1 : Interrupt::descriptor(), POLLIN, 0},
                           {lines == nullptr || cancelled ? -1 : lines->awaited(), POLLIN, 0}};

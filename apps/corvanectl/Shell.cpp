@@ -1,6 +1,7 @@
 #include "Shell.h"
 
 #include "Interrupt.h"
+#include "Output.h"
 #include "Parse.h"
 
 #include <histedit.h>
@@ -64,7 +65,9 @@ private:
 };
 
 Terminal::Terminal(Session& commandSession, LineSource& input)
-    : session(commandSession), lines(input), editor(el_init("corvanectl", stdin, stdout, stderr)) {
+    : session(commandSession),
+      lines(input),
+      editor(el_init("corvanectl", stdin, Output::file(), stderr)) {
     if (editor == nullptr || !past) {
         throw Failure(ExitStatus::unexpected, "the terminal cannot be used; see TERM");
     }
@@ -151,9 +154,10 @@ unsigned char Terminal::insertCompletion() {
         el_insertstr(editor, common.c_str());
         return CC_REFRESH;
     }
-    std::fputc('\n', stdout);
-    for (const std::string& candidate : candidates) std::printf("%s\n", candidate.c_str());
-    std::fflush(stdout);
+    std::fputc('\n', Output::file());
+    for (const std::string& candidate : candidates)
+        std::fprintf(Output::file(), "%s\n", candidate.c_str());
+    std::fflush(Output::file());
     return CC_REDISPLAY;
 }
 
@@ -173,6 +177,8 @@ Terminal::Outcome Terminal::read(std::string& line) {
     ahead += lines.takeRest();
     Interrupt::restart();
     updatePrompt();
+    // libedit would do this after it has shown the prompt: what is typed between would go astray.
+    el_set(editor, EL_PREP_TERM, 1);
     int length = 0;
     const char* const text = el_gets(editor, &length);
     if (text != nullptr && length > 0) {
@@ -180,7 +186,7 @@ Terminal::Outcome Terminal::read(std::string& line) {
         while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
         return Outcome::line;
     }
-    std::fputc('\n', stdout);
+    std::fputc('\n', Output::file());
     return Interrupt::happened() ? Outcome::interrupted : Outcome::end;
 }
 
@@ -201,7 +207,8 @@ void runShell(Session& session, LineSource& input) {
     } catch (const Failure& failure) {
         session.report(failure);
     }
-    std::printf("corvanectl: help explains the commands, Tab completes, Ctrl-D leaves\n");
+    std::fprintf(Output::file(),
+                 "corvanectl: help explains the commands, Tab completes, Ctrl-D leaves\n");
     Terminal terminal(session, input);
     bool interruptedBefore = false;
     while (!session.stopped()) {
@@ -210,7 +217,7 @@ void runShell(Session& session, LineSource& input) {
         if (outcome == Terminal::Outcome::end) return;
         if (outcome == Terminal::Outcome::interrupted) {
             if (interruptedBefore) return;
-            std::printf("Ctrl-C again leaves\n");
+            std::fprintf(Output::file(), "Ctrl-C again leaves\n");
             interruptedBefore = true;
             continue;
         }

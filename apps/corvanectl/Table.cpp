@@ -1,5 +1,7 @@
 #include "Table.h"
 
+#include "Output.h"
+
 #include <libsmartcols.h>
 
 #include <algorithm>
@@ -25,6 +27,10 @@ std::string table(const std::vector<Column>& columns,
     if (!table) throw std::bad_alloc();
     // Cells are escaped already; libsmartcols would escape the backslashes again.
     check(scols_table_enable_noencoding(table.get(), 1));
+    const std::size_t width = columnsOf(fileno(Output::file()));
+    check(scols_table_set_termforce(table.get(),
+                                    width == 0 ? SCOLS_TERMFORCE_NEVER : SCOLS_TERMFORCE_ALWAYS));
+    if (width > 0) check(scols_table_set_termwidth(table.get(), width));
     for (const Column& column : columns) {
         const int flags = column.mayShrink ? SCOLS_FL_TRUNC : 0;
         if (scols_table_new_column(table.get(), column.heading, 0, flags) == nullptr) {

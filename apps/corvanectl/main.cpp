@@ -1,5 +1,6 @@
 #include "Help.h"
 #include "Interrupt.h"
+#include "Output.h"
 #include "Pages.h"
 #include "Parse.h"
 #include "Session.h"
@@ -20,11 +21,16 @@ using namespace corvanectl;
 
 constexpr char description[] =
     "Switches the appliance's Bluetooth radio, finds, pairs and connects devices.\n"
-    "Without a command it reads commands from standard input, one a line.\n\n"
+    "Without a command it reads commands from standard input, one a line; on a terminal that is a "
+    "shell.\n\n"
     "A command is its name followed by its arguments as they are, or one argument that holds the "
-    "whole command line:\n"
+    "whole line:\n"
     "  corvanectl on scan 'connect \"Living room\"' off\n"
-    "  corvanectl connect \"Living room\"";
+    "  corvanectl connect \"Living room\"\n\n"
+    "In a line, a name with blanks stands in quotes. Within double quotes, \\xNN, \\u{NNNN}, "
+    "\\\" and \\\\ stand for what they stand for where names are shown.\n\n"
+    "A radio that is on stays on when corvanectl leaves. What ends with it: its hold on the lines "
+    "that power the radio, and the agent through which devices pair on their own.\n";
 
 /// Runs the lines of standard input.
 void runLines(Session& session, LineSource& input) {
@@ -120,12 +126,13 @@ int run(int argc, char** argv) {
         return 0;
     }
 
+    const bool terminal = isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;
     Interrupt::install();
+    Output::claim();
     LineSource input(STDIN_FILENO);
     const std::vector<std::string> words = app.remaining();
     try {
         Session session(start.options, words.empty() ? &input : nullptr);
-        const bool terminal = isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;
         if (!words.empty()) {
             runArguments(session, words);
         } else if (terminal && !start.options.json) {
@@ -144,6 +151,11 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    chooseLocale();
-    return run(argc, argv);
+    try {
+        chooseLocale();
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "corvanectl: unexpected error: %s\n", error.what());
+        return static_cast<int>(ExitStatus::unexpected);
+    }
 }

@@ -23,9 +23,8 @@ TEST_F(Corvanectl, JsonGivesOneObjectACommandAndNothingElse) {
     bluez.fail(phone.path(), "Pair", "org.bluez.Error.Failed", "no");
     const Ran all = run({"--json", "-k"},
                         "status\ndevices\nfind Phone\nscan\npair Phone\nnonsense\nhelp\ncancel\n"
-                        "trust Nobody\nairplane off\n");
+                        "trust Nobody\non\n");
     EXPECT_EQ(all.status, 6);
-    EXPECT_THAT(all.errors, IsEmpty());
     const std::vector<Json> objects = all.json();
     ASSERT_EQ(objects.size(), 10U);
     for (const Json& object : objects) {
@@ -47,6 +46,7 @@ TEST_F(Corvanectl, JsonGivesOneObjectACommandAndNothingElse) {
     EXPECT_THAT(record.at("message"), HasSubstr("bluezDeviceCallMethod"));
     EXPECT_THAT(record.at("function"), HasSubstr("BluetoothManager::"));
     EXPECT_EQ(objects[4].at("outcome"), "refused");
+    EXPECT_THAT(all.errors, HasSubstr("Device setup complete"));  // from the shell
     EXPECT_TRUE(objects[5].at("command").is_null());
 }
 
@@ -139,6 +139,9 @@ TEST_F(Corvanectl, DoctorTellsARemedyForEachProblemAndTouchesNothing) {
     EXPECT_THAT(verdicts, Contains("unused"));  // the other wirings' programs
     EXPECT_THAT(commands(), IsEmpty());
 
+    write("tmp/bluetoothEnabled", "maybe");
+    EXPECT_THAT(run({"doctor"}).output,
+                HasSubstr("no number: \"maybe\"\n        -> rm /tmp/bluetoothEnabled"));
     bluez.release("org.corvane.Hardware");
     const Ran lost = run({"doctor"});
     EXPECT_EQ(lost.status, 17);

@@ -2,7 +2,8 @@
 // which the library reaches shell, radio, lines and files. No command runs, no radio is touched.
 //
 // CORVANE_TEST_ROOT    folder: files of the machine are looked up below it, "commands" collects the
-//                      shell commands, "log-answer" is what a command whose output is read prints
+//                      shell commands (each prints a line on its standard output), "log-answer" is
+//                      what a command whose output is read prints
 // CORVANE_TEST_SPEED   so many times as fast runs the steady clock (default 1)
 //
 // Starting and stopping bluetoothd makes the fake BlueZ own and release its bus name.
@@ -62,6 +63,9 @@ extern "C" {
 
 int system(const char* command) {
     std::ofstream(below("commands"), std::ios_base::app) << command << '\n';
+    // As the real ones do.
+    constexpr char chatter[] = "Device setup complete\n";
+    [[maybe_unused]] const auto written = write(STDOUT_FILENO, chatter, sizeof chatter - 1);
     if (std::strstr(command, "-x /usr/libexec/bluetooth/bluetoothd") != nullptr) {
         tellFake("Own", "org.bluez");
     } else if (std::strcmp(command, "/sbin/kill_and_wait.sh bluetoothd") == 0) {

@@ -136,7 +136,10 @@ int Terminal::end() {
     while (readMore()) {
     }
     pollfd closed{master, 0, 0};
-    if (poll(&closed, 1, 0) != 1 || (closed.revents & POLLHUP) == 0) return -1;
+    if (poll(&closed, 1, 0) != 1 || (closed.revents & POLLHUP) == 0) {
+        ADD_FAILURE() << "corvanectl does not end; its screen:\n" << all;
+        return -1;
+    }
     const int status = statusOf(pid);
     pid = -1;
     return status;
