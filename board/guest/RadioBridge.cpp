@@ -26,6 +26,7 @@ constexpr std::uint8_t commandComplete = 0x0E;
 constexpr std::uint8_t completedPackets = 0x13;
 constexpr std::uint8_t connectionTimeout = 0x08;
 constexpr std::uint16_t readAddress = 0x1009;
+constexpr std::uint16_t resetCommand = 0x0C03;
 constexpr std::uint16_t handleMask = 0x0FFF;
 
 // The emulator answers within some milliseconds.
@@ -168,11 +169,9 @@ void RadioBridge::plug(Port& port) {
         [] { throw std::runtime_error("the emulator dropped a controller"); });
 }
 
-void RadioBridge::unplug(Port& port) {
-    if (!port.controller) return;
-    poller_.remove(port.controller.get());
-    // The emulator has no link supervision. Ending the links first, with that reason, is what the
-    // other side would see some seconds later.
+void RadioBridge::endLinks(Port& port) {
+    // The emulator has no link supervision. Ending the links with that reason is what the other
+    // side would see some seconds after this one has gone silent.
     for (const auto& [handle, other] : port.links) {
         const std::uint8_t disconnect[] = {H4_COMMAND,
                                            0x06,
@@ -183,7 +182,7 @@ void RadioBridge::unplug(Port& port) {
                                            connectionTimeout};
         if (::write(port.controller.get(), disconnect, sizeof disconnect) < 0) break;
     }
-    // A connection that is closed at once takes the commands with it, so their ends are awaited.
+    // The ends are awaited: a connection that is closed at once takes the commands with it.
     Bytes packet;
     while (!port.links.empty()) {
         pollfd entry{port.controller.get(), POLLIN, 0};
@@ -197,6 +196,12 @@ void RadioBridge::unplug(Port& port) {
         }
     }
     port.links.clear();
+}
+
+void RadioBridge::unplug(Port& port) {
+    if (!port.controller) return;
+    poller_.remove(port.controller.get());
+    endLinks(port);
     port.vanishes = false;
     port.controller.reset();
 }
@@ -215,6 +220,7 @@ void RadioBridge::fromLine(Port& port, const std::uint8_t* data, std::size_t siz
         } else if (packet[0] == H4_ACL) {
             carryData(port, packet);
         } else if (port.controller) {
+            if (packet[0] == H4_COMMAND && number16(packet, 1) == resetCommand) endLinks(port);
             poller_.send(port.controller.get(), packet.data(), packet.size());
         }
     }

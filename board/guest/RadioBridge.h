@@ -69,6 +69,7 @@ private:
     void serve(Port& port);
     void plug(Port& port);
     void unplug(Port& port);
+    void endLinks(Port& port);
     void fromLine(Port& port, const std::uint8_t* data, std::size_t size);
     void fromController(Port& port, const std::uint8_t* data, std::size_t size);
     void watchEvents(Port& port, const Bytes& event);

@@ -180,6 +180,12 @@ public:
                 .onInterface("org.bluez.AgentManager1")
                 .withArguments(sdbus::ObjectPath(agentPath));
         });
+        // With an agent there BlueZ makes every adapter pairable, so this comes after it.
+        for (auto& [key, device] : devices_) {
+            const bool pairable = (device.character->features & REFUSES) == 0;
+            const auto proxy = adapter(device);
+            eventually(10s, [&] { set(*proxy, "Pairable", pairable); });
+        }
         poller_.add(commands_.get(),
                     [this](const std::uint8_t* data, std::size_t size) {
                         text_.append(reinterpret_cast<const char*>(data), size);
@@ -234,7 +240,6 @@ private:
             set(*proxy, "Powered", true);
         });
         set(*proxy, "Alias", std::string(device.character->name));
-        set(*proxy, "Pairable", (device.character->features & REFUSES) == 0);
         set(*proxy, "Discoverable", true);
         setDeviceId(device.hci, *device.character);
         rememberEndpoints(device);
