@@ -187,6 +187,8 @@ TEST_F(Radio, PairsAndForgetsADevice) {
     ASSERT_TRUE(manager().scanDevicesInfo());
     EXPECT_FALSE(manager().searchForDevicesName(ALL_DEVICES, "Speaker"));
     EXPECT_FALSE(manager().deletePairedDevice(speaker->macAddress.c_str()));
+    // The loudspeaker's user does the same, or it would refuse the next pairing.
+    EXPECT_EQ(board::run("peers speaker forget"), "");
     EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to remove device"));
 }
 
