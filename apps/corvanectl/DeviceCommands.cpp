@@ -68,6 +68,7 @@ Result act(Session& session, const std::string& name, const char* done, const ch
                          escaped(device.macAddress) + "); the log tells BlueZ's reason";
         return result;
     }
+    session.manager().scanDevicesInfo();  // the shell completes names from the lists
     result.text =
         std::string(done) + ' ' + inQuotes(name) + " (" + escaped(device.macAddress) + ')';
     return result;

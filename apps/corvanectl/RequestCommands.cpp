@@ -57,8 +57,9 @@ std::string hintFor(const std::string& command, const BluetoothConnectionInfo& d
     return command + " handles computers, phones and audio devices; this one is: " + kind;
 }
 
-Result withHint(Session& session, Result result, const char* command,
+Result finished(Session& session, Result result, const char* command,
                 const BluetoothConnectionInfo& device) {
+    session.manager().scanDevicesInfo();  // the shell completes names from the lists
     if (result.status == ExitStatus::requestFailed &&
         session.manager().getMajorDeviceClass(device) == MAJOR_CLASS_OTHER) {
         result.problem += "; " + hintFor(command, device);
@@ -100,7 +101,7 @@ Result connectDevice(Session& session, const Invocation& invocation) {
             return std::make_shared<ConnectBluetoothRequest>(callback, session.hid(), name);
         },
         "Connecting", unknownLength);
-    return withHint(session, toResult(answer, inQuotes(name), "Connected " + inQuotes(name)),
+    return finished(session, toResult(answer, inQuotes(name), "Connected " + inQuotes(name)),
                     "connect", device);
 }
 
@@ -113,7 +114,7 @@ Result disconnectDevice(Session& session, const Invocation& invocation) {
             return std::make_shared<DisconnectBluetoothRequest>(callback, session.hid(), name);
         },
         "Disconnecting", unknownLength);
-    return withHint(session, toResult(answer, inQuotes(name), "Disconnected " + inQuotes(name)),
+    return finished(session, toResult(answer, inQuotes(name), "Disconnected " + inQuotes(name)),
                     "disconnect", device);
 }
 
@@ -125,7 +126,7 @@ Result waitForPairing(Session& session, const Invocation& invocation) {
             return std::make_shared<WaitBluetoothPairingRequest>(callback, name);
         },
         "Waiting for pairing", pairingLimit);
-    return withHint(session, toResult(answer, inQuotes(name), inQuotes(name) + " is paired"),
+    return finished(session, toResult(answer, inQuotes(name), inQuotes(name) + " is paired"),
                     "wait-pair", device);
 }
 
