@@ -15,6 +15,7 @@
 #include <thread>
 
 #include <poll.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -49,6 +50,24 @@ public:
 private:
     const int event;
     std::atomic<BluetoothRequestAnswers> answer{REQUEST_FAILED};
+};
+
+/// Puts the calling thread before all ordinary ones: a scan keeps a processor busy, and a Ctrl-C
+/// has to get through all the same. It sleeps nearly all the time. Without the permission nothing
+/// changes.
+class FirstInLine {
+public:
+    FirstInLine() { schedule(SCHED_RR | SCHED_RESET_ON_FORK, 1); }
+    ~FirstInLine() { schedule(SCHED_OTHER, 0); }
+    FirstInLine(const FirstInLine&) = delete;
+    FirstInLine& operator=(const FirstInLine&) = delete;
+
+private:
+    static void schedule(int policy, int priority) {
+        sched_param parameters{};
+        parameters.sched_priority = priority;
+        sched_setscheduler(0, policy, &parameters);
+    }
 };
 
 /// Unlike the others, a request that has answered may count as running a moment longer, and the
@@ -269,6 +288,7 @@ BluetoothRequestAnswers Session::perform(const RequestMaker& make, const std::st
         throw Failure(ExitStatus::busy,
                       "another request is still running; wait for its end or cancel it");
     }
+    const FirstInLine first;
     std::optional<Progress> progress;
     if (showsProgress()) progress.emplace(label, expected);
     bool cancelled = false;
