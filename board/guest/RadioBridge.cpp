@@ -112,7 +112,11 @@ RadioBridge::RadioBridge(std::string emulator, const std::string& radioLine)
 }
 
 RadioBridge::~RadioBridge() {
-    post([this] { poller_.stop(); });
+    try {
+        post([this] { poller_.stop(); });
+    } catch (const std::exception&) {
+        std::abort();  // the thread cannot be told to end
+    }
     thread_.join();
 }
 

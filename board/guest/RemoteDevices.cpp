@@ -93,6 +93,7 @@ void start(const std::vector<std::string>& command) {
     if (pid < 0) board::throwErrno("fork");
     if (pid > 0) return;
     std::vector<char*> argv;
+    argv.reserve(command.size() + 1);
     for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
     // Its name and last argument tell one program's output from another's.

@@ -86,6 +86,7 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
         "chardev=monitor,mode=control"};
 
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);

@@ -264,9 +264,8 @@ private:
     int status_ = boardFailed;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+/// @return the exit status
+int bootAndRun(int argc, char** argv) {
     Options options;
     CLI::App app{"Runs one command on the virtual board. script/board prepares what it needs."};
     app.add_option("--kernel", options.kernel)->required()->check(CLI::ExistingFile);
@@ -293,8 +292,14 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     // However the calling script ends, this program ends, and the machines with it.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
+    return Session(options).run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        return Session(options).run();
+        return bootAndRun(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "board: %s\n", error.what());
         return boardFailed;

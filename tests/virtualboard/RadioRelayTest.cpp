@@ -1,0 +1,164 @@
+// The radio module outside the board, with sockets for the two UARTs and a monitor that tells the
+// levels this test chooses.
+
+#include "RadioRelay.h"
+#include "UniqueFd.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <string>
+
+#include <sys/socket.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr unsigned long gpio2 = 0x020A0000;
+constexpr unsigned long gpio5 = 0x020AC000;
+
+struct Line {
+    board::UniqueFd relay, ours;
+    Line() {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) board::throwErrno("socketpair");
+        relay = board::UniqueFd(ends[0]);
+        ours = board::UniqueFd(ends[1]);
+    }
+};
+
+class RadioRelay : public testing::Test {
+protected:
+    void start(int wiring) {
+        relay = std::make_unique<board::RadioRelay>(poller, uart.relay.get(), remote.relay.get(),
+                                                    monitor.relay.get(), wiring);
+        relay->remoteIsReady();
+        const auto collect = [this](const Line& line, std::string& into) {
+            poller.add(line.ours.get(),
+                       [&into](const std::uint8_t* data, std::size_t size) {
+                           into.append(reinterpret_cast<const char*>(data), size);
+                       },
+                       {});
+        };
+        collect(uart, toBoard);
+        poller.add(remote.ours.get(),
+                   [this](const std::uint8_t* data, std::size_t size) {
+                       toRemote.append(reinterpret_cast<const char*>(data), size);
+                       // The other machine repeats a power packet once it has obeyed it.
+                       if (size == 2 && data[0] == board::H4_RADIO_POWER) {
+                           poller.send(remote.ours.get(), data, size);
+                       }
+                   },
+                   {});
+        poller.add(monitor.ours.get(),
+                   [this](const std::uint8_t* data, std::size_t size) {
+                       answerMonitor(std::string(reinterpret_cast<const char*>(data), size));
+                   },
+                   {});
+        poller.send(monitor.ours.get(), std::string("{\"QMP\": {}}\n"));
+    }
+
+    void answerMonitor(const std::string& request) {
+        const std::size_t at = request.find("xp /2wx 0x");
+        if (at == std::string::npos) {
+            poller.send(monitor.ours.get(), std::string("{\"return\": {}}\n"));
+            return;
+        }
+        const unsigned long address = std::stoul(request.substr(at + 8), nullptr, 16);
+        char text[120];
+        std::snprintf(text, sizeof text,
+                      "{\"return\": \"%016lx: 0x%08x 0x%08x\\r\\n\"}\n{\"event\": \"RESUME\"}\n",
+                      address, level[address], direction[address]);
+        poller.send(monitor.ours.get(), std::string(text));
+    }
+
+    /// Lets everything happen that the relay would do in some polls of the lines.
+    void settle() {
+        int ticks = 0;
+        poller.setTick(5ms, [this, &ticks] {
+            relay->poll();
+            if (++ticks == 20) poller.stop();
+        });
+        poller.run();
+    }
+
+    void drive(unsigned long base, unsigned bit) {
+        level[base] |= 1U << bit;
+        direction[base] |= 1U << bit;
+    }
+
+    std::string boardSends(const std::string& bytes) {
+        toRemote.clear();
+        poller.send(uart.ours.get(), bytes);
+        settle();
+        return toRemote;
+    }
+
+    const std::string reset{"\x01\x03\x0C\x00", 4};
+    const std::string on{"\xFF\x01", 2};
+    const std::string off{"\xFF\x00", 2};
+    board::Poller poller;
+    Line uart, remote, monitor;
+    std::unique_ptr<board::RadioRelay> relay;
+    std::map<unsigned long, unsigned> level, direction;
+    std::string toBoard, toRemote;
+};
+
+TEST_F(RadioRelay, HasPowerOnlyWhileEachLineIsAnOutputAndHigh) {
+    start(0);
+    EXPECT_EQ(boardSends(reset), "");
+    drive(gpio2, 16);
+    drive(gpio5, 25);
+    level[gpio5] |= 1U << 26;  // pulled up from elsewhere, but not driven
+    drive(gpio2, 17);          // another wiring's line
+    EXPECT_EQ(boardSends(reset), "");
+    direction[gpio5] |= 1U << 26;
+    settle();
+    EXPECT_EQ(toRemote, on);
+    EXPECT_EQ(boardSends(reset), reset);
+
+    level[gpio2] &= ~(1U << 16);
+    toRemote.clear();
+    settle();
+    EXPECT_EQ(toRemote, off);
+    EXPECT_EQ(boardSends(reset), "");
+}
+
+TEST_F(RadioRelay, PassesNothingThatAControllerWithoutPowerHasSent) {
+    start(2);
+    const std::string event("\x04\x13\x01\x00", 4);
+    poller.send(remote.ours.get(), event);
+    settle();
+    EXPECT_EQ(toBoard, "");
+    drive(gpio2, 17);
+    settle();
+    poller.send(remote.ours.get(), event);
+    settle();
+    EXPECT_EQ(toBoard, event);
+}
+
+TEST_F(RadioRelay, StartsAfreshBehindAPacketThatLostItsPower) {
+    start(2);
+    drive(gpio2, 17);
+    settle();
+    boardSends(std::string("\x02\x2A\x00\x10", 4));  // a head; its body never comes
+    level[gpio2] = 0;
+    settle();
+    drive(gpio2, 17);
+    settle();
+    EXPECT_EQ(boardSends(reset), reset);
+}
+
+TEST_F(RadioRelay, AlwaysHasPowerWhereNoLineIsWired) {
+    start(1);
+    settle();
+    EXPECT_EQ(toRemote, on);
+    // A packet of our own from the board must not reach the other machine's switch.
+    EXPECT_EQ(boardSends(off + reset), reset);
+}
+
+}  // namespace
