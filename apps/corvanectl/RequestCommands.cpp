@@ -30,7 +30,7 @@ constexpr std::array<AnswerRow, 6> answerRows{{
     {REQUEST_SUCCESS, "REQUEST_SUCCESS", ExitStatus::success, ""},
     {REQUEST_TIMEOUT, "REQUEST_TIMEOUT", ExitStatus::requestTimeout,
      "did not pair and connect in time; start the pairing on the device, then try again"},
-    {REQUEST_CANCELLED, "REQUEST_CANCELLED", ExitStatus::requestCancelled, "cancelled"},
+    {REQUEST_CANCELLED, "REQUEST_CANCELLED", ExitStatus::requestCancelled, "was cancelled"},
     {REQUEST_CONNECT_FAILED, "REQUEST_CONNECT_FAILED", ExitStatus::requestConnectFailed,
      "paired, but could not be connected; try connect"},
     {REQUEST_FAILED, "REQUEST_FAILED", ExitStatus::requestFailed, "failed"},
