@@ -114,7 +114,8 @@ std::multiset<std::string> openDescriptors() {
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
         const std::string target = fs::read_symlink(entry.path(), gone);
-        if (target.rfind("/proc/", 0) == 0) continue;  // the iteration's own
+        if (gone || target.rfind("/proc/", 0) == 0)
+            continue;  // another thread's; the iteration's own
         descriptors.insert(target.substr(0, target.find('[')));
     }
     return descriptors;
