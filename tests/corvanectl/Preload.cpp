@@ -4,12 +4,14 @@
 // CORVANE_TEST_ROOT    folder: files of the machine are looked up below it, "commands" collects the
 //                      shell commands (each prints a line on its standard output), "log-answer" is
 //                      what a command whose output is read prints
-// CORVANE_TEST_SPEED   so many times as fast runs the steady clock (default 1)
+// CORVANE_TEST_SPEED   so many times as fast run the steady clock and the waits on a condition
+//                      (default 1)
 //
 // Starting and stopping bluetoothd makes the fake BlueZ own and release its bus name.
 
 #include "GPIO/GPIOManager.h"
 #include "hwcommon/fileUtil.h"
+#include "hwtools/Condition.h"
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
@@ -45,6 +47,12 @@ std::string below(const std::string& path) {
 template <class Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+std::int64_t speed() {
+    static const char* const text = std::getenv("CORVANE_TEST_SPEED");
+    static const std::int64_t times = text == nullptr ? 1 : std::atoll(text);
+    return times;
 }
 
 void tellFake(const char* method, const char* name) {
@@ -106,13 +114,17 @@ int hci_write_class_of_dev(int /*device*/, std::uint32_t /*value*/, int /*timeou
 }  // extern "C"
 
 std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept {
-    static const std::int64_t speed = [] {
-        const char* const text = std::getenv("CORVANE_TEST_SPEED");
-        return text == nullptr ? 1 : std::atoll(text);
-    }();
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return time_point(nanoseconds((now.tv_sec * 1'000'000'000LL + now.tv_nsec) * speed));
+    return time_point(nanoseconds((now.tv_sec * 1'000'000'000LL + now.tv_nsec) * speed()));
+}
+
+// Its own would wait on the kernel's clock for a time of the fast one.
+int hwtools::Condition::wait(unsigned milliseconds, bool /*reset*/) {
+    const std::int64_t nanoseconds = milliseconds * 1'000'000LL / speed();
+    const timespec pause{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+    clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
+    return timedOut;
 }
 
 int GPIO::GPIOManager::exportPin(unsigned /*pin*/) { return 1; }
