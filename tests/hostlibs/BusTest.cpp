@@ -1,8 +1,10 @@
 #include "Capabilities.h"
+#include "Shortage.h"
 #include "TestBus.h"
 #include "hwcommon/DBusBluetoothHidProxy.h"
 #include "hwcommon/DBusHardwareProxy.h"
 #include "hwcommon/DBusProxy.h"
+#include "hwcommon/fileUtil.h"
 #include "hwtools/Condition.h"
 
 #include <gmock/gmock.h>
@@ -19,6 +21,8 @@
 
 using corvane::test::Child;
 using corvane::test::FakeBluez;
+using corvane::test::FewDescriptors;
+using corvane::test::NoThreads;
 using corvane::test::PrivateBus;
 using hwcommon::DBusBluetoothHidProxy;
 using hwcommon::DBusHardwareProxy;
@@ -162,6 +166,38 @@ TEST_F(HostBus, StopsWaitingWhenTheBusGoesAndWorksOnItsSuccessor) {
 
     const PrivateBus successor;
     EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.freedesktop.DBus", 0));
+}
+
+#ifndef __SANITIZE_ADDRESS__  // the sanitizers' own checks need descriptors
+TEST_F(HostBus, FailsWithoutDescriptorsAndAnswersAgainWithThem) {
+    const std::string file = testing::TempDir() + "corvane-shortage";
+    std::string content;
+    DBusHardwareProxy hardwareProxy(nullptr);
+    Observer observer;
+    const auto works = [&] {
+        const std::vector<bool> answers{
+            proxy.waitUntilDBusNameExist("org.bluez", 0),
+            !hardwareProxy.getHardwareInfo().empty(),
+            hwcommon::fileUtil::saveContentToFile(file, "1"),
+            hwcommon::fileUtil::getFileContent(file, content),
+        };
+        return answers;
+    };
+    services.reply(hardware, "GetHardwareInfo", "('<identity/>',)");
+    for (unsigned left = 0; left < 3; ++left) {
+        const FewDescriptors few(left);
+        EXPECT_THAT(works(), testing::ElementsAre(false, false, left > 0, left > 0)) << left;
+        const DBusHardwareProxy blind(&observer);
+    }
+    EXPECT_THAT(works(), testing::Each(true));
+}
+#endif
+
+TEST_F(HostBus, LeavesAnObserverUntoldWithoutThreads) {
+    Observer observer;
+    const NoThreads none;
+    const DBusHardwareProxy watched(&observer);
+    EXPECT_NE(observer.came.wait(0, false), 0);
 }
 
 TEST(BusPolicy, LetsOnlyRootServe) {

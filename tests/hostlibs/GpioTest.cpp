@@ -36,6 +36,7 @@ struct Gpios {
     std::map<std::string, gpiod_chip> chips;
     std::vector<std::string> done;
     int closed = 0;
+    int folderError = 0;
 };
 
 Gpios* gpios = nullptr;
@@ -52,6 +53,7 @@ extern "C" {
 int scandir(const char* folder, dirent*** entries, int (*filter)(const dirent*),
             int (*compare)(const dirent**, const dirent**)) {
     EXPECT_STREQ(folder, "/dev");
+    if (gpios->folderError != 0) return failWith(gpios->folderError);
     std::vector<std::string> names{"gpiochip", "gpiochip0x", "null", "gpio"};
     for (const auto& [path, chip] : gpios->chips) names.push_back(path.substr(5));
     constexpr size_t entrySize = sizeof(void*);
@@ -203,15 +205,22 @@ TEST_F(GpioLines, AreHeldBeyondTheManagerThatTookThem) {
     EXPECT_EQ(gpios->done, (Done{"request", "output 0", "set 1"}));
 }
 
-TEST_F(GpioLines, ReturnTheirErrors) {
+TEST_F(GpioLines, ThatCouldNotBeHadAreTakenLaterAsWhatTheyWereToBe) {
     line("gpiochip10", 4).busy = true;
     EXPECT_EQ(manager.exportPin(10), 0);
     EXPECT_EQ(manager.setDirection(10, Direction::OUTPUT), 0);
     EXPECT_EQ(manager.getValue(10), -1);
     EXPECT_EQ(manager.setValue(10, Value::HIGH), 0);
     line("gpiochip10", 4).busy = false;
-    EXPECT_EQ(manager.exportPin(10), 1);
-    EXPECT_EQ(manager.setDirection(10, Direction::INPUT), 1);
+    gpios->folderError = EMFILE;
+    testing::internal::CaptureStderr();
     EXPECT_EQ(manager.setValue(10, Value::HIGH), 0);
-    EXPECT_EQ(gpios->done, (Done{"request", "input"}));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("/dev: Too many open files"),
+              std::string::npos);
+    gpios->folderError = 0;
+    EXPECT_EQ(manager.setValue(10, Value::HIGH), 1);
+    EXPECT_EQ(gpios->done, (Done{"request", "output 0", "set 1"}));
+    EXPECT_EQ(manager.setDirection(10, Direction::INPUT), 1);
+    EXPECT_EQ(manager.setValue(10, Value::HIGH), 0) << "no output";
+    EXPECT_EQ(manager.getValue(12), -1) << "never exported";
 }

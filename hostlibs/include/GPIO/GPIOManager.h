@@ -17,7 +17,9 @@ enum class Value : int { LOW = 0, HIGH = 1 };
 ///
 /// The reference uses character devices. Pin N is counted over the chips in their order: chip 0's
 /// lines first, then chip 1's, and so on. Lines are held for the life of the process, not of this
-/// object, since a character-device line is guaranteed only while somebody holds it.
+/// object, since a character-device line is guaranteed only while somebody holds it. An exported
+/// line that was not to be had (the chip's driver came late, another program held it) is tried
+/// again, and given its direction, by each later call for it.
 class GPIOManager {
 public:
     GPIOManager();
@@ -32,14 +34,14 @@ public:
     int exportPin(unsigned pin);
 
     /// Sets the direction. Direction::OUTPUT keeps the level that the line has.
-    /// @return 1 on success, 0 on failure (line not exported, no permission); the reason is logged
+    /// @return 1 on success, 0 on failure (line not held, no permission); the reason is logged
     int setDirection(unsigned pin, Direction direction);
 
     /// @return the present level, 0 or 1; -1 when it cannot be read (the reason is logged)
     int getValue(unsigned pin);
 
     /// Drives an output line.
-    /// @return 1 on success, 0 on failure (line not exported or not an output); the reason is
+    /// @return 1 on success, 0 on failure (line not held or not an output); the reason is
     /// logged
     int setValue(unsigned pin, Value value);
 };

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -38,19 +39,18 @@ std::map<unsigned, HeldLine>& heldLines() {
     return lines;
 }
 
+/// The pins that were exported, held or not, with the direction that they are to have.
+std::map<unsigned, std::optional<Direction>>& exportedPins() {
+    static auto& pins = *new std::map<unsigned, std::optional<Direction>>;
+    return pins;
+}
+
 bool fail(unsigned pin, const std::string& reason) {
     LOG4CPLUS_ERROR(LogAppender::getLogger(), "GPIO " << pin << ": " << reason);
     return false;
 }
 
 std::string errorText(int error) { return std::generic_category().message(error); }
-
-gpiod_line* heldLine(unsigned pin) {
-    const auto found = heldLines().find(pin);
-    if (found != heldLines().end()) return found->second.line;
-    fail(pin, "not in use; it must be exported first");
-    return nullptr;
-}
 
 int isChip(const dirent* entry) {
     const std::string_view name = entry->d_name;
@@ -61,10 +61,11 @@ int isChip(const dirent* entry) {
                : 0;
 }
 
-/// The devices of the chips, chip 2 before chip 10.
-std::vector<std::string> chipPaths() {
+/// The devices of the chips, chip 2 before chip 10; nothing when the folder cannot be read (errno).
+std::optional<std::vector<std::string>> chipPaths() {
     dirent** entries = nullptr;
     const int count = scandir(deviceFolder, &entries, isChip, versionsort);
+    if (count < 0) return std::nullopt;
     std::vector<std::string> paths;
     for (int i = 0; i < count; ++i) {
         paths.push_back(std::string(deviceFolder) + "/" + entries[i]->d_name);
@@ -84,7 +85,12 @@ struct Place {
 Place placeOf(unsigned pin) {
     Place place;
     unsigned lines = 0;
-    for (const std::string& path : chipPaths()) {
+    const auto paths = chipPaths();
+    if (!paths) {
+        fail(pin, std::string("cannot read ") + deviceFolder + ": " + errorText(errno));
+        return place;
+    }
+    for (const std::string& path : *paths) {
         place.chip.reset(gpiod_chip_open(path.c_str()));
         if (!place.chip) {
             // Its number of lines is unknown, so that no later pin can be counted either.
@@ -104,31 +110,24 @@ Place placeOf(unsigned pin) {
     return place;
 }
 
-}  // namespace
-
-GPIOManager::GPIOManager() = default;
-
-GPIOManager::~GPIOManager() = default;
-
-int GPIOManager::exportPin(unsigned pin) {
-    if (heldLines().count(pin) != 0) return 1;
+/// Takes an exported pin's line, for ever. @return the line; null, and the reason logged, when it
+/// is not to be had
+gpiod_line* take(unsigned pin) {
     Place place = placeOf(pin);
-    if (!place.chip) return 0;
+    if (!place.chip) return nullptr;
     gpiod_line* const line = gpiod_chip_get_line(place.chip.get(), place.offset);
     const gpiod_line_request_config request{consumer, GPIOD_LINE_REQUEST_DIRECTION_AS_IS, 0};
     if (line == nullptr || gpiod_line_request(line, &request, 0) != 0) {
         const int error = errno;
         fail(pin, "cannot be taken into use: " + errorText(error) +
                       (error == EBUSY ? "; another program or /sys/class/gpio holds it" : ""));
-        return 0;
+        return nullptr;
     }
     heldLines().emplace(pin, HeldLine{std::move(place.chip), line});
-    return 1;
+    return line;
 }
 
-int GPIOManager::setDirection(unsigned pin, Direction direction) {
-    gpiod_line* const line = heldLine(pin);
-    if (line == nullptr) return 0;
+bool applyDirection(gpiod_line* line, unsigned pin, Direction direction) {
     int result = 0;
     if (direction == Direction::INPUT) {
         result = gpiod_line_set_direction_input(line);
@@ -136,13 +135,44 @@ int GPIOManager::setDirection(unsigned pin, Direction direction) {
         const int level = gpiod_line_get_value(line);
         result = level < 0 ? level : gpiod_line_set_direction_output(line, level);
     }
-    if (result == 0) return 1;
-    fail(pin, "cannot set the direction: " + errorText(errno));
-    return 0;
+    return result == 0 || fail(pin, "cannot set the direction: " + errorText(errno));
+}
+
+/// The line of an exported pin. One that was not to be had before, because its chip came late or
+/// somebody else held it, is tried again.
+gpiod_line* lineOf(unsigned pin) {
+    const auto exported = exportedPins().find(pin);
+    if (exported == exportedPins().end()) {
+        fail(pin, "not in use; it must be exported first");
+        return nullptr;
+    }
+    const auto held = heldLines().find(pin);
+    if (held != heldLines().end()) return held->second.line;
+    gpiod_line* const line = take(pin);
+    if (line != nullptr && exported->second) applyDirection(line, pin, *exported->second);
+    return line;
+}
+
+}  // namespace
+
+GPIOManager::GPIOManager() = default;
+
+GPIOManager::~GPIOManager() = default;
+
+int GPIOManager::exportPin(unsigned pin) {
+    exportedPins().try_emplace(pin);
+    return lineOf(pin) != nullptr ? 1 : 0;
+}
+
+int GPIOManager::setDirection(unsigned pin, Direction direction) {
+    gpiod_line* const line = lineOf(pin);
+    const auto exported = exportedPins().find(pin);
+    if (exported != exportedPins().end()) exported->second = direction;
+    return line != nullptr && applyDirection(line, pin, direction) ? 1 : 0;
 }
 
 int GPIOManager::getValue(unsigned pin) {
-    gpiod_line* const line = heldLine(pin);
+    gpiod_line* const line = lineOf(pin);
     if (line == nullptr) return -1;
     const int level = gpiod_line_get_value(line);
     if (level < 0) {
@@ -153,7 +183,7 @@ int GPIOManager::getValue(unsigned pin) {
 }
 
 int GPIOManager::setValue(unsigned pin, Value value) {
-    gpiod_line* const line = heldLine(pin);
+    gpiod_line* const line = lineOf(pin);
     if (line == nullptr) return 0;
     if (gpiod_line_set_value(line, static_cast<int>(value)) == 0) return 1;
     fail(pin,

@@ -30,21 +30,22 @@ constexpr std::chrono::seconds answerLimit{25};
 struct DBusHardwareProxy::Private {
     explicit Private(DBusHardwareObserver& observer)
         : stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        if (stop < 0) {
-            LOG4CPLUS_ERROR(
-                LogAppender::getLogger(),
-                "Cannot watch " << serviceName << ": " << std::generic_category().message(errno));
-            return;
+        try {
+            if (stop < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+            thread = std::thread([this, &observer] { watch(observer); });
+        } catch (const std::system_error& error) {
+            LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                            "Cannot watch " << serviceName << ": " << error.what());
         }
-        thread = std::thread([this, &observer] { watch(observer); });
     }
 
     ~Private() {
-        if (stop < 0) return;
-        stopped = true;
-        eventfd_write(stop, 1);
-        thread.join();
-        ::close(stop);
+        if (thread.joinable()) {
+            stopped = true;
+            eventfd_write(stop, 1);
+            thread.join();
+        }
+        if (stop >= 0) ::close(stop);
     }
 
     Private(const Private&) = delete;

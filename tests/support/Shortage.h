@@ -1,0 +1,32 @@
+#pragma once
+
+#include <pthread.h>
+#include <sys/resource.h>
+
+namespace corvane::test {
+
+/// While it lives the process gets no descriptor more, or only so many.
+class FewDescriptors {
+public:
+    explicit FewDescriptors(unsigned left = 0);
+    ~FewDescriptors();
+    FewDescriptors(const FewDescriptors&) = delete;
+    FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+private:
+    rlimit before{};
+};
+
+/// While it lives the process gets no thread more.
+class NoThreads {
+public:
+    NoThreads();
+    ~NoThreads();
+    NoThreads(const NoThreads&) = delete;
+    NoThreads& operator=(const NoThreads&) = delete;
+
+private:
+    pthread_attr_t before{};
+};
+
+}  // namespace corvane::test
