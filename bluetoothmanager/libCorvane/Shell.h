@@ -11,4 +11,14 @@ inline void runShell(const std::string& commandLine) {
     [[maybe_unused]] const int status = std::system(commandLine.c_str());
 }
 
+/// A text as one word of a shell command line, whatever it holds.
+inline std::string quoted(const std::string& text) {
+    std::string word = "'";
+    for (const char c : text) {
+        if (c == '\'') word += "'\\'";
+        word += c;
+    }
+    return word + "'";
+}
+
 }  // namespace corvane

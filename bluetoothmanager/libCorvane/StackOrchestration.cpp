@@ -6,6 +6,7 @@
 #include "Shell.h"
 #include "hwcommon/DBusProxy.h"
 
+using corvane::quoted;
 using corvane::runShell;
 
 namespace {
@@ -52,8 +53,8 @@ void BluetoothManager::setBluetoothServices(bool on) const {
         Capabilities::getInstance().getProductFamily() != familyWithoutAudioBridge;
     std::string commandLine;
     if (on) {
-        commandLine = hidStart + std::to_string(eeprom->GetBoardRevision()) + " '" +
-                      GetModelNameStringExternal(eeprom->GetModelType()) + "' --no-close;";
+        commandLine = hidStart + std::to_string(eeprom->GetBoardRevision()) + " " +
+                      quoted(GetModelNameStringExternal(eeprom->GetModelType())) + " --no-close;";
         if (audioBridge) commandLine += audioStart;
     } else {
         if (audioBridge) commandLine = audioStop;

@@ -10,11 +10,32 @@
 #include <cstdio>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
+constexpr char snapshotFile[] = "/tmp/messages_ref";
 constexpr char snapshot[] = "cp /var/log/messages /tmp/messages_ref";
 constexpr unsigned pollInterval =
     250;  // milliseconds; bounds the cost of a shell, diff and grep over the whole log
+
+/// Makes sure that the snapshot goes into a file of our own. Anyone may put something in its place
+/// in the folder for everybody: a link, through which cp would write with our rights, or a pipe, on
+/// which it would wait for ever. What is ours nobody else can replace there.
+bool ownSnapshotFile() {
+    struct stat status {};
+    if (lstat(snapshotFile, &status) == 0) {
+        if (S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1) {
+            return true;
+        }
+        unlink(snapshotFile);
+    }
+    const int created =
+        open(snapshotFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    return created >= 0 && close(created) == 0;
+}
 
 }  // namespace
 
@@ -29,7 +50,13 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
         return false;
     }
     const auto start = steady_clock::now();
-    corvane::runShell(snapshot);
+    if (ownSnapshotFile()) {
+        corvane::runShell(snapshot);
+    } else {
+        CORVANE_ERROR("execAndWaitForSystemLog"
+                      << " : no snapshot of the system log, cannot take into use: "
+                      << snapshotFile);
+    }
     if (!action()) {
         CORVANE_TRACE("execAndWaitForSystemLog"
                       << " log monitoring skipped: " << pattern);

@@ -375,6 +375,25 @@ TEST_F(SetEnabled, PersistsTheRequestEvenWhenBringUpFails) {
     EXPECT_EQ(edges().flagFile, "1");
 }
 
+// Such a file reads as off: on works, off is taken for done.
+TEST_F(SetEnabled, IsLedByAFileThatCannotBeWrittenOrRead) {
+    edges().flagFile = "0";
+    edges().flagWritable = false;
+    const auto acts = [this](bool enable) {
+        forget();
+        manager().setEnabled(enable, false);
+        return !happened({Kind::SHELL}).empty();
+    };
+    for (const bool readable : {true, false}) {
+        edges().flagReadable = readable;
+        EXPECT_TRUE(acts(true));
+        EXPECT_TRUE(acts(true)) << "again";
+        EXPECT_FALSE(acts(false));
+    }
+    edges().flagFile.reset();
+    EXPECT_TRUE(acts(false)) << "whoever deletes the file can switch off";
+}
+
 class AirplaneMode : public ManagerTest {};
 
 TEST_F(AirplaneMode, LowersEveryLineAndUnloadsThenBack) {

@@ -1,7 +1,13 @@
 #include "Edges.h"
 #include "ManagerTest.h"
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
+
+#include <sys/stat.h>
 
 using namespace corvane::test;
 using testing::Contains;
@@ -51,11 +57,7 @@ TEST_P(BringUp, GoesAsFarAsEachFailureLetsIt) {
     if (row.hci != nullptr) edges().failingHci = {row.hci};
     EXPECT_EQ(manager().setBluetoothComponents(true), row.result);
     EXPECT_EQ(settings(happened({Kind::BUS, Kind::HCI})), row.tried);
-    std::vector<std::string> errors;
-    for (const auto& record : edges().log()) {
-        if (record.level == "ERROR") errors.push_back(record.message);
-    }
-    EXPECT_EQ(errors, row.errors);
+    EXPECT_EQ(errors(), row.errors);
     EXPECT_EQ(log().front(), "DEBUG setBluetoothComponents : 1");
 }
 
@@ -159,6 +161,13 @@ TEST_F(Stack, ProductFamilyOneRunsNoAudioBridge) {
                             "/sbin/kill_and_wait.sh hw_bluez_hid;"));
 }
 
+TEST_F(Stack, AModelNameStaysOneWordOfTheShell) {
+    edges().modelName = "Bob's; reboot '";
+    manager().setBluetoothServices(true);
+    EXPECT_THAT(happened({Kind::SHELL}).front(),
+                testing::HasSubstr(R"(/bin/hw_bluez_hid 7 'Bob'\''s; reboot '\''' --no-close;)"));
+}
+
 class SystemLogWatcher : public ManagerTest {
 protected:
     SystemLogWatcher() { Clock::stop(); }
@@ -239,4 +248,86 @@ TEST_F(SystemLogWatcher, RefusesASingleQuoteBeforeAnythingRuns) {
     EXPECT_THAT(happened({Kind::SHELL}), testing::IsEmpty());
     ASSERT_EQ(edges().log().size(), 1U);
     EXPECT_EQ(edges().log()[0].level, "ERROR");
+}
+
+/// With a system log, and commands that really run.
+class SystemLogFile : public SystemLogWatcher {
+protected:
+    SystemLogFile() {
+        std::string pattern = testing::TempDir() + "corvane.XXXXXX";
+        folder = mkdtemp(pattern.data());
+        manager();
+        edges().folder = folder;
+        write("messages", "old: the line\n");
+    }
+    ~SystemLogFile() override {
+        edges().folder.clear();
+        std::filesystem::remove_all(folder);
+    }
+
+    void write(const std::string& name, const std::string& text,
+               std::ios_base::openmode mode = std::ios_base::trunc) {
+        std::ofstream(folder / name, mode) << text;
+    }
+    std::string read(const std::string& name) {
+        std::ifstream file(folder / name);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    /// Whether the pattern is found after what the action does to the log.
+    bool finds(const std::string& pattern, const std::function<void()>& action) {
+        const auto act = [&action] {
+            action();
+            return true;
+        };
+        return manager().execAndWaitForSystemLog(act, pattern, 300);
+    }
+
+    std::filesystem::path folder;
+};
+
+TEST_F(SystemLogFile, MayBeRotatedCutShortOrMissingInTheMiddleOfAWait) {
+    EXPECT_TRUE(finds("it came", [this] { write("messages", "it came\n", std::ios_base::app); }));
+    EXPECT_FALSE(finds("it came", [] {})) << "that line is old now";
+
+    const auto rotate = [this](const std::string& text) {
+        std::filesystem::rename(folder / "messages", folder / "messages.1");
+        if (!text.empty()) write("messages", text);
+    };
+    EXPECT_TRUE(finds("new line", [&] { rotate("the new line\n"); }));
+    EXPECT_FALSE(finds("newer", [&] { rotate(""); })) << "there is no log for a while";
+    write("messages", "old: the line\n");
+    EXPECT_TRUE(finds("old: the line", [&] { rotate("something else\n"); }))
+        << "lines that are gone differ from the snapshot too";
+    EXPECT_FALSE(finds("it came", [this] { write("messages", std::string("\0it came\n", 9)); }))
+        << "diff takes a log with a zero byte, as a power cut leaves it, for no text";
+    EXPECT_EQ(errors().size(), 3U);
+}
+
+TEST_F(SystemLogFile, IsNotCopiedThroughALinkOrIntoAPipeThatAStrangerPlanted) {
+    const auto snapshotIsGood = [this] {
+        edges().forget();
+        return finds("it came", [this] {
+            EXPECT_EQ(read("messages_ref"), read("messages"));
+            write("messages", "it came\n", std::ios_base::app);
+        });
+    };
+    write("victim", "untouched");
+    std::filesystem::create_symlink(folder / "victim", folder / "messages_ref");
+    EXPECT_TRUE(snapshotIsGood());
+    std::filesystem::remove(folder / "messages_ref");
+    std::filesystem::create_hard_link(folder / "victim", folder / "messages_ref");
+    EXPECT_TRUE(snapshotIsGood());
+    std::filesystem::remove(folder / "messages_ref");
+    ASSERT_EQ(mkfifo((folder / "messages_ref").c_str(), 0666), 0);
+    EXPECT_TRUE(snapshotIsGood());
+    EXPECT_TRUE(std::filesystem::is_regular_file(folder / "messages_ref"));
+    EXPECT_EQ(read("victim"), "untouched");
+    EXPECT_THAT(errors(), testing::IsEmpty());
+
+    std::filesystem::remove(folder / "messages_ref");
+    std::filesystem::create_directory(folder / "messages_ref");
+    EXPECT_FALSE(finds("it came", [] {}));
+    EXPECT_TRUE(std::filesystem::is_empty(folder / "messages_ref"));
+    EXPECT_THAT(errors(), Contains("execAndWaitForSystemLog : no snapshot of the system log, "
+                                   "cannot take into use: /tmp/messages_ref"));
 }

@@ -39,6 +39,7 @@ public:
     std::set<std::string> paths;          // what exists below /sys
     std::optional<std::string> flagFile;  // content of /tmp/bluetoothEnabled
     bool flagReadable = true;
+    bool flagWritable = true;
 
     // GPIO
     std::map<unsigned, int> levels;
@@ -60,8 +61,13 @@ public:
     int notifiedAtWait = -1;             // this sleep on a Condition is cut short, counted from 0
     int interruptedSleeps = 0;           // so many nanosleep calls are interrupted half-way
 
+    // What stands for the folders /tmp and /var/log, where the system log is then really copied and
+    // compared. Empty: no command runs, and the snapshot is a file of ours.
+    std::string folder;
+
     bool busMissing = false;  // GIO gets no connection
-    bool echoShell = false;   // shell commands go to standard error, for tests that end a process
+    std::string modelName = "Model C100";
+    bool echoShell = false;  // shell commands go to standard error, for tests that end a process
 
     void note(Kind kind, std::string text);
     void note(LogRecord record);

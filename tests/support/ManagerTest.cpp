@@ -114,6 +114,14 @@ std::vector<std::string> ManagerTest::happened(std::initializer_list<Kind> kinds
     return texts;
 }
 
+std::vector<std::string> ManagerTest::errors() {
+    std::vector<std::string> messages;
+    for (const auto& record : edges().log()) {
+        if (record.level == "ERROR") messages.push_back(record.message);
+    }
+    return messages;
+}
+
 void ManagerTest::forget() {
     edges().forget();
     bluez.forget();

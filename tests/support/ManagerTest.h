@@ -3,6 +3,7 @@
 #include "BluetoothManager.h"
 
 #include "Edges.h"
+#include "Shortage.h"
 #include "TestBus.h"
 
 #include <gmock/gmock.h>
@@ -57,6 +58,8 @@ protected:
     /// What has happened since the manager was made or since forget(), in order.
     std::vector<std::string> happened(std::initializer_list<Kind> kinds);
     std::vector<std::string> log() { return happened({Kind::LOG}); }
+    /// The messages of the ERROR records alone; asks nobody on the bus.
+    static std::vector<std::string> errors();
     void forget();
 
     /// Starts a request; waits for the one before to be over.
