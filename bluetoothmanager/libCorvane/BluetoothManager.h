@@ -42,7 +42,8 @@ public:
     /// The one manager. The first call constructs it, which takes seconds: it reads the board
     /// identity, opens the system bus, takes the enable lines and loads the kernel modules.
     /// Concurrent first calls wait for that one construction. Throws what sdbus-c++ throws when
-    /// there is no system bus; the next call then tries again.
+    /// there is no system bus, and std::system_error when no descriptor is left; the next call then
+    /// tries again.
     static BluetoothManager& getInstance() {
         static BluetoothManager instance;
         return instance;

@@ -3,8 +3,10 @@
 #include "Bluez.h"
 #include "Handles.h"
 #include "Logging.h"
+#include "Resources.h"
 
 #include <algorithm>
+#include <system_error>
 
 using corvane::ErrorPtr;
 using corvane::messageOf;
@@ -25,6 +27,8 @@ ErrorPtr ownError(GIOErrorEnum code, const std::string& text) {
     return ErrorPtr(g_error_new_literal(G_IO_ERROR, code, text.c_str()));
 }
 
+bool isText(const char* text) { return g_utf8_validate(text, -1, nullptr) != FALSE; }
+
 bool isPath(const std::string& path) { return g_variant_is_object_path(path.c_str()) != FALSE; }
 
 ErrorPtr noPath(const std::string& path) {
@@ -33,8 +37,8 @@ ErrorPtr noPath(const std::string& path) {
 
 /// Calls a method of BlueZ and waits for the answer, which is not looked at.
 /// @param arguments  floating, consumed; null for none
-/// @return null on success, otherwise the bus's error; a missing connection and a path that is none
-/// are errors like any other
+/// @return null on success, otherwise the bus's error; a missing connection, a name that is none
+/// and a process without a descriptor left are errors like any other
 ErrorPtr call(GDBusConnection* connection, const std::string& path, const char* interface,
               const char* method, GVariant* arguments) {
     const VariantPtr owned(arguments == nullptr ? nullptr : g_variant_ref_sink(arguments));
@@ -42,6 +46,12 @@ ErrorPtr call(GDBusConnection* connection, const std::string& path, const char* 
         return ownError(G_IO_ERROR_NOT_CONNECTED, "no connection to the system bus");
     }
     if (!isPath(path)) return noPath(path);
+    if (g_dbus_is_member_name(method) == FALSE) {
+        return ownError(G_IO_ERROR_INVALID_ARGUMENT, std::string("not a method: ") + method);
+    }
+    if (const int lack = corvane::lackOfDescriptors(1); lack != 0) {
+        return ownError(G_IO_ERROR_FAILED, std::generic_category().message(lack));
+    }
     GError* error = nullptr;
     const VariantPtr reply(g_dbus_connection_call_sync(
         connection, bluez::busName, path.c_str(), interface, method, owned.get(), nullptr,
@@ -51,7 +61,10 @@ ErrorPtr call(GDBusConnection* connection, const std::string& path, const char* 
 
 ErrorPtr setProperty(GDBusConnection* connection, const std::string& path, const char* interface,
                      const char* property, GVariant* value) {
-    if (value == nullptr) return ownError(G_IO_ERROR_INVALID_ARGUMENT, "not a valid value");
+    if (value == nullptr || !isText(property)) {
+        const VariantPtr unused(value == nullptr ? nullptr : g_variant_ref_sink(value));
+        return ownError(G_IO_ERROR_INVALID_ARGUMENT, "not a valid property or value");
+    }
     return call(connection, path, propertiesInterface, "Set",
                 g_variant_new("(ssv)", interface, property, value));
 }
@@ -89,13 +102,16 @@ int BluetoothManager::bluezDeviceCallMethod(const char* method, const char* devi
 int BluetoothManager::bluezAgentCallMethod(const char* method, const char* capability) {
     // Nothing is served at this path: with the capability NoInputNoOutput the kernel pairs without
     // asking the agent.
-    constexpr char agentPath[] = "/org/corvane";
-    GVariant* arguments =
-        *capability == '\0'
-            ? g_variant_new("(o)", static_cast<const char*>(agentPath))
-            : g_variant_new("(os)", static_cast<const char*>(agentPath), capability);
-    const ErrorPtr error = call(dbusConnection, bluez::agentManagerPath,
-                                bluez::agentManagerInterface, method, arguments);
+    static constexpr char agentPath[] = "/org/corvane";
+    const auto arguments = [capability] {
+        return *capability == '\0'
+                   ? g_variant_new("(o)", static_cast<const char*>(agentPath))
+                   : g_variant_new("(os)", static_cast<const char*>(agentPath), capability);
+    };
+    const ErrorPtr error = isText(capability)
+                               ? call(dbusConnection, bluez::agentManagerPath,
+                                      bluez::agentManagerInterface, method, arguments())
+                               : ownError(G_IO_ERROR_INVALID_ARGUMENT, "not a valid capability");
     if (!error) return 0;
     CORVANE_ERROR("bluezAgentCallMethod"
                   << " : " << messageOf(*error));

@@ -1,6 +1,7 @@
 #include "BluetoothManager.h"
 
 #include "Capabilities.h"
+#include "Resources.h"
 #include "hwcommon/DBusHardwareProxy.h"
 #include "hwcommon/DBusProxy.h"
 
@@ -25,8 +26,11 @@ BluetoothManager::BluetoothManager() {
     dbusProxy = std::make_unique<hwcommon::DBusProxy>(*sdbusConnection);
     modelType = eeprom->GetModelType();
     hardwareVariant = chooseHardwareVariant(modelType);
+    if (const int lack = corvane::lackOfDescriptors(1); lack != 0) {
+        throw std::system_error(lack, std::generic_category(), "BluetoothManager");
+    }
     mainLoop = g_main_loop_new(nullptr, FALSE);
-    keepSystemBus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    keepSystemBus(corvane::openSystemBus());
     initGPIOs();
     loadModules(true);
 }

@@ -3,6 +3,7 @@
 #include "Bluez.h"
 #include "Capabilities.h"
 #include "Logging.h"
+#include "Resources.h"
 #include "Shell.h"
 #include "hwcommon/DBusProxy.h"
 
@@ -89,7 +90,12 @@ bool BluetoothManager::setBluetoothComponents(bool enable) {
         CORVANE_ERROR("setBluetoothComponents"
                       << " : waitUntilDBusNameExist(FREEDESKTOP_DBUS_NAME) failed");
     }
-    keepSystemBus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    // A bus that was restarted while Bluetooth was off has closed the connection still held, and
+    // GDBus would hand out that one again.
+    if (dbusConnection != nullptr && g_dbus_connection_is_closed(dbusConnection) != FALSE) {
+        releaseSystemBus();
+    }
+    keepSystemBus(corvane::openSystemBus());
     if (dbusConnection == nullptr) {
         CORVANE_ERROR("setBluetoothComponents"
                       << " : Not able to get connection to system bus");

@@ -12,8 +12,10 @@
 //   Reply(s path, s member, s body, u times, u delay)
 //   Fail(s path, s member, s errorName, s message, u times, u delay)
 //   Ignore(s path, s member, u times)
+//   Crash(s path, s member, b answered)
 //     Adds a rule: a reply (body: a tuple in GVariant text form, "('Connect success',)"; doubled
-//     dictionary keys are sent as they are), an error, or no answer at all.
+//     dictionary keys are sent as they are), an error, no answer at all, or the end of this
+//     process, right after an empty reply (answered) or instead of one.
 //     path and member are patterns with * and ?; the member of a property write is "Set PROPERTY".
 //     times: how many calls it serves, 0 for all. delay: milliseconds; later calls do not wait.
 //   Own(s name), Release(s name)   a bus name comes or goes
@@ -46,6 +48,7 @@ struct Rule {
     guint timesLeft;
     bool limited;
     guint delay;
+    bool crash;
 };
 
 GDBusConnection* bus = nullptr;
@@ -80,9 +83,9 @@ MessagePtr errorFor(const MessagePtr& call, const std::string& name, const std::
 }
 
 void addRule(const char* path, const char* member, GVariant* body, const char* errorName,
-             const char* errorMessage, guint times, guint delay) {
+             const char* errorMessage, guint times, guint delay, bool crash = false) {
     rules.insert(rules.begin(),
-                 Rule{path, member, body, errorName, errorMessage, times, times > 0, delay});
+                 Rule{path, member, body, errorName, errorMessage, times, times > 0, delay, crash});
 }
 
 GVariant* parse(const char* text, GError** error) {
@@ -133,6 +136,11 @@ void control(const MessagePtr& call, const std::string& member, GVariant* argume
     } else if (member == "Ignore" && signature == "(ssu)") {
         g_variant_get(arguments, "(&s&su)", &path, &pattern, &times);
         addRule(path, pattern, nullptr, "", "", times, 0);
+    } else if (member == "Crash" && signature == "(ssb)") {
+        gboolean answered = FALSE;
+        g_variant_get(arguments, "(&s&sb)", &path, &pattern, &answered);
+        addRule(path, pattern, answered != FALSE ? parse("()", nullptr) : nullptr, "", "", 0, 0,
+                true);
     } else if ((member == "Own" || member == "Release") && signature == "(s)") {
         g_variant_get(arguments, "(&s)", &text);
         if (!changeName(member == "Own" ? "RequestName" : "ReleaseName", text)) {
@@ -195,6 +203,10 @@ void serve(const MessagePtr& call) {
             sendLater(answer, rule.delay);
         } else if (answer) {
             send(answer);
+        }
+        if (rule.crash) {
+            g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+            std::_Exit(EXIT_SUCCESS);
         }
         return;
     }

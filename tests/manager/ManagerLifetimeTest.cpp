@@ -73,6 +73,35 @@ TEST_F(ManagerLifetime, WithoutAnIdentityTheBoardIsWiringZero) {
     EXPECT_EQ(happened({Kind::GPIO}).front(), "export 48");
 }
 
+class StrangeIdentity : public ManagerTest, public testing::WithParamInterface<std::string> {};
+
+TEST_P(StrangeIdentity, IsWiringZeroAndReachesNoShell) {
+    if (GetParam().empty()) {
+        bluez.fail("/org/corvane/Hardware", "*", "org.corvane.Error.Eeprom", "`reboot`");
+    } else {
+        bluez.reply("/org/corvane/Hardware", "*", GetParam());
+    }
+    manager().setBluetoothServices(true);
+    EXPECT_THAT(
+        happened({Kind::SHELL}),
+        ElementsAre("start-stop-daemon -S -b -q -m -p /var/run/hw_bluez_hid.pid -x "
+                    "/bin/hw_bluez_hid 0 'Model C100' --no-close;start-stop-daemon -S -b -q -m -p "
+                    "/var/run/bluealsa.pid -x /bin/bluealsa;export DBUS_SESSION_BUS_ADDRESS="
+                    "unix:path=/var/run/dbus/system_bus_socket;"));
+    forget();
+    EXPECT_TRUE(manager().enableGpio(true, false));
+    EXPECT_EQ(happened({Kind::GPIO}).front(), "set 48 1");
+    manager().setEnabled(true, false);
+    EXPECT_EQ(bluez.countCalls("'Alias'"), 1) << "whatever the serial number, the radio works";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answer, StrangeIdentity,
+    testing::Values("", "(uint32 6,)", "('',)", "('\\xFF not XML; reboot',)",
+                    "('<identity><model>`reboot`</model><family>$(reboot)</family>"
+                    "<revision>1; reboot</revision><serial>`reboot`</serial></identity>',)",
+                    "('<identity>" + std::string(100000, 'x') + "</identity>',)"));
+
 TEST_F(ManagerLifetime, AFailedConstructionIsTriedAgain) {
     const std::string address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <memory>
 #include <random>
+#include <system_error>
 #include <utility>
 
 using namespace corvane::test;
@@ -100,6 +101,21 @@ TEST_F(MakeRequest, CancellingReachesTheRunningRequestOnceForAll) {
     second->released = true;
     EXPECT_EQ(answers.next(), REQUEST_SUCCESS) << "the next one is not touched by it";
     EXPECT_EQ(answers.count(), 2U);
+}
+
+TEST_F(MakeRequest, ThrowsWithoutAThreadAndTakesTheNextRequest) {
+    const auto request = std::make_shared<HeldRequest>(answers.callback());
+    manager();
+    {
+        const NoThreads none;
+        EXPECT_THROW(manager().makeRequest(request), std::system_error);
+    }
+    EXPECT_FALSE(request->isStillRunning());
+    manager().cancelRequest();
+    const auto next = startHeld();
+    next->released = true;
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+    EXPECT_EQ(answers.count(), 1U) << "none for the one that never ran";
 }
 
 class RequestNames : public testing::Test {};

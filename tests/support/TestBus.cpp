@@ -28,9 +28,19 @@ std::string quoted(const std::string& text) {
     return result;
 }
 
+/// One that is this process's alone, and can be taken again by a bus's successor.
+std::string newAddress() {
+    static int count = 0;
+    return "unix:path=/tmp/corvane-bus-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+}
+
 }  // namespace
 
-Child::Child(const std::vector<std::string>& command) {
+Child::Child(const std::vector<std::string>& words) : command(words) { start(); }
+
+void Child::start() {
+    stop();
+    line.clear();
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
@@ -71,9 +81,15 @@ void Child::stop() {
 }
 
 PrivateBus::PrivateBus()
-    : daemon({"dbus-daemon", "--nofork", "--nopidfile", "--print-address",
+    : where(newAddress()),
+      daemon({"dbus-daemon", "--nofork", "--nopidfile", "--print-address", "--address=" + where,
               std::string("--config-file=") + CORVANE_BUS_CONFIG}) {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", address().c_str(), 1);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", where.c_str(), 1);
+}
+
+void PrivateBus::restart() {
+    daemon.stop();
+    daemon.start();
 }
 
 std::string Device::path() const {
@@ -94,7 +110,12 @@ std::string Device::object() const {
     return "@o '" + path() + "': {'org.bluez.Device1': {" + properties + "}}";
 }
 
-FakeBluez::FakeBluez(const std::string& address) : process({CORVANE_FAKEBLUEZ}) {
+FakeBluez::FakeBluez(const std::string& busAddress)
+    : address(busAddress), process({CORVANE_FAKEBLUEZ}) {
+    connect();
+}
+
+void FakeBluez::connect() {
     GError* error = nullptr;
     connection = g_dbus_connection_new_for_address_sync(
         address.c_str(),
@@ -105,6 +126,12 @@ FakeBluez::FakeBluez(const std::string& address) : process({CORVANE_FAKEBLUEZ}) 
 }
 
 FakeBluez::~FakeBluez() { g_object_unref(connection); }
+
+void FakeBluez::restart() {
+    process.start();
+    g_object_unref(connection);
+    connect();
+}
 
 GVariant* FakeBluez::call(const char* member, GVariant* arguments) {
     GError* error = nullptr;
@@ -132,6 +159,11 @@ void FakeBluez::fail(const std::string& path, const std::string& member,
 
 void FakeBluez::ignore(const std::string& path, const std::string& member, unsigned times) {
     g_variant_unref(call("Ignore", g_variant_new("(ssu)", path.c_str(), member.c_str(), times)));
+}
+
+void FakeBluez::crash(const std::string& path, const std::string& member, bool answered) {
+    g_variant_unref(call("Crash", g_variant_new("(ssb)", path.c_str(), member.c_str(),
+                                                static_cast<gboolean>(answered))));
 }
 
 void FakeBluez::own(const std::string& name) {

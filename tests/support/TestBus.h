@@ -12,8 +12,8 @@
 
 namespace corvane::test {
 
-/// A child process: started by the constructor, which returns when it has printed its first line;
-/// ended by the destructor, or by the kernel should the test die before.
+/// A child process: started by the constructor and start(), which return when it has printed its
+/// first line; ended by the destructor, or by the kernel should the test die before.
 class Child {
 public:
     explicit Child(const std::vector<std::string>& command);
@@ -24,8 +24,11 @@ public:
     const std::string& firstLine() const { return line; }
     /// Ends it now.
     void stop();
+    /// Starts it anew, after its end.
+    void start();
 
 private:
+    std::vector<std::string> command;
     pid_t pid = -1;
     std::string line;
 };
@@ -35,10 +38,13 @@ private:
 class PrivateBus {
 public:
     PrivateBus();
-    std::string address() const { return daemon.firstLine(); }
+    const std::string& address() const { return where; }
     void stop() { daemon.stop(); }
+    /// The same address, another bus: nobody is on it.
+    void restart();
 
 private:
+    std::string where;
     Child daemon;
 };
 
@@ -72,6 +78,12 @@ public:
     void fail(const std::string& path, const std::string& member, const std::string& errorName,
               const std::string& message, unsigned times = 0, Milliseconds delay = Milliseconds(0));
     void ignore(const std::string& path, const std::string& member, unsigned times = 0);
+    /// The services end at such a call, after or instead of the answer.
+    void crash(const std::string& path, const std::string& member, bool answered);
+    /// They end now.
+    void stop() { process.stop(); }
+    /// They start anew, after their end, on the bus of the same address: no rule, no call is left.
+    void restart();
     void own(const std::string& name);
     void release(const std::string& name);
 
@@ -87,9 +99,11 @@ public:
 
 private:
     GVariant* call(const char* member, GVariant* arguments);
+    void connect();
 
+    std::string address;
     Child process;
-    GDBusConnection* connection;
+    GDBusConnection* connection = nullptr;
 };
 
 }  // namespace corvane::test
