@@ -5,6 +5,7 @@
 #include "Logging.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <string_view>
 #include <utility>
@@ -19,9 +20,9 @@ VariantPtr child(const VariantPtr& container, gsize index) {
     return VariantPtr(g_variant_get_child_value(container.get(), index));
 }
 
-std::string_view text(const VariantPtr& value) {
+std::string_view text(GVariant* value) {
     gsize length = 0;
-    const gchar* start = g_variant_get_string(value.get(), &length);
+    const gchar* start = g_variant_get_string(value, &length);
     return {start, length};
 }
 
@@ -40,47 +41,61 @@ struct FoundDevice {
     bool connected = false;
 };
 
-/// Takes over one property. Unknown names and known ones of another type are ignored; the later of
-/// two wins.
-void apply(FoundDevice& device, std::string_view name, const VariantPtr& value,
-           BluetoothManager& manager) {
-    switch (g_variant_classify(value.get())) {
-        case G_VARIANT_CLASS_STRING:
-            if (name == "Address") {
-                device.info.macAddress = text(value);
-            } else if (name == "Name") {
-                device.info.name = text(value);
-            } else if (name == "Modalias") {
-                const ModaliasIds ids = manager.parseModalias(std::string(text(value)));
-                device.info.vendorId = ids.vendorId;
-                device.info.productId = ids.productId;
-                device.info.versionId = ids.versionId;
-            }
-            break;
-        case G_VARIANT_CLASS_UINT32:
-            if (name == "Class") device.info.deviceClass = g_variant_get_uint32(value.get());
-            break;
-        case G_VARIANT_CLASS_BOOLEAN:
-            if (name == "Paired") {
-                device.paired = g_variant_get_boolean(value.get()) != FALSE;
-            } else if (name == "Connected") {
-                device.connected = g_variant_get_boolean(value.get()) != FALSE;
-            }
-            break;
-        default:
-            break;
-    }
+/// A property that a record or its lists are made of.
+struct Wanted {
+    std::string_view name;
+    GVariantClass type;
+    void (*take)(FoundDevice& device, GVariant* value, BluetoothManager& manager);
+};
+
+constexpr std::array<Wanted, 6> wantedProperties{{
+    {"Address", G_VARIANT_CLASS_STRING,
+     [](FoundDevice& device, GVariant* value, BluetoothManager& /*manager*/) {
+         device.info.macAddress = text(value);
+     }},
+    {"Name", G_VARIANT_CLASS_STRING,
+     [](FoundDevice& device, GVariant* value, BluetoothManager& /*manager*/) {
+         device.info.name = text(value);
+     }},
+    {"Modalias", G_VARIANT_CLASS_STRING,
+     [](FoundDevice& device, GVariant* value, BluetoothManager& manager) {
+         const ModaliasIds ids = manager.parseModalias(std::string(text(value)));
+         device.info.vendorId = ids.vendorId;
+         device.info.productId = ids.productId;
+         device.info.versionId = ids.versionId;
+     }},
+    {"Class", G_VARIANT_CLASS_UINT32,
+     [](FoundDevice& device, GVariant* value, BluetoothManager& /*manager*/) {
+         device.info.deviceClass = g_variant_get_uint32(value);
+     }},
+    {"Paired", G_VARIANT_CLASS_BOOLEAN,
+     [](FoundDevice& device, GVariant* value, BluetoothManager& /*manager*/) {
+         device.paired = g_variant_get_boolean(value) != FALSE;
+     }},
+    {"Connected", G_VARIANT_CLASS_BOOLEAN,
+     [](FoundDevice& device, GVariant* value, BluetoothManager& /*manager*/) {
+         device.connected = g_variant_get_boolean(value) != FALSE;
+     }},
+}};
+
+/// Takes over one property, a name and a value. Unknown names and known ones of another type are
+/// ignored; the later of two wins.
+void apply(FoundDevice& device, const VariantPtr& property, BluetoothManager& manager) {
+    const VariantPtr name = child(property, 0);
+    const std::string_view nameText = text(name.get());
+    const auto* const wanted =
+        std::find_if(wantedProperties.begin(), wantedProperties.end(),
+                     [nameText](const Wanted& known) { return known.name == nameText; });
+    // Two in three of a device's properties end here: their values are not even looked at.
+    if (wanted == wantedProperties.end()) return;
+    const VariantPtr value(g_variant_get_variant(child(property, 1).get()));
+    if (g_variant_classify(value.get()) == wanted->type) wanted->take(device, value.get(), manager);
 }
 
 FoundDevice readDevice(const VariantPtr& properties, BluetoothManager& manager) {
     FoundDevice device;
     const gsize count = g_variant_n_children(properties.get());
-    for (gsize i = 0; i < count; ++i) {
-        const VariantPtr entry = child(properties, i);
-        const VariantPtr name = child(entry, 0);
-        const VariantPtr value(g_variant_get_variant(child(entry, 1).get()));
-        apply(device, text(name), value, manager);
-    }
+    for (gsize i = 0; i < count; ++i) apply(device, child(properties, i), manager);
     if (device.info.name.empty()) device.info.name = device.info.macAddress;
     return device;
 }
@@ -134,7 +149,7 @@ void BluetoothManager::bluezListDevices(GDBusConnection* connection, GAsyncResul
         const gsize interfaceCount = g_variant_n_children(interfaces.get());
         for (gsize j = 0; j < interfaceCount; ++j) {
             const VariantPtr interface = child(interfaces, j);
-            if (!looksLikeADevice(text(child(interface, 0)))) continue;
+            if (!looksLikeADevice(text(child(interface, 0).get()))) continue;
             store(readDevice(child(interface, 1), manager), manager);
         }
     }
