@@ -296,9 +296,10 @@ std::vector<Row> boardRows(const Samples& samples) {
         all.values.emplace_back(key("load_and_switch_on_over_by_hand"),
                                 ours && theirs ? Value(*ours / *theirs) : Value());
     }
-    const auto more = [&](const char* name) {
-        return samples.combine(name, "footprint/memory/bare",
-                               [](double a, double b) { return a - b; });
+    const auto less = [&](const char* a, const char* b) {
+        return samples.combine(std::string("footprint/memory/") + a,
+                               std::string("footprint/memory/") + b,
+                               [](double first, double second) { return first - second; });
     };
     std::vector<Row> rows{
         over,
@@ -312,13 +313,18 @@ std::vector<Row> boardRows(const Samples& samples) {
          1,
          160,
          {{"library_size_kib", samples.scaled("footprint/size/library", 1.0 / 1024)}}},
-        {"private memory above two bare bus connections: made, 100 devices listed",
+        {"private memory above two bare bus connections: manager made",
          "KiB",
          0,
          1024,
-         {{"memory_made_kib", more("footprint/memory/made")},
-          {"memory_listed_kib", more("footprint/memory/listed")}}},
-        {"… the two bare connections",
+         {{"memory_made_kib", less("made", "bare")}}},
+        {"… 100 devices listed", "KiB", 0, 1024, {{"memory_listed_kib", less("listed", "bare")}}},
+        {"… of these, what GDBus alone keeps after such a call",
+         "KiB",
+         0,
+         {},
+         {{"memory_gdbus_kib", less("called", "bare")}}},
+        {"… the two bare connections themselves",
          "KiB",
          0,
          {},
@@ -328,24 +334,27 @@ std::vector<Row> boardRows(const Samples& samples) {
          0,
          0,
          {{"unused_dependencies", samples.median("footprint/unused/library")}}},
-        {"relocations of libCorvane.so; of a process with it, of the bare one",
+        {"relocations in libCorvane.so itself",
          "",
          0,
          {},
-         {{"relocations_library", samples.median("footprint/relocations/file")},
-          {"relocations_process", samples.median("footprint/relocations/library")},
-          {"relocations_bare", samples.median("footprint/relocations/bare")}}},
+         {{"relocations_library", samples.median("footprint/relocations/file")}}},
+        {"start of a process, exec to exit: with the library, bare",
+         "ms",
+         0,
+         {},
+         {{"start_library_ms", samples.scaled("footprint/start/library", 1e-3)},
+          {"start_bare_ms", samples.scaled("footprint/start/bare", 1e-3)}}},
+        {"… relocations by name and relative: with the library, bare",
+         "",
+         0,
+         {},
+         {{"relocations_by_name_library", samples.median("footprint/relocations-by-name/library")},
+          {"relocations_relative_library",
+           samples.median("footprint/relocations-relative/library")},
+          {"relocations_by_name_bare", samples.median("footprint/relocations-by-name/bare")},
+          {"relocations_relative_bare", samples.median("footprint/relocations-relative/bare")}}},
     };
-    for (const char* unit : {"cycles", "nanosec"}) {
-        const std::string name = std::string("footprint/startup-") + unit + '/';
-        if (!samples.median(name + "library")) continue;
-        rows.push_back({"dynamic loader's start-up, with the library, bare",
-                        unit,
-                        0,
-                        {},
-                        {{"startup_library", samples.median(name + "library")},
-                         {"startup_bare", samples.median(name + "bare")}}});
-    }
     return rows;
 }
 
