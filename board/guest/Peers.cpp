@@ -18,7 +18,10 @@ constexpr int answerTime = 60000;  // ms; the longest command waits for a search
 constexpr const char* usage =
     "usage: peers list            all devices\n"
     "       peers DEVICE ACTION   an unknown action lists the ones there are\n"
-    "       peers refresh-radio   a fresh controller for the board\n";
+    "       peers refresh-radio   a fresh controller for the board\n"
+    "       peers radio FAULT     lets the board's radio misbehave: silent, refuse, reset, "
+    "vanish;\n"
+    "                             normal again\n";
 
 int command(const std::string& line) {
     const board::UniqueFd fd = board::openRaw(commandLine);

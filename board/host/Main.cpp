@@ -17,6 +17,8 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -89,7 +91,21 @@ public:
                  options.wiring),
           boardAgent_(poller_, board_.agent.get()),
           remoteAgent_(poller_, remote_.agent.get()) {
-        join(board_.commands.get(), remote_.commands.get());
+        poller_.add(board_.commands.get(),
+                    [this](const std::uint8_t* data, std::size_t size) {
+                        commandText_.append(reinterpret_cast<const char*>(data), size);
+                        std::size_t end = 0;
+                        while ((end = commandText_.find('\n')) != std::string::npos) {
+                            obey(commandText_.substr(0, end + 1));
+                            commandText_.erase(0, end + 1);
+                        }
+                    },
+                    {});
+        poller_.add(remote_.commands.get(),
+                    [this](const std::uint8_t* data, std::size_t size) {
+                        poller_.send(board_.commands.get(), data, size);
+                    },
+                    {});
         watchSignals();
     }
 
@@ -104,13 +120,19 @@ public:
 private:
     static std::string date() { return "corvane.date=" + std::to_string(std::time(nullptr)); }
 
-    void join(int one, int other) {
-        poller_.add(
-            one, [this, other](const std::uint8_t* d, std::size_t n) { poller_.send(other, d, n); },
-            {});
-        poller_.add(other,
-                    [this, one](const std::uint8_t* d, std::size_t n) { poller_.send(one, d, n); },
-                    {});
+    /// A command of the board: to its own radio, which is here, or to the remote devices.
+    void obey(const std::string& line) {
+        constexpr std::string_view toRadio = "radio ";
+        if (line.compare(0, toRadio.size(), toRadio) != 0) {
+            poller_.send(remote_.commands.get(), line);
+            return;
+        }
+        const std::string fault = line.substr(toRadio.size(), line.size() - toRadio.size() - 1);
+        poller_.send(board_.commands.get(),
+                     std::string(relay_.misbehave(fault)
+                                     ? "ok\n"
+                                     : "error: the radio can: normal, silent, refuse, reset, "
+                                       "vanish\n"));
     }
 
     void watchSignals() {
@@ -253,6 +275,7 @@ private:
     board::AgentClient boardAgent_;
     board::AgentClient remoteAgent_;
     board::UniqueFd signals_;
+    std::string commandText_;  ///< of a line that is not complete yet
     std::optional<RawTerminal> terminal_;
     Clock::time_point started_, began_;
     unsigned ticks_ = 0;

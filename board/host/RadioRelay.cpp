@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 
@@ -100,14 +101,46 @@ void RadioRelay::answer(const std::string& line) {
 }
 
 void RadioRelay::update() {
-    const bool power = remoteReady_ && std::all_of(lines_.begin(), lines_.end(),
-                                                   [](const EnableLine& l) { return l.high; });
+    const bool power =
+        remoteReady_ && fault_ != Fault::Vanish &&
+        std::all_of(lines_.begin(), lines_.end(), [](const EnableLine& l) { return l.high; });
     if (power == powered_) return;
     powered_ = power;
+    resets_ = false;
+    switchController(power);
+}
+
+void RadioRelay::switchController(bool on) {
     controller_ = false;
     boardStream_.clear();
-    const std::uint8_t packet[] = {H4_RADIO_POWER, power ? RADIO_ON : RADIO_OFF};
+    const std::uint8_t packet[] = {H4_RADIO_POWER, on ? RADIO_ON : RADIO_OFF};
     poller_.send(remote_, packet, sizeof packet);
+}
+
+bool RadioRelay::misbehave(const std::string& fault) {
+    static const std::map<std::string, Fault> faults{{"normal", Fault::None},
+                                                     {"reset", Fault::None},
+                                                     {"silent", Fault::Silent},
+                                                     {"refuse", Fault::Refuse},
+                                                     {"vanish", Fault::Vanish}};
+    const auto wanted = faults.find(fault);
+    if (wanted == faults.end()) return false;
+    fault_ = wanted->second;
+    if (fault == "reset" && powered_) {
+        resets_ = true;
+        switchController(false);
+        switchController(true);
+    }
+    update();
+    return true;
+}
+
+void RadioRelay::refuse(const Bytes& command) {
+    if (command[0] != H4_COMMAND) return;
+    // Command Status (Bluetooth Core, Host Controller Interface): command disallowed, one more
+    // command may come.
+    const std::uint8_t status[] = {H4_EVENT, 0x0F, 4, 0x0C, 1, command[1], command[2]};
+    poller_.send(board_, status, sizeof status);
 }
 
 void RadioRelay::fromBoard(const std::uint8_t* data, std::size_t size) {
@@ -115,7 +148,11 @@ void RadioRelay::fromBoard(const std::uint8_t* data, std::size_t size) {
     boardStream_.feed(data, size);
     Bytes packet;
     while (boardStream_.next(packet)) {
-        if (packet[0] != H4_RADIO_POWER) poller_.send(remote_, packet.data(), packet.size());
+        if (fault_ == Fault::Refuse) {
+            refuse(packet);
+        } else if (fault_ == Fault::None && packet[0] != H4_RADIO_POWER) {
+            poller_.send(remote_, packet.data(), packet.size());
+        }
     }
 }
 
@@ -125,7 +162,12 @@ void RadioRelay::fromRemote(const std::uint8_t* data, std::size_t size) {
     while (remoteStream_.next(packet)) {
         if (packet[0] == H4_RADIO_POWER) {
             controller_ = powered_ && packet[1] == RADIO_ON;
-        } else if (controller_) {
+            if (controller_ && resets_) {
+                resets_ = false;
+                const std::uint8_t hardwareError[] = {H4_EVENT, 0x10, 1, 0};
+                poller_.send(board_, hardwareError, sizeof hardwareError);
+            }
+        } else if (controller_ && fault_ == Fault::None) {
             poller_.send(board_, packet.data(), packet.size());
         }
     }

@@ -27,13 +27,24 @@ public:
     /// The other machine is up: the controller can be powered.
     void remoteIsReady();
 
+    /// Lets the radio misbehave, or work again.
+    /// @param fault  "silent": it answers nothing; "refuse": it refuses every command; "vanish": it
+    ///               has no power whatever the lines say; "reset": it loses its state once and says
+    ///               so; "normal"
+    /// @return whether there is such a fault
+    bool misbehave(const std::string& fault);
+
 private:
+    enum class Fault { None, Silent, Refuse, Vanish };
+
     void fromBoard(const std::uint8_t* data, std::size_t size);
     void fromRemote(const std::uint8_t* data, std::size_t size);
     void fromMonitor(const std::uint8_t* data, std::size_t size);
     void answer(const std::string& line);
     void askForLine();
     void update();
+    void switchController(bool on);
+    void refuse(const Bytes& command);
 
     struct EnableLine {
         unsigned number;             ///< as sysfs counts
@@ -53,6 +64,8 @@ private:
     bool remoteReady_ = false;
     bool powered_ = false;     ///< the lines say so
     bool controller_ = false;  ///< and the other machine has put a controller on the line
+    bool resets_ = false;      ///< a fresh controller is under way that must announce itself
+    Fault fault_ = Fault::None;
 };
 
 }  // namespace board

@@ -48,9 +48,9 @@ protected:
         poller.add(remote.ours.get(),
                    [this](const std::uint8_t* data, std::size_t size) {
                        toRemote.append(reinterpret_cast<const char*>(data), size);
-                       // The other machine repeats a power packet once it has obeyed it.
-                       if (size == 2 && data[0] == board::H4_RADIO_POWER) {
-                           poller.send(remote.ours.get(), data, size);
+                       // The other machine repeats each power packet once it has obeyed it.
+                       if (data[0] == board::H4_RADIO_POWER) {
+                           poller.send(remote.ours.get(), data, size & ~std::size_t{1});
                        }
                    },
                    {});
@@ -159,6 +159,37 @@ TEST_F(RadioRelay, AlwaysHasPowerWhereNoLineIsWired) {
     EXPECT_EQ(toRemote, on);
     // A packet of our own from the board must not reach the other machine's switch.
     EXPECT_EQ(boardSends(off + reset), reset);
+}
+
+struct Misbehaviour {
+    const char* fault;
+    std::string toRemote, toBoard;  // after a reset command of the board
+};
+
+TEST_F(RadioRelay, MisbehavesUntilItIsToldToBeNormal) {
+    start(1);
+    settle();
+    const std::string answer("\x04\x0E\x04\x01\x03\x0C\x00", 7);
+    const std::string refusal("\x04\x0F\x04\x0C\x01\x03\x0C", 7);
+    const std::string hardwareError("\x04\x10\x01\x00", 4);
+    for (const Misbehaviour& row :
+         {Misbehaviour{"silent", "", ""}, Misbehaviour{"refuse", "", refusal},
+          Misbehaviour{"vanish", off, ""},
+          Misbehaviour{"reset", off + on + reset, hardwareError + answer}}) {
+        toRemote.clear();
+        toBoard.clear();
+        ASSERT_TRUE(relay->misbehave(row.fault)) << row.fault;
+        settle();
+        poller.send(uart.ours.get(), reset);
+        poller.send(remote.ours.get(), answer);
+        settle();
+        EXPECT_EQ(toRemote, row.toRemote) << row.fault;
+        EXPECT_EQ(toBoard, row.toBoard) << row.fault;
+        ASSERT_TRUE(relay->misbehave("normal"));
+        settle();
+        EXPECT_EQ(boardSends(reset), reset) << row.fault;
+    }
+    EXPECT_FALSE(relay->misbehave("smoke"));
 }
 
 }  // namespace
