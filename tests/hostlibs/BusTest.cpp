@@ -108,7 +108,7 @@ TEST_F(HostBus, PassesAddressAndStatusOfTheHidService) {
               1);
 }
 
-TEST_F(HostBus, TakesAFailedHidCallForNoConnection) {
+TEST_F(HostBus, TakesAFailedHidCallForNoConnectionAndCallsAgainOnANewBus) {
     DBusBluetoothHidProxy hidProxy(*connection);
     services.fail(hid, "Connect", "org.corvane.Error.Busy", "Connect success");
     EXPECT_THAT(hidProxy.connectBtHidDevice(address),
@@ -118,6 +118,11 @@ TEST_F(HostBus, TakesAFailedHidCallForNoConnection) {
     EXPECT_THAT(hidProxy.disconnectBtHidDevice(address), HasSubstr("Disconnect failed"));
     bus.stop();
     EXPECT_THAT(hidProxy.connectBtHidDevice(address), HasSubstr("Connect failed"));
+
+    const PrivateBus successor;
+    FakeBluez newServices(successor.address());
+    newServices.reply(hid, "Connect", "('Connect success',)");
+    EXPECT_EQ(hidProxy.connectBtHidDevice(address), "Connect success");
 }
 
 TEST_F(HostBus, FindsAnOwnedNameAtOnce) {

@@ -16,9 +16,9 @@ namespace hwcommon {
 /// connection, and never throw. They are called on request threads.
 class DBusBluetoothHidProxy {
 public:
-    /// @param connection  the system bus; borrowed, must outlive this object. A call keeps the
-    /// connection's other users waiting, so a host that runs an event loop on a connection gives
-    /// this object another.
+    /// @param connection  the host's connection to the system bus; borrowed, must outlive this
+    /// object. The reference leaves it alone: it calls on a connection of its own each time, so
+    /// that it keeps nobody else waiting and still works after the bus was restarted.
     explicit DBusBluetoothHidProxy(sdbus::IConnection& connection);
 
     /// Asks the service to connect to a device. Blocks until it has answered, 60 s at most.
@@ -31,9 +31,6 @@ public:
     /// @return the service's status text; a text that says why when the bus or the service fails
     /// (also logged)
     std::string disconnectBtHidDevice(const std::string& address);
-
-private:
-    sdbus::IConnection& connection;
 };
 
 }  // namespace hwcommon

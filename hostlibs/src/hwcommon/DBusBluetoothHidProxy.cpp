@@ -17,11 +17,11 @@ constexpr char interfaceName[] = "org.corvane.BluetoothHid1";
 // confirm on the phone.
 constexpr std::chrono::seconds answerLimit{60};
 
-std::string callService(sdbus::IConnection& connection, const char* method,
-                        const std::string& address) {
+std::string callService(const char* method, const std::string& address) {
     try {
+        const auto connection = sdbus::createSystemBusConnection();
         std::string status;
-        proxyFor(connection, serviceName, objectPath)
+        proxyFor(*connection, serviceName, objectPath)
             ->callMethod(method)
             .onInterface(interfaceName)
             .withTimeout(answerLimit)
@@ -38,15 +38,14 @@ std::string callService(sdbus::IConnection& connection, const char* method,
 
 }  // namespace
 
-DBusBluetoothHidProxy::DBusBluetoothHidProxy(sdbus::IConnection& usedConnection)
-    : connection(usedConnection) {}
+DBusBluetoothHidProxy::DBusBluetoothHidProxy(sdbus::IConnection& /*connection*/) {}
 
 std::string DBusBluetoothHidProxy::connectBtHidDevice(const std::string& address) {
-    return callService(connection, "Connect", address);
+    return callService("Connect", address);
 }
 
 std::string DBusBluetoothHidProxy::disconnectBtHidDevice(const std::string& address) {
-    return callService(connection, "Disconnect", address);
+    return callService("Disconnect", address);
 }
 
 }  // namespace hwcommon
