@@ -1,0 +1,219 @@
+// bluetoothd that ends at any moment, and a system bus that is restarted under the host process.
+// After each fault the radio is switched off and on: then all must be well. The tests run in one
+// process: the manager exists once.
+
+#include "Board.h"
+#include "Faults.h"
+#include "Requests.h"
+#include "bluetoothRequests/ConnectBluetoothRequest.h"
+#include "bluetoothRequests/DisconnectBluetoothRequest.h"
+#include "bluetoothRequests/ScanBluetoothRequest.h"
+#include "bluetoothRequests/WaitBluetoothPairingRequest.h"
+#include "hwcommon/DBusBluetoothHidProxy.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <thread>
+
+#include <unistd.h>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr char daemonProgram[] = "/usr/libexec/bluetooth/bluetoothd";
+constexpr char killDaemon[] = "killall -9 bluetoothd";
+// A daemon that does not answer holds a call for sure until it ends.
+constexpr char stopDaemon[] = "killall -STOP bluetoothd";
+constexpr char endBus[] =
+    "killall dbus-daemon; while pidof dbus-daemon > /dev/null; do sleep 0.1; done";
+// The identity's service ends with its bus, and later tests need it.
+constexpr char newBus[] =
+    "dbus-daemon --system --nopidfile; while pidof hardware-service > /dev/null; do sleep 0.1; "
+    "done; "
+    "setsid /usr/libexec/corvane-board/hardware-service /etc/corvane/identity.xml > /dev/null 2>&1 "
+    "&";
+
+/// A host's way to the HID service, as long-lived as the host.
+hwcommon::DBusBluetoothHidProxy* hidService() {
+    static const auto connection = sdbus::createSystemBusConnection();
+    static hwcommon::DBusBluetoothHidProxy proxy(*connection);
+    return &proxy;
+}
+
+class DaemonEnds : public Fault, public testing::WithParamInterface<int> {};
+
+TEST_P(DaemonEnds, DuringBringUpAndIsLeftBehindByOffAndOn) {
+    manager().setEnabled(false, false);
+    std::thread ending([] {
+        EXPECT_TRUE(board::waitFor([] { return board::processes(daemonProgram) > 0; }, 20000));
+        std::this_thread::sleep_for(milliseconds(GetParam()));
+        onBoard(killDaemon);
+    });
+    records.clear();
+    const auto start = std::chrono::steady_clock::now();
+    manager().setEnabled(true, false);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(40));
+    ending.join();
+    EXPECT_EQ(board::processes(daemonProgram), 0U);
+    EXPECT_EQ(board::fileContent("/tmp/bluetoothEnabled"), "1");
+    std::cout << records.errors();
+    recoversAfter();
+}
+
+INSTANTIATE_TEST_SUITE_P(AfterMilliseconds, DaemonEnds, testing::Values(0, 100, 250, 500),
+                         testing::PrintToStringParamName());
+
+using BusFault = Fault;
+
+TEST_F(BusFault, ADaemonThatCannotStartIsLoggedAndLeftBehindByOffAndOn) {
+    manager().setEnabled(false, false);
+    const std::string program = daemonProgram;
+    onBoard("mv " + program + " /tmp");
+    records.clear();
+    manager().setEnabled(true, false);
+    const std::string errors = records.errors();
+    EXPECT_EQ(errors.rfind("ERROR setBluetoothDaemon : Cannot start bluetooth daemon!\n"
+                           "ERROR setBluetoothComponents : setBluetoothDaemon failed\n"
+                           "ERROR bluezAdapterSetProperty Powered failed : ",
+                           0),
+              0U)
+        << errors;
+    recoversAfter("mv /tmp/bluetoothd " + program);
+}
+
+/// Fills the lists; phone and loudspeaker are paired from the first time on.
+void knowDevices() {
+    BluetoothManager& manager = BluetoothManager::getInstance();
+    manager.setEnabled(true, false);
+    ASSERT_TRUE(manager.scanDevicesInfo());
+    if (manager.searchForDevicesName(PAIRED_DEVICES, "Speaker")) return;
+    ASSERT_EQ(Started::make<ScanBluetoothRequest>().answer(), REQUEST_SUCCESS);
+    ASSERT_TRUE(manager.scanDevicesInfo());
+    for (const char* name : {"Phone", "Speaker"}) {
+        ASSERT_TRUE(manager.pairDevice(manager.getDeviceMacAddress(ALL_DEVICES, name).c_str()))
+            << name;
+    }
+    ASSERT_TRUE(manager.scanDevicesInfo());
+}
+
+/// Leaves the board to the next tests as it was.
+class NothingPaired : public testing::Environment {
+public:
+    void TearDown() override {
+        BluetoothManager& manager = BluetoothManager::getInstance();
+        manager.scanDevicesInfo();
+        for (const auto& device : manager.getBluetoothDeviceInfoList(PAIRED_DEVICES)) {
+            manager.deletePairedDevice(device.macAddress.c_str());
+        }
+        EXPECT_EQ(board::run("peers phone forget; peers speaker forget"), "");
+        manager.setEnabled(false, false);
+    }
+};
+
+struct RequestRow {
+    const char* name;
+    std::function<Started()> start;
+    bool endsByItself;  // otherwise it goes on until it is cancelled
+};
+
+class DaemonEndsUnder : public Fault, public testing::WithParamInterface<RequestRow> {};
+
+TEST_P(DaemonEndsUnder, ARequestWhichIsAnsweredOnce) {
+    knowDevices();
+    onBoard(stopDaemon);
+    Started request = GetParam().start();
+    ASSERT_TRUE(request.wasAccepted());
+    ASSERT_TRUE(board::waitFor([&] { return request.isRunning(); }, 1000));
+    std::this_thread::sleep_for(milliseconds(300));
+    onBoard(killDaemon);
+    if (!GetParam().endsByItself) {
+        EXPECT_FALSE(board::waitFor([&] { return !request.isRunning(); }, 500));
+        manager().cancelRequest();
+    }
+    const int answer = request.answer(seconds(10));
+    EXPECT_TRUE(answer == REQUEST_FAILED || answer == REQUEST_CANCELLED) << answer;
+    EXPECT_NE(records.errors(), "");
+    recoversAfter();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Request, DaemonEndsUnder,
+    testing::Values(
+        RequestRow{"Scan", [] { return Started::make<ScanBluetoothRequest>(); }, false},
+        RequestRow{"Connect",
+                   [] { return Started::make<ConnectBluetoothRequest>(nullptr, "Speaker"); }, true},
+        RequestRow{"Disconnect",
+                   [] { return Started::make<DisconnectBluetoothRequest>(nullptr, "Speaker"); },
+                   false},
+        RequestRow{"WaitForPhone",
+                   [] { return Started::make<WaitBluetoothPairingRequest>("Phone"); }, true},
+        RequestRow{"WaitForLoudspeaker",
+                   [] { return Started::make<WaitBluetoothPairingRequest>("Speaker"); }, true}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(BusFault, TheHostOutlivesABusThatIsRestartedWhileItWaitsForAnAnswer) {
+    knowDevices();
+    ASSERT_TRUE(hidService() != nullptr);  // on the old bus
+    onBoard(stopDaemon);
+    Started request = Started::make<ConnectBluetoothRequest>(nullptr, "Speaker");
+    ASSERT_TRUE(board::waitFor([&] { return request.isRunning(); }, 1000));
+    onBoard(endBus);
+    EXPECT_EQ(request.answer(seconds(10)), REQUEST_FAILED);
+    onBoard(newBus);
+    records.clear();
+    EXPECT_FALSE(manager().adapterActivate(true));
+    EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to set Powered property to 1"));
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_TRUE(
+        records.has(log4cplus::ERROR_LOG_LEVEL, "Unable to get result for GetManagedObjects"));
+    recoversAfter("killall -9 -q bluetoothd; true");
+    ASSERT_TRUE(manager().scanDevicesInfo());
+    EXPECT_TRUE(
+        board::waitFor([] { return board::busNameOwned("org.corvane.BluetoothHid"); }, 10000));
+    EXPECT_EQ(Started::make<ConnectBluetoothRequest>(hidService(), "Phone").answer(),
+              REQUEST_SUCCESS)
+        << records.errors();
+}
+
+TEST_F(BusFault, AListThatIsBeingFilledEndsWithTheBus) {
+    manager().setEnabled(true, false);
+    onBoard(stopDaemon);
+    std::thread ending([] {
+        std::this_thread::sleep_for(milliseconds(500));
+        onBoard(endBus);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(10));
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 0U);
+    ending.join();
+
+    // Off and on without any bus, then with one.
+    manager().setEnabled(false, false);
+    records.clear();
+    manager().setEnabled(true, false);
+    EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL,
+                            "setBluetoothComponents : Not able to get connection to system bus"))
+        << records.errors();
+    recoversAfter(newBus);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // GLib's complaints end the test: there must be none.
+    setenv("G_DEBUG", "fatal-criticals", 1);
+    unlink("/tmp/bluetoothEnabled");
+    testing::InitGoogleTest(&argc, argv);
+    testing::AddGlobalTestEnvironment(new NothingPaired);
+    const int status = RUN_ALL_TESTS();
+    std::cout.flush();
+    // After a request the manager's destruction ends in std::terminate(); hosts leave like this.
+    std::quick_exit(status);
+}
