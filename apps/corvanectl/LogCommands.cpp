@@ -11,9 +11,11 @@ Result watchLog(Session& session, const Invocation& invocation) {
     const std::string& digits = invocation.arguments.back();
     unsigned timeout = 0;
     std::from_chars(digits.data(), digits.data() + digits.size(), timeout);
-    if (pattern.find('\'') != std::string::npos) {
-        throw Failure(ExitStatus::usage, "PATTERN " + inQuotes(pattern) +
-                                             " holds a single quote; write . in its place");
+    // Either would end it early in the shell's command line.
+    if (pattern.find_first_of(std::string("'\0", 2)) != std::string::npos) {
+        throw Failure(ExitStatus::usage,
+                      "PATTERN " + inQuotes(pattern) +
+                          " holds a single quote or a zero byte; write . in its place");
     }
     Result inner;
     const bool found = session.manager().execAndWaitForSystemLog(

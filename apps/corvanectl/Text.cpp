@@ -19,6 +19,13 @@ std::string format(const char* pattern, unsigned long number) {
     return {buffer, static_cast<std::size_t>(length)};
 }
 
+/// GLib counts what separates lines and paragraphs among what prints.
+bool prints(gunichar character) {
+    const GUnicodeType type = g_unichar_type(character);
+    return g_unichar_isprint(character) != FALSE && type != G_UNICODE_LINE_SEPARATOR &&
+           type != G_UNICODE_PARAGRAPH_SEPARATOR;
+}
+
 std::string escape(std::string_view text, bool quotes) {
     std::string result;
     while (!text.empty()) {
@@ -35,9 +42,9 @@ std::string escape(std::string_view text, bool quotes) {
         if (character == '\\' || (quotes && character == '"')) {
             result += '\\';
             result += text.front();
-        } else if (character < 0x80 && g_unichar_isprint(character) == FALSE) {
+        } else if (character < 0x80 && !prints(character)) {
             result += format("\\x%02x", character);
-        } else if (g_unichar_isprint(character) == FALSE) {
+        } else if (!prints(character)) {
             result += format("\\u{%lx}", character);
         } else {
             result += text.substr(0, length);

@@ -5,12 +5,14 @@
 #include "Parse.h"
 #include "Session.h"
 #include "Shell.h"
+#include "Text.h"
 
 #include <CLI/CLI.hpp>
 
 #include <clocale>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include <langinfo.h>
 #include <unistd.h>
@@ -109,18 +111,24 @@ void print(const CLI::App& app, const std::string& page) {
     std::fputs(text.c_str(), stdout);
 }
 
-int run(int argc, char** argv) {
-    CLI::App app{description, "corvanectl"};
-    Start start;
-    declareOptions(app, start);
+/// @return the status to leave with; none: go on
+std::optional<int> parse(CLI::App& app, int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& asked) {
         return app.exit(asked);
     } catch (const CLI::ParseError& error) {
-        std::fprintf(stderr, "corvanectl: %s; see --help\n", error.what());
+        std::fprintf(stderr, "corvanectl: %s; see --help\n", escaped(error.what()).c_str());
         return static_cast<int>(ExitStatus::usage);
     }
+    return std::nullopt;
+}
+
+int run(int argc, char** argv) {
+    CLI::App app{description, "corvanectl"};
+    Start start;
+    declareOptions(app, start);
+    if (const auto status = parse(app, argc, argv)) return *status;
     if (!start.generate.empty()) {
         print(app, start.generate);
         return 0;

@@ -1,7 +1,9 @@
+#include "HostileTexts.h"
 #include "Program.h"
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -53,65 +55,91 @@ TEST_F(Corvanectl, JsonGivesOneObjectACommandAndNothingElse) {
 // Names from the air
 // ---------------------------------------------------------------------------------
 
-struct HostileName {
-    const char* name;
-    std::string text;
-    const char* shown;  // in the table; "" for itself
-};
-
-class CorvanectlName : public Corvanectl, public testing::WithParamInterface<HostileName> {};
-
-TEST_P(CorvanectlName, SurvivesEveryFormOfOutput) {
-    const std::string& text = GetParam().text;
-    Device device = phone;
-    device.name = text;
-    bluez.setDevices({device});
-    const Ran plain = run({"devices", "find", text});
-    EXPECT_EQ(plain.status, 0) << plain.errors;
-    const std::string shown = *GetParam().shown == '\0' ? text : GetParam().shown;
-    EXPECT_THAT(plain.output, HasSubstr(shown));
-    const Ran trusted = run({"trust", text});
-    EXPECT_EQ(trusted.status, 0) << trusted.errors;
-    for (const std::string& output : {plain.output, trusted.output}) {
-        for (const char c : output) {
-            EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << output;
-            EXPECT_NE(c, '\x7f');
-        }
-        EXPECT_THAT(output, Not(HasSubstr("\xc2\x9b")));
+/// Whether nothing in the text can steer a terminal or mislead its reader.
+bool isFitForATerminal(const std::string& text) {
+    if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE) {
+        return false;
     }
-    // What was shown between quotes can be typed again.
-    const std::string quoted = trusted.output.substr(
-        trusted.output.find('"'), trusted.output.rfind('"') - trusted.output.find('"') + 1);
-    EXPECT_EQ(run({}, "trust " + quoted + "\n").status, 0) << quoted;
-
-    const Ran json = run({"--json", "devices", "find", text});
-    ASSERT_EQ(json.json().size(), 2U);
-    EXPECT_EQ(json.json()[0].at("result").at("devices").at(0).at("name"), text);
-    EXPECT_EQ(json.json()[1].at("arguments").at(0), text);
-    for (const char c : json.output) EXPECT_TRUE(c == '\n' || (c >= 0x20 && c < 0x7f));
+    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
+        const gunichar c = g_utf8_get_char(at);
+        const bool control = (c < 0x20 && c != '\n') || (c >= 0x7F && c < 0xA0);
+        const bool separator = c == 0x2028 || c == 0x2029;
+        const bool direction = c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) ||
+                               (c >= 0x2066 && c <= 0x2069);
+        if (control || separator || direction) return false;
+    }
+    return true;
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, CorvanectlName,
-                         testing::Values(HostileName{"Utf8",
-                                                     "K\xc3\xbc"
-                                                     "che \xf0\x9f\x8e\xb5",
-                                                     ""},
-                                         HostileName{"Escape", "\x1b]0;owned\x07\x1b[31m",
-                                                     "\\x1b]0;owned\\x07\\x1b[31m"},
-                                         HostileName{"C1",
-                                                     "\xc2\x9b"
-                                                     "2J\x7f",
-                                                     "\\u{9b}2J\\x7f"},
-                                         HostileName{"Lines", "a\r\nb\tc", "a\\x0d\\x0ab\\x09c"},
-                                         HostileName{"RightToLeft",
-                                                     "\xe2\x80\xae"
-                                                     "gpj.exe",
-                                                     "\\u{202e}gpj.exe"},
-                                         HostileName{"Quotes", "\"; rm 'x' `y` $z", ""},
-                                         HostileName{"Backslash", "\\x1b", "\\\\x1b"},
-                                         HostileName{"Long", std::string(248, 'n'), ""},
-                                         HostileName{"Blank", " ", ""}),
-                         [](const auto& row) { return std::string(row.param.name); });
+/// The hostile names that come through the bus.
+std::vector<std::string> hostileNames() {
+    std::vector<std::string> names;
+    for (const auto& [file, text] : hostileTexts("names")) {
+        if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE) {
+            names.push_back(text);
+        }
+    }
+    return names;
+}
+
+TEST_F(Corvanectl, HostileNamesSurviveEveryFormOfOutput) {
+    const std::vector<std::string> names = hostileNames();
+    std::vector<Device> devices;
+    std::vector<std::string> commands;
+    for (const std::string& name : names) {
+        devices.push_back({"00:11:22:33:55:" + std::to_string(10 + devices.size()), name});
+        commands.insert(commands.end(), {"find", name, "trust", name});
+    }
+    ASSERT_GT(devices.size(), 30U);
+    bluez.setDevices(devices);
+
+    const Ran table = run({"devices"});
+    EXPECT_TRUE(isFitForATerminal(table.output)) << table.output;
+    for (const char* shown : {"K\xc3\xbc"
+                              "che \xf0\x9f\x8e\xb5",
+                              "\\x1b]0;owned\\x07\\x1b[31m", "\\u{9b}2J", "a\\x0d\\x0ab\\x09c",
+                              "\\u{202e}gpj.exe", "a\\u{2028}b\\u{2029}c\\u{85}d", "\\\\x1b[2J"}) {
+        EXPECT_THAT(table.output, HasSubstr(shown));
+    }
+
+    const Ran each = run(commands);
+    EXPECT_EQ(each.status, 0) << each.errors;
+    EXPECT_TRUE(isFitForATerminal(each.output)) << each.output;
+    EXPECT_EQ(each.errors, "");
+    // What is shown between quotes can be typed again.
+    std::istringstream lines(each.output);
+    std::string typed;
+    std::string trusted;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("Trusts ", 0) != 0) continue;
+        trusted += line + '\n';
+        typed += "trust " + line.substr(7, line.rfind('"') - 6) + '\n';
+    }
+    EXPECT_EQ(run({}, typed).output, trusted);
+
+    commands.insert(commands.begin(), {"--json", "devices"});
+    const Ran json = run(commands);
+    EXPECT_TRUE(std::all_of(json.output.begin(), json.output.end(),
+                            [](char c) { return c == '\n' || (c >= 0x20 && c < 0x7f); }));
+    const std::vector<Json> objects = json.json();
+    ASSERT_EQ(objects.size(), 1 + 2 * names.size());
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(objects[0].at("result").at("devices").at(i).at("name"), names[i]);
+        EXPECT_EQ(objects[1 + 2 * i].at("arguments").at(0), names[i]);
+    }
+}
+
+TEST_F(Corvanectl, HostileWordsOfItsCommandLineDoNotReachTheTerminal) {
+    for (const auto& [file, text] : hostileTexts("names")) {
+        const Ran ran = run({"--log-level", text.c_str()});
+        EXPECT_EQ(ran.status, 2) << file;
+        EXPECT_TRUE(isFitForATerminal(ran.errors)) << file << ": " << ran.errors;
+    }
+    // The shell would see only what stands before the zero byte, and not the quote that closes it.
+    const Ran ran = run({}, "watch-log \"a\\x00b\" 10 -- cancel\n");
+    EXPECT_EQ(ran.status, 2);
+    EXPECT_THAT(ran.errors, HasSubstr("\"a\\x00b\" holds a single quote or a zero byte"));
+}
 
 TEST_F(Corvanectl, NamesThatAreNoUtf8StayValidJson) {
     const Ran json = run({"--json", "find", "ab\xff\xfe"});

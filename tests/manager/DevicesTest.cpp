@@ -1,4 +1,5 @@
 #include "Edges.h"
+#include "HostileTexts.h"
 #include "ManagerTest.h"
 
 #include <algorithm>
@@ -121,19 +122,17 @@ TEST_F(DeviceScan, EveryInterfaceWithDeviceInItsNameYieldsARecord) {
 }
 
 TEST_F(DeviceScan, NamesFromTheAirComeThroughByteForByte) {
-    const std::vector<std::string> hostile{std::string(248, 'x'),
-                                           "line\nbreak\r\n",
-                                           "\x1B[2J",
-                                           "'; rm -rf \"$HOME\" `id` #",
-                                           "\xEF\xBF\xBD\xEF\xBF\xBD",
-                                           "%s%n%d",
-                                           "Kaf\u00e9 \u202Egpj.exe",
-                                           " "};
+    std::vector<std::string> hostile;
     std::vector<Device> devices;
-    devices.reserve(hostile.size());
-    for (const auto& name : hostile) {
-        devices.push_back({"00:00:00:00:00:0" + std::to_string(devices.size()), name});
+    for (const auto& [file, text] : hostileTexts("names")) {
+        // The bus lets nothing else through.
+        if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE) {
+            continue;
+        }
+        hostile.push_back(text);
+        devices.push_back({"00:00:00:00:00:" + std::to_string(10 + devices.size()), text});
     }
+    ASSERT_GT(hostile.size(), 30U);
     bluez.setDevices(devices);
     manager().scanDevicesInfo();
     EXPECT_EQ(manager().getBluetoothDeviceListNames(ALL_DEVICES), hostile);
