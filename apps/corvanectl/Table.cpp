@@ -1,7 +1,9 @@
 #include "Table.h"
 
 #include "Output.h"
+#include "Text.h"
 
+#include <glib.h>
 #include <libsmartcols.h>
 
 #include <algorithm>
@@ -16,6 +18,18 @@ namespace {
 
 void check(int result) {
     if (result < 0) throw std::system_error(-result, std::generic_category(), "libsmartcols");
+}
+
+/// The cell as libsmartcols can measure it: where the board has no UTF-8 locale, it would go round
+/// for ever at the first character that is not ASCII.
+std::string measurable(const std::string& cell) {
+    if (MB_CUR_MAX > 1) return cell;
+    std::string result;
+    for (const char* at = cell.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
+        const gunichar character = g_utf8_get_char(at);
+        result += character < 0x80 ? std::string(1, *at) : codePoint(character);
+    }
+    return result;
 }
 
 }  // namespace
@@ -41,7 +55,7 @@ std::string table(const std::vector<Column>& columns,
         libscols_line* const line = scols_table_new_line(table.get(), nullptr);
         if (line == nullptr) throw std::bad_alloc();
         for (std::size_t i = 0; i < row.size(); ++i) {
-            check(scols_line_set_data(line, i, row[i].c_str()));
+            check(scols_line_set_data(line, i, measurable(row[i]).c_str()));
         }
     }
     char* text = nullptr;

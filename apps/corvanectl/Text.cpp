@@ -45,7 +45,7 @@ std::string escape(std::string_view text, bool quotes) {
         } else if (character < 0x80 && !prints(character)) {
             result += format("\\x%02x", character);
         } else if (!prints(character)) {
-            result += format("\\u{%lx}", character);
+            result += codePoint(character);
         } else {
             result += text.substr(0, length);
         }
@@ -98,6 +98,8 @@ std::string takeEscape(std::string_view line, std::string_view& rest) {
 }
 
 }  // namespace
+
+std::string codePoint(std::uint32_t character) { return format("\\u{%lx}", character); }
 
 std::string escaped(std::string_view text) { return escape(text, false); }
 

@@ -2,6 +2,7 @@
 
 #include "Command.h"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,7 +13,10 @@ namespace corvanectl {
 /// bytes that are no UTF-8) and the backslash appear as \xNN, \u{NNNN} and \\.
 std::string escaped(std::string_view text);
 
-/// The same in double quotes: splitWords() makes the text again of it.
+/// A character as \u{NNNN}.
+std::string codePoint(std::uint32_t character);
+
+/// The text in double quotes, escaped as well: splitWords() makes the text again of it.
 std::string inQuotes(std::string_view text);
 
 /// Puts a name into a JSON object as valid UTF-8. Bytes that are no UTF-8 become U+FFFD, and

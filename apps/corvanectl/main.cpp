@@ -60,7 +60,7 @@ void runArguments(Session& session, const std::vector<std::string>& words) {
     }
 }
 
-/// Names are UTF-8; a board without locales has this one.
+/// Names are UTF-8. Most boards without locales have this one; see table() for those that have not.
 void chooseLocale() {
     std::setlocale(LC_CTYPE, "");
     if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) std::setlocale(LC_CTYPE, "C.UTF-8");

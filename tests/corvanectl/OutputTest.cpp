@@ -129,6 +129,16 @@ TEST_F(Corvanectl, HostileNamesSurviveEveryFormOfOutput) {
     }
 }
 
+TEST_F(Corvanectl, ABoardWithoutLocalesListsNamesInAscii) {
+    setenv("CORVANE_TEST_BARE", "", 1);
+    bluez.setDevices({{phone.address,
+                       "K\xc3\xbc"
+                       "che"}});
+    const Ran ran = run({"devices"});
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_THAT(ran.output, HasSubstr("K\\u{fc}che"));
+}
+
 TEST_F(Corvanectl, HostileWordsOfItsCommandLineDoNotReachTheTerminal) {
     for (const auto& [file, text] : hostileTexts("names")) {
         const Ran ran = run({"--log-level", text.c_str()});

@@ -6,6 +6,7 @@
 //                      what a command whose output is read prints
 // CORVANE_TEST_SPEED   so many times as fast run the steady clock and the waits on a condition
 //                      (default 1)
+// CORVANE_TEST_BARE    set: the machine has no locales
 //
 // Starting and stopping bluetoothd makes the fake BlueZ own and release its bus name.
 
@@ -19,6 +20,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <clocale>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -68,6 +70,11 @@ void tellFake(const char* method, const char* name) {
 }  // namespace
 
 extern "C" {
+
+char* setlocale(int category, const char* name) noexcept {
+    if (std::getenv("CORVANE_TEST_BARE") != nullptr) return nullptr;
+    return next<decltype(setlocale)>("setlocale")(category, name);
+}
 
 int system(const char* command) {
     std::ofstream(below("commands"), std::ios_base::app) << command << '\n';

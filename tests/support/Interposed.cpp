@@ -222,7 +222,10 @@ int nanosleep(const timespec* requested, timespec* remaining) {
     if (machine.interruptedSleeps > 0) {
         --machine.interruptedSleeps;
         const auto left = (requested->tv_sec * 1'000'000'000LL + requested->tv_nsec) / 2;
-        if (remaining != nullptr) *remaining = {left / 1'000'000'000, left % 1'000'000'000};
+        if (remaining != nullptr) {
+            *remaining = {static_cast<time_t>(left / 1'000'000'000),
+                          static_cast<long>(left % 1'000'000'000)};
+        }
         errno = EINTR;
         return -1;
     }
