@@ -31,6 +31,9 @@ public:
     /// @return the service's status text; a text that says why when the bus or the service fails
     /// (also logged)
     std::string disconnectBtHidDevice(const std::string& address);
+
+private:
+    [[maybe_unused]] sdbus::IConnection& connection;  // for host libraries that call on it
 };
 
 }  // namespace hwcommon

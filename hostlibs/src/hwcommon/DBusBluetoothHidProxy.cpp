@@ -38,7 +38,7 @@ std::string callService(const char* method, const std::string& address) {
 
 }  // namespace
 
-DBusBluetoothHidProxy::DBusBluetoothHidProxy(sdbus::IConnection& /*connection*/) {}
+DBusBluetoothHidProxy::DBusBluetoothHidProxy(sdbus::IConnection& lent) : connection(lent) {}
 
 std::string DBusBluetoothHidProxy::connectBtHidDevice(const std::string& address) {
     return callService("Connect", address);
