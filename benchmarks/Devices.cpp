@@ -83,7 +83,8 @@ GVariant* device(unsigned index, const char* address) {
     properties.add("Trusted", paired);
     properties.add("Blocked", false);
     properties.add("LegacyPairing", false);
-    properties.add("RSSI", g_variant_new_int16(static_cast<gint16>(-40 - index % 50)));
+    properties.add("RSSI",
+                   g_variant_new_int16(static_cast<gint16>(-40 - static_cast<int>(index % 50))));
     properties.add("Connected", connected);
     properties.add("UUIDs", services(!lowEnergy));
     if (!lowEnergy) properties.add("Modalias", kind.modalias);

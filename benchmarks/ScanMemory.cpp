@@ -39,11 +39,13 @@ void* counted(void* memory) {
 
 extern "C" {
 
+// The C library's own names. NOLINTBEGIN(bugprone-reserved-identifier)
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void* memory);
+// NOLINTEND(bugprone-reserved-identifier)
 
 void* malloc(std::size_t size) { return counted(__libc_malloc(size)); }
 void* calloc(std::size_t number, std::size_t size) { return counted(__libc_calloc(number, size)); }
