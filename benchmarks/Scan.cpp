@@ -98,6 +98,12 @@ public:
           lines(g_data_input_stream_new(g_subprocess_get_stdout_pipe(process.get())),
                 g_object_unref) {}
 
+    /// Lets it end by itself: what it prints last must find the pipe open.
+    ~Served() override {
+        g_output_stream_close(g_subprocess_get_stdin_pipe(process.get()), nullptr, nullptr);
+        g_subprocess_wait(process.get(), nullptr, nullptr);
+    }
+
     Cost list(unsigned devices) override {
         GOutputStream* const input = g_subprocess_get_stdin_pipe(process.get());
         if (g_output_stream_write_all(input, "\n", 1, nullptr, nullptr, nullptr) == FALSE) {
