@@ -11,6 +11,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -109,7 +110,9 @@ unsigned zombies() {
     return count;
 }
 
-std::multiset<std::string> openDescriptors() {
+namespace {
+
+std::multiset<std::string> openNow() {
     std::multiset<std::string> descriptors;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
@@ -119,6 +122,20 @@ std::multiset<std::string> openDescriptors() {
         descriptors.insert(target.substr(0, target.find('[')));
     }
     return descriptors;
+}
+
+}  // namespace
+
+std::multiset<std::string> openDescriptors() {
+    std::multiset<std::string> last = openNow();
+    waitFor(
+        [&last] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            const std::multiset<std::string> before = std::exchange(last, openNow());
+            return before == last;
+        },
+        10000);
+    return last;
 }
 
 bool fileExists(const std::string& path) { return fs::exists(path); }

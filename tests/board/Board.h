@@ -35,6 +35,8 @@ std::string executableOf(int process);
 unsigned zombies();
 
 /// What this process has open: a line for each descriptor, without what differs between sockets.
+/// Waits until two looks half a second apart agree: GDBus's thread closes a connection that nobody
+/// holds any more some moments later.
 std::multiset<std::string> openDescriptors();
 
 bool fileExists(const std::string& path);
