@@ -35,6 +35,7 @@ lines() {
     local output
     output=$("${@:2}") || fail "this failed: ${*:2}"
     [ -n "$output" ] || fail "this found nothing: ${*:2}"
+    # shellcheck disable=SC2034 # an array of the caller
     mapfile -t into <<< "$output"
 }
 
