@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdlib>
 #include <sstream>
 
 namespace corvane::test {
@@ -255,6 +256,7 @@ TEST_F(Corvanectl, WaitsForPairingToEveryAnswer) {
 }
 
 TEST_F(Corvanectl, ALineThatSaysCancelCancels) {
+    setenv("CORVANE_TEST_SPEED", "0", 1);
     const Ran cancelled = run({}, "wait-pair Phone\ncancel\n");
     EXPECT_THAT(cancelled.status, testing::AnyOf(12, 14));
     EXPECT_THAT(cancelled.errors, HasSubstr("(REQUEST_"));

@@ -21,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::chrono::seconds patience{20};
+constexpr std::chrono::minutes patience{5};
 
 std::vector<char*> pointers(const std::vector<std::string>& command) {
     std::vector<char*> result;
@@ -55,14 +55,6 @@ std::string contentOf(const fs::path& file) {
     std::ostringstream text;
     text << stream.rdbuf();
     return text.str();
-}
-
-fs::path makeRoot() {
-    std::string pattern = (fs::temp_directory_path() / "corvanectl-test-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), pattern);
-    }
-    return pattern;
 }
 
 }  // namespace
@@ -145,7 +137,7 @@ int Terminal::end() {
     return status;
 }
 
-Corvanectl::Corvanectl() : root(makeRoot()) {
+Corvanectl::Corvanectl() {
     setenv("CORVANE_TEST_ROOT", root.c_str(), 1);
     setenv("CORVANE_TEST_SPEED", "50", 1);
     setenv("HOME", root.c_str(), 1);
@@ -158,8 +150,6 @@ Corvanectl::Corvanectl() : root(makeRoot()) {
         "<serial>AB12CD34</serial></identity>");
     bluez.setDevices({phone, speaker, keyboard});
 }
-
-Corvanectl::~Corvanectl() { fs::remove_all(root); }
 
 void Corvanectl::setIdentity(const std::string& text) {
     bluez.reply("/org/corvane/Hardware", "GetHardwareInfo", "('" + text + "',)");
@@ -179,7 +169,7 @@ Ran Corvanectl::run(const std::vector<std::string>& arguments, const std::string
         dup2(open(in.c_str(), O_RDONLY), STDIN_FILENO);
         dup2(open(out.c_str(), write, 0600), STDOUT_FILENO);
         dup2(open(err.c_str(), write, 0600), STDERR_FILENO);
-        alarm(60);
+        alarm(600);
         execute(words.data());
     }
     Ran result;

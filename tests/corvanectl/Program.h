@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Folder.h"
 #include "TestBus.h"
 
 #include <gtest/gtest.h>
@@ -60,7 +61,6 @@ private:
 class Corvanectl : public testing::Test {
 protected:
     Corvanectl();
-    ~Corvanectl() override;
 
     /// Runs it with arguments, and lines on standard input.
     Ran run(const std::vector<std::string>& arguments, const std::string& input = "");
@@ -79,7 +79,8 @@ protected:
 
     PrivateBus bus;
     FakeBluez bluez{bus.address()};
-    const std::filesystem::path root;
+    const Folder folder;
+    const std::filesystem::path& root = folder.path();
 };
 
 /// A device each of the kinds that the requests tell apart.

@@ -53,7 +53,7 @@ TEST_F(Corvanectl, ShellCompletesCommandsChoicesAndDeviceNames) {
 }
 
 TEST_F(Corvanectl, CtrlCCancelsTheRequestAndASecondOneLeaves) {
-    setenv("CORVANE_TEST_SPEED", "1", 1);
+    setenv("CORVANE_TEST_SPEED", "0", 1);
     const auto shell = onTerminal({});
     ASSERT_TRUE(shell->shows("> "));
     shell->type("scan\r");
@@ -88,7 +88,7 @@ TEST_F(Corvanectl, CtrlCCancelsTheRequestAndASecondOneLeaves) {
 }
 
 TEST_F(Corvanectl, CtrlCEndsASequenceOfCommands) {
-    setenv("CORVANE_TEST_SPEED", "1", 1);
+    setenv("CORVANE_TEST_SPEED", "0", 1);
     const auto sequence = onTerminal({"scan", "devices"});
     ASSERT_TRUE(sequence->shows("s left"));
     sequence->interrupt();

@@ -18,6 +18,8 @@
 //     process, right after an empty reply (answered) or instead of one.
 //     path and member are patterns with * and ?; the member of a property write is "Set PROPERTY".
 //     times: how many calls it serves, 0 for all. delay: milliseconds; later calls do not wait.
+//     4294967295: until LetGo.
+//   LetGo()                        sends the answers that wait for it
 //   Own(s name), Release(s name)   a bus name comes or goes
 //   Calls() -> a(xs)               what came in: monotonic time in microseconds, and
 //                                  "NAME PATH INTERFACE.MEMBER ARGUMENTS"
@@ -54,6 +56,7 @@ struct Rule {
 GDBusConnection* bus = nullptr;
 std::vector<Rule> rules;
 std::vector<std::pair<gint64, std::string>> calls;
+std::vector<MessagePtr> heldAnswers;
 
 MessagePtr own(GDBusMessage* message) { return {message, g_object_unref}; }
 
@@ -103,7 +106,7 @@ bool changeName(const char* method, const char* name) {
     GVariant* reply = g_dbus_connection_call_sync(
         bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
         request ? g_variant_new("(su)", name, 0U) : g_variant_new("(s)", name), nullptr,
-        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, nullptr);
     if (reply == nullptr) return false;
     guint32 outcome = 0;
     g_variant_get(reply, "(u)", &outcome);
@@ -154,6 +157,9 @@ void control(const MessagePtr& call, const std::string& member, GVariant* argume
             g_variant_builder_add(&list, "(xs)", time, what.c_str());
         send(replyTo(call, g_variant_new("(a(xs))", &list)));
         return;
+    } else if (member == "LetGo" && signature == "()") {
+        for (const MessagePtr& answer : heldAnswers) send(answer);
+        heldAnswers.clear();
     } else if (member == "Forget" && signature == "()") {
         calls.clear();
     } else {
@@ -199,7 +205,9 @@ void serve(const MessagePtr& call) {
         MessagePtr answer;
         if (rule.body != nullptr) answer = replyTo(call, rule.body);
         if (!rule.errorName.empty()) answer = errorFor(call, rule.errorName, rule.errorMessage);
-        if (answer && rule.delay > 0) {
+        if (answer && rule.delay == G_MAXUINT) {
+            heldAnswers.push_back(answer);
+        } else if (answer && rule.delay > 0) {
             sendLater(answer, rule.delay);
         } else if (answer) {
             send(answer);

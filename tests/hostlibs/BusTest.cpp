@@ -1,4 +1,5 @@
 #include "Capabilities.h"
+#include "Folder.h"
 #include "Shortage.h"
 #include "TestBus.h"
 #include "hwcommon/DBusBluetoothHidProxy.h"
@@ -12,6 +13,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <thread>
@@ -22,6 +24,7 @@
 using corvane::test::Child;
 using corvane::test::FakeBluez;
 using corvane::test::FewDescriptors;
+using corvane::test::Folder;
 using corvane::test::NoThreads;
 using corvane::test::PrivateBus;
 using hwcommon::DBusBluetoothHidProxy;
@@ -32,6 +35,8 @@ using testing::HasSubstr;
 using testing::Not;
 using namespace std::chrono_literals;
 
+namespace fs = std::filesystem;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -40,6 +45,9 @@ constexpr char hardware[] = "/org/corvane/Hardware";
 constexpr char hid[] = "/org/corvane/BluetoothHid";
 constexpr char address[] = "00:AA:01:00:00:42";
 constexpr char lateName[] = "org.corvane.Late";
+
+// For what is sure to come, on a machine that is busy otherwise.
+constexpr std::chrono::duration<unsigned, std::milli> longTime = 5min;
 
 /// A bus with the fake services on it, and the connection that a host lends: no event loop.
 class HostBus : public testing::Test {
@@ -79,21 +87,21 @@ TEST_F(HostBus, GivesNoIdentityWhenThereIsNoGoodAnswer) {
     EXPECT_EQ(proxyOfHardware.getHardwareInfo(), "");
     bus.stop();
     EXPECT_EQ(proxyOfHardware.getHardwareInfo(), "");
-    EXPECT_LT(Clock::now() - start, 5s);
+    EXPECT_LT(Clock::now() - start, 24s) << "a call that nobody answers takes 25 s";
 }
 
 TEST_F(HostBus, TellsAnObserverOfTheHardwareService) {
     Observer observer;
     std::optional<DBusHardwareProxy> watched(std::in_place, &observer);
-    EXPECT_EQ(observer.came.wait(10000, false), 0);
+    EXPECT_EQ(observer.came.wait(longTime.count(), false), 0);
     observer.came.wait(0, true);
     services.release("org.corvane.Hardware");
-    EXPECT_EQ(observer.went.wait(10000, false), 0);
+    EXPECT_EQ(observer.went.wait(longTime.count(), false), 0);
     observer.went.wait(0, true);
     services.own("org.corvane.Hardware");
-    EXPECT_EQ(observer.came.wait(10000, false), 0);
+    EXPECT_EQ(observer.came.wait(longTime.count(), false), 0);
     bus.stop();
-    EXPECT_EQ(observer.went.wait(10000, false), 0);
+    EXPECT_EQ(observer.went.wait(longTime.count(), false), 0);
     watched.reset();
 }
 
@@ -133,11 +141,9 @@ TEST_F(HostBus, FindsAnOwnedNameAtOnce) {
 TEST_F(HostBus, WaitsForANameForAsLongAsItWasTold) {
     const auto start = Clock::now();
     EXPECT_FALSE(proxy.waitUntilDBusNameExist(lateName, 0));
-    EXPECT_LT(Clock::now() - start, 1s);
     std::thread other([&] { services.own("org.corvane.Other"); });
     EXPECT_FALSE(proxy.waitUntilDBusNameExist(lateName, 300));
     EXPECT_GE(Clock::now() - start, 300ms);
-    EXPECT_LT(Clock::now() - start, 5s);
     other.join();
     EXPECT_FALSE(proxy.waitUntilDBusNameExist("not a bus name", 0));
 }
@@ -146,8 +152,10 @@ TEST_F(HostBus, WaitsForANameForAsLongAsItWasTold) {
 TEST_F(HostBus, EndsEveryWaitWhenTheNameComes) {
     connection->enterEventLoopAsync();
     bool found[2] = {false, false};
-    std::thread first([&] { found[0] = proxy.waitUntilDBusNameExist(lateName, 30000); });
-    std::thread second([&] { found[1] = proxy.waitUntilDBusNameExist(lateName, 30000); });
+    std::thread first(
+        [&] { found[0] = proxy.waitUntilDBusNameExist(lateName, 2 * longTime.count()); });
+    std::thread second(
+        [&] { found[1] = proxy.waitUntilDBusNameExist(lateName, 2 * longTime.count()); });
     const auto start = Clock::now();
     std::this_thread::sleep_for(200ms);  // for the waits to begin
     services.own(lateName);
@@ -155,19 +163,20 @@ TEST_F(HostBus, EndsEveryWaitWhenTheNameComes) {
     second.join();
     EXPECT_TRUE(found[0]);
     EXPECT_TRUE(found[1]);
-    EXPECT_LT(Clock::now() - start, 10s);
+    EXPECT_LT(Clock::now() - start, longTime);
     connection->leaveEventLoop();
 }
 
 TEST_F(HostBus, StopsWaitingWhenTheBusGoesAndWorksOnItsSuccessor) {
     bool found = true;
     const auto start = Clock::now();
-    std::thread waiter([&] { found = proxy.waitUntilDBusNameExist(lateName, 30000); });
+    std::thread waiter(
+        [&] { found = proxy.waitUntilDBusNameExist(lateName, 2 * longTime.count()); });
     std::this_thread::sleep_for(200ms);  // for the wait to begin
     bus.stop();
     waiter.join();
     EXPECT_FALSE(found);
-    EXPECT_LT(Clock::now() - start, 10s);
+    EXPECT_LT(Clock::now() - start, longTime);
 
     const PrivateBus successor;
     EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.freedesktop.DBus", 0));
@@ -175,7 +184,8 @@ TEST_F(HostBus, StopsWaitingWhenTheBusGoesAndWorksOnItsSuccessor) {
 
 #ifndef __SANITIZE_ADDRESS__  // the sanitizers' own checks need descriptors
 TEST_F(HostBus, FailsWithoutDescriptorsAndAnswersAgainWithThem) {
-    const std::string file = testing::TempDir() + "corvane-shortage";
+    const Folder folder;
+    const std::string file = folder / "shortage";
     std::string content;
     DBusHardwareProxy hardwareProxy(nullptr);
     Observer observer;
@@ -207,13 +217,16 @@ TEST_F(HostBus, LeavesAnObserverUntoldWithoutThreads) {
 
 TEST(BusPolicy, LetsOnlyRootServe) {
     if (getuid() != 0) GTEST_SKIP() << "needs root, to become somebody else";
-    const std::string configuration = testing::TempDir() + "corvane-policy.conf";
-    std::ofstream(configuration)
-        << "<busconfig><type>system</type><listen>unix:tmpdir=/tmp</listen>"
-           "<policy context='default'><allow user='*'/><deny own='*'/>"
-           "<allow send_destination='org.freedesktop.DBus'/>"
-           "<allow receive_sender='*'/></policy>"
-           "<include>" CORVANE_BUS_POLICY "</include></busconfig>";
+    const Folder folder;
+    fs::permissions(folder.path(), fs::perms(0755));  // for somebody else to find the bus
+    const std::string configuration = folder / "policy.conf";
+    std::ofstream(configuration) << "<busconfig><type>system</type><listen>unix:path=" +
+                                        folder / "bus" +
+                                        "</listen>"
+                                        "<policy context='default'><allow user='*'/><deny own='*'/>"
+                                        "<allow send_destination='org.freedesktop.DBus'/>"
+                                        "<allow receive_sender='*'/></policy>"
+                                        "<include>" CORVANE_BUS_POLICY "</include></busconfig>";
     const Child daemon({"dbus-daemon", "--nofork", "--nopidfile", "--print-address",
                         "--config-file=" + configuration});
     setenv("DBUS_SYSTEM_BUS_ADDRESS", daemon.firstLine().c_str(), 1);

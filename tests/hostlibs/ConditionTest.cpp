@@ -40,7 +40,7 @@ TEST(Condition, ReleasesEveryWaiter) {
     for (auto& end : released) {
         waiters.emplace_back([&] {
             ++waiting;
-            condition.wait(5000, false);
+            condition.wait(600000, false);
             end = std::chrono::steady_clock::now();
         });
     }
@@ -50,5 +50,5 @@ TEST(Condition, ReleasesEveryWaiter) {
     condition.notify();
     for (std::thread& waiter : waiters) waiter.join();
     // Whoever is left asleep finds the flag set in the end, so only the time tells.
-    for (const auto& end : released) EXPECT_LT(end - notified, std::chrono::seconds(4));
+    for (const auto& end : released) EXPECT_LT(end - notified, std::chrono::minutes(5));
 }

@@ -1,3 +1,4 @@
+#include "Folder.h"
 #include "hwcommon/fileUtil.h"
 
 #include <gtest/gtest.h>
@@ -5,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -62,13 +62,7 @@ namespace {
 /// An empty folder with a file in it.
 class Files : public testing::Test {
 protected:
-    Files() {
-        std::string pattern = testing::TempDir() + "corvane.XXXXXX";
-        folder = mkdtemp(pattern.data());
-        file = folder / "flag";
-        std::ofstream(file) << "old";
-    }
-    ~Files() override { fs::remove_all(folder); }
+    Files() { std::ofstream(file) << "old"; }
 
     static std::string read(const fs::path& path) {
         std::string content = "untouched";
@@ -78,8 +72,9 @@ protected:
         return std::distance(fs::directory_iterator(folder), fs::directory_iterator());
     }
 
-    fs::path folder;
-    fs::path file;
+    const corvane::test::Folder ownFolder;
+    const fs::path& folder = ownFolder.path();
+    const fs::path file = folder / "flag";
 };
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include "Folder.h"
 #include "LogAppender.h"
 
 #include <gmock/gmock.h>
@@ -15,11 +16,15 @@ using testing::Not;
 
 namespace {
 
-std::string temporaryFile(const std::string& name, const std::string& content) {
-    std::string path = testing::TempDir() + name;
-    std::ofstream(path) << content;
-    return path;
-}
+class Log : public testing::Test {
+protected:
+    std::string fileWith(const std::string& name, const std::string& content) const {
+        std::ofstream(folder / name) << content;
+        return folder / name;
+    }
+
+    const corvane::test::Folder folder;
+};
 
 std::string contentOf(const std::string& path) {
     std::ostringstream content;
@@ -38,7 +43,7 @@ std::string outputOfLateLogger(const std::string& configuration) {
 
 }  // namespace
 
-TEST(Log, ShowsEachPartOfARecordOnTheConsoleBeforeAndAfterMain) {
+TEST_F(Log, ShowsEachPartOfARecordOnTheConsoleBeforeAndAfterMain) {
     const std::string output = outputOfLateLogger("");
     EXPECT_THAT(output, ContainsRegex("^20[0-9-]+ [0-9:.]+ INFO +LateLogger.cpp:8 "
                                       ".*LateLogger::LateLogger\\(\\): before main\n"));
@@ -46,38 +51,37 @@ TEST(Log, ShowsEachPartOfARecordOnTheConsoleBeforeAndAfterMain) {
     EXPECT_THAT(output, Not(HasSubstr("too low")));
 }
 
-TEST(Log, FollowsTheConfigurationThatTheEnvironmentNames) {
-    const std::string file = temporaryFile("late.properties",
-                                           "log4cplus.rootLogger=DEBUG, A\n"
-                                           "log4cplus.appender.A=log4cplus::ConsoleAppender\n");
+TEST_F(Log, FollowsTheConfigurationThatTheEnvironmentNames) {
+    const std::string file = fileWith("late.properties",
+                                      "log4cplus.rootLogger=DEBUG, A\n"
+                                      "log4cplus.appender.A=log4cplus::ConsoleAppender\n");
     EXPECT_THAT(outputOfLateLogger(file), HasSubstr("too low"));
 }
 
-TEST(Log, StaysOnTheConsoleWhenTheConfigurationIsMissingOrBroken) {
+TEST_F(Log, StaysOnTheConsoleWhenTheConfigurationIsMissingOrBroken) {
     for (const std::string& file :
-         {std::string("/nowhere/log.properties"), testing::TempDir(),
-          temporaryFile("empty.properties", ""),
-          temporaryFile("level.properties", "log4cplus.rootLogger=DEBUG\n"),
-          temporaryFile("class.properties",
-                        "log4cplus.rootLogger=DEBUG, A\nlog4cplus.appender.A=NoSuchClass\n")}) {
+         {std::string("/nowhere/log.properties"), folder.path().string(),
+          fileWith("empty.properties", ""),
+          fileWith("level.properties", "log4cplus.rootLogger=DEBUG\n"),
+          fileWith("class.properties",
+                   "log4cplus.rootLogger=DEBUG, A\nlog4cplus.appender.A=NoSuchClass\n")}) {
         EXPECT_THAT(outputOfLateLogger(file), AllOf(HasSubstr("log configuration " + file),
                                                     HasSubstr("after \\x1B[31m main\n")));
     }
 }
 
-TEST(Log, WritesDeviceNamesSoThatTheyCannotBreakForgeOrSteer) {
-    const std::string log = testing::TempDir() + "printable.log";
-    std::remove(log.c_str());
+TEST_F(Log, WritesDeviceNamesSoThatTheyCannotBreakForgeOrSteer) {
+    const std::string log = folder / "printable.log";
     ASSERT_TRUE(LogAppender::loadConfiguration(
-        temporaryFile("printable.properties",
-                      "log4cplus.rootLogger=INFO, A\n"
-                      "log4cplus.appender.A=log4cplus::FileAppender\n"
-                      "log4cplus.appender.A.ImmediateFlush=true\n"
-                      "log4cplus.appender.A.File=" +
-                          log +
-                          "\n"
-                          "log4cplus.appender.A.layout=corvane::PrintableLayout\n"
-                          "log4cplus.appender.A.layout.ConversionPattern=%m%n\n")));
+        fileWith("printable.properties",
+                 "log4cplus.rootLogger=INFO, A\n"
+                 "log4cplus.appender.A=log4cplus::FileAppender\n"
+                 "log4cplus.appender.A.ImmediateFlush=true\n"
+                 "log4cplus.appender.A.File=" +
+                     log +
+                     "\n"
+                     "log4cplus.appender.A.layout=corvane::PrintableLayout\n"
+                     "log4cplus.appender.A.layout.ConversionPattern=%m%n\n")));
 
     std::string expected;
     const auto check = [&expected](const std::string& name, const std::string& written) {

@@ -209,12 +209,13 @@ TEST_P(FaultOfTheBus, FailsTheOperationAndNoLaterOne) {
     bluez.reply(path, member, "('unexpected', uint32 7)", 1, std::chrono::milliseconds(200));
     EXPECT_TRUE(run()) << "late and of another type: not looked at";
 
-    bluez.reply(path, member, "()", 1, std::chrono::milliseconds(200));
+    bluez.reply(path, member, "()", 1, FakeBluez::untilLetGo);
     bluez.forget();
     auto outcome = std::async(std::launch::async, [this] { return run(); });
     const std::string call = member == "Set *" ? ".Set (" : "." + member + " (";
     ASSERT_TRUE(eventually([&] { return bluez.countCalls(call) > 0; }));
     bluez.release("org.bluez");
+    bluez.letGo();
     EXPECT_EQ(outcome.get(), member != "RegisterAgent")  // which has a second step
         << "the name goes in the middle, the service answers";
     expectFailure("GDBus.Error:org.freedesktop.DBus.Error.ServiceUnknown: ", first);

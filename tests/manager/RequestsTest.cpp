@@ -206,10 +206,11 @@ TEST_F(ConnectRequest, CancelledBeforeItStartsDoesNothing) {
 TEST_F(ConnectRequest, ACancellationDuringTheAttemptHasNoEffect) {
     listDevices({phone});
     bluez.reply("/org/corvane/BluetoothHid", "Connect", "('Connect success',)", 0,
-                milliseconds(300));
+                FakeBluez::untilLetGo);
     start(std::make_shared<ConnectBluetoothRequest>(answers.callback(), &hid, "Phone"));
     ASSERT_TRUE(reached(hidCall("Connect", phone)));
     manager().cancelRequest();
+    bluez.letGo();
     EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
 }
 
@@ -277,11 +278,11 @@ protected:
                " org.freedesktop.DBus.Properties.Set ('org.bluez.Device1', 'Trusted', <true>)";
     }
 
-    /// Starts a wait for the phone with the clock stopped; returns when it waits for a late reply
-    /// of its first pass.
+    /// Starts a wait for the phone with the clock stopped; returns when it waits for the reply of
+    /// its first pass, which comes with letGo().
     void startAndHold(const Device& device) {
         listDevices({device});
-        bluez.setDevices({device}, 0, milliseconds(300));
+        bluez.setDevices({device}, 0, FakeBluez::untilLetGo);
         bluez.setDevices({device}, 1);  // the scan before the loop
         Clock::stop();
         start(std::make_shared<WaitBluetoothPairingRequest>(answers.callback(), device.name));
@@ -332,12 +333,14 @@ TEST_F(WaitRequest, TimesOutBeyondAMinute) {
 TEST_F(WaitRequest, ADeviceThatComesAsTheTimeRunsOutIsTooLate) {
     startAndHold(connected(phone));
     Clock::advance(milliseconds(60001));
+    bluez.letGo();
     EXPECT_EQ(answers.next(), REQUEST_TIMEOUT);
 }
 
 TEST_F(WaitRequest, CancelledDuringAPassAnswersCancelled) {
     startAndHold(phone);
     manager().cancelRequest();
+    bluez.letGo();
     EXPECT_EQ(answers.next(), REQUEST_CANCELLED);
     EXPECT_EQ(bluez.countCalls(scan), 2) << "no further pass";
 }
@@ -345,6 +348,7 @@ TEST_F(WaitRequest, CancelledDuringAPassAnswersCancelled) {
 TEST_F(WaitRequest, ADeviceThatIsFoundOutweighsACancellation) {
     startAndHold(connected(phone));
     manager().cancelRequest();
+    bluez.letGo();
     EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
 }
 

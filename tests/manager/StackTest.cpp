@@ -1,7 +1,6 @@
 #include "Edges.h"
 #include "ManagerTest.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -254,16 +253,11 @@ TEST_F(SystemLogWatcher, RefusesASingleQuoteBeforeAnythingRuns) {
 class SystemLogFile : public SystemLogWatcher {
 protected:
     SystemLogFile() {
-        std::string pattern = testing::TempDir() + "corvane.XXXXXX";
-        folder = mkdtemp(pattern.data());
         manager();
         edges().folder = folder;
         write("messages", "old: the line\n");
     }
-    ~SystemLogFile() override {
-        edges().folder.clear();
-        std::filesystem::remove_all(folder);
-    }
+    ~SystemLogFile() override { edges().folder.clear(); }
 
     void write(const std::string& name, const std::string& text,
                std::ios_base::openmode mode = std::ios_base::trunc) {
@@ -282,7 +276,8 @@ protected:
         return manager().execAndWaitForSystemLog(act, pattern, 300);
     }
 
-    std::filesystem::path folder;
+    const Folder ownFolder;
+    const std::filesystem::path& folder = ownFolder.path();
 };
 
 TEST_F(SystemLogFile, MayBeRotatedCutShortOrMissingInTheMiddleOfAWait) {

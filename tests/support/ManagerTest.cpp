@@ -16,7 +16,7 @@ namespace corvane::test {
 namespace {
 
 using WallClock = std::chrono::system_clock;
-constexpr std::chrono::seconds patience{10};
+constexpr std::chrono::minutes patience{5};
 
 }  // namespace
 

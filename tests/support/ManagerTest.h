@@ -19,7 +19,7 @@
 
 namespace corvane::test {
 
-/// Waits, on the wall clock, until the condition holds; false after ten seconds.
+/// Waits, on the wall clock, until the condition holds; false after five minutes.
 bool eventually(const std::function<bool()>& condition);
 
 /// The entries of the fake's list of calls.
@@ -33,7 +33,7 @@ class Answers {
 public:
     std::function<void(BluetoothRequestAnswers)> callback();
     void note(BluetoothRequestAnswers answer);
-    /// Waits for one more answer; -1 after ten seconds.
+    /// Waits for one more answer; -1 after five minutes.
     int next();
     std::size_t count();
 

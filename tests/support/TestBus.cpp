@@ -28,12 +28,6 @@ std::string quoted(const std::string& text) {
     return result;
 }
 
-/// One that is this process's alone, and can be taken again by a bus's successor.
-std::string newAddress() {
-    static int count = 0;
-    return "unix:path=/tmp/corvane-bus-" + std::to_string(getpid()) + "-" + std::to_string(++count);
-}
-
 }  // namespace
 
 Child::Child(const std::vector<std::string>& words) : command(words) { start(); }
@@ -81,8 +75,7 @@ void Child::stop() {
 }
 
 PrivateBus::PrivateBus()
-    : where(newAddress()),
-      daemon({"dbus-daemon", "--nofork", "--nopidfile", "--print-address", "--address=" + where,
+    : daemon({"dbus-daemon", "--nofork", "--nopidfile", "--print-address", "--address=" + where,
               std::string("--config-file=") + CORVANE_BUS_CONFIG}) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", where.c_str(), 1);
 }
@@ -137,7 +130,7 @@ GVariant* FakeBluez::call(const char* member, GVariant* arguments) {
     GError* error = nullptr;
     GVariant* reply = g_dbus_connection_call_sync(
         connection, "org.corvane.FakeBluez", "/", "org.corvane.FakeBluez1", member, arguments,
-        nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+        nullptr, G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, &error);
     if (reply == nullptr) throw std::runtime_error(error->message);
     return reply;
 }
@@ -205,6 +198,8 @@ int FakeBluez::countCalls(const std::string& text) {
     }
     return count;
 }
+
+void FakeBluez::letGo() { g_variant_unref(call("LetGo", nullptr)); }
 
 void FakeBluez::forget() { g_variant_unref(call("Forget", nullptr)); }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Folder.h"
+
 #include <gio/gio.h>
 
 #include <chrono>
@@ -44,7 +46,8 @@ public:
     void restart();
 
 private:
-    std::string where;
+    Folder folder;
+    std::string where = "unix:path=" + folder / "bus";
     Child daemon;
 };
 
@@ -66,6 +69,8 @@ struct Device {
 class FakeBluez {
 public:
     using Milliseconds = std::chrono::milliseconds;
+    /// Delay of a reply that waits for letGo().
+    static constexpr Milliseconds untilLetGo{G_MAXUINT};
 
     /// @param address  the private bus
     explicit FakeBluez(const std::string& address);
@@ -95,6 +100,7 @@ public:
     std::vector<std::pair<std::int64_t, std::string>> calls();
     /// How many of them hold the text.
     int countCalls(const std::string& text);
+    void letGo();
     void forget();
 
 private:

@@ -79,9 +79,9 @@ protected:
     /// Lets everything happen that the relay would do in some polls of the lines.
     void settle() {
         int ticks = 0;
-        poller.setTick(5ms, [this, &ticks] {
+        poller.setTick(1ms, [this, &ticks] {
             relay->poll();
-            if (++ticks == 20) poller.stop();
+            if (++ticks == 100) poller.stop();
         });
         poller.run();
     }

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include <sys/types.h>
+
+namespace corvane::test {
+
+/// A folder for what a test writes. It goes with this object; should the process end before it, a
+/// keeper of its own removes it.
+class Folder {
+public:
+    Folder();
+    ~Folder();
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    const std::filesystem::path& path() const { return where; }
+    std::string operator/(const std::string& name) const { return where / name; }
+
+private:
+    std::filesystem::path where;
+    pid_t keeper = -1;
+    int lifeline = -1;  // the keeper waits for its end
+};
+
+}  // namespace corvane::test
