@@ -190,7 +190,7 @@ TEST_F(HostBus, FailsWithoutDescriptorsAndAnswersAgainWithThem) {
     DBusHardwareProxy hardwareProxy(nullptr);
     Observer observer;
     const auto works = [&] {
-        const std::vector<bool> answers{
+        std::vector<bool> answers{
             proxy.waitUntilDBusNameExist("org.bluez", 0),
             !hardwareProxy.getHardwareInfo().empty(),
             hwcommon::fileUtil::saveContentToFile(file, "1"),

@@ -1,20 +1,51 @@
 #include "Shortage.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <vector>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace corvane::test {
 
-FewDescriptors::FewDescriptors(unsigned left) {
-    getrlimit(RLIMIT_NOFILE, &before);
-    const int lowestFree = dup(STDERR_FILENO);
-    close(lowestFree);
-    const rlimit few{static_cast<rlim_t>(lowestFree) + left, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &few);
+namespace {
+
+constexpr int mostLeft = 30;
+
+/// Takes the lowest descriptor from this one up.
+int take(int from) { return fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, from); }
+
+/// Low descriptors that nobody else has, taken when the program starts. What is open below the
+/// limit stays open so: GDBus's thread closes some that it has used at a moment of its own, and
+/// each would be one more to have.
+std::vector<int> reserve() {
+    std::vector<int> descriptors;
+    for (int i = 0; i < mostLeft; ++i) descriptors.push_back(take(STDERR_FILENO + 1));
+    return descriptors;
 }
 
-FewDescriptors::~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before); }
+std::vector<int> reserved = reserve();
+
+}  // namespace
+
+FewDescriptors::FewDescriptors(unsigned left) : given(reserved.end() - left, reserved.end()) {
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit few{static_cast<rlim_t>(reserved.back()) + 1, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    for (const int descriptor : given) close(descriptor);
+}
+
+FewDescriptors::~FewDescriptors() {
+    setrlimit(RLIMIT_NOFILE, &before);
+    for (const int descriptor : given) {
+        const int taken = take(descriptor);
+        if (taken == descriptor) continue;
+        close(taken);
+        // Somebody has it still, and it is theirs to close.
+        reserved.erase(std::find(reserved.begin(), reserved.end(), descriptor));
+    }
+}
 
 NoThreads::NoThreads() {
     pthread_getattr_default_np(&before);

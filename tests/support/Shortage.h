@@ -1,11 +1,13 @@
 #pragma once
 
+#include <vector>
+
 #include <pthread.h>
 #include <sys/resource.h>
 
 namespace corvane::test {
 
-/// While it lives the process gets no descriptor more, or only so many.
+/// While it lives the process gets no descriptor more, or only so many, up to 30.
 class FewDescriptors {
 public:
     explicit FewDescriptors(unsigned left = 0);
@@ -14,6 +16,7 @@ public:
     FewDescriptors& operator=(const FewDescriptors&) = delete;
 
 private:
+    const std::vector<int> given;
     rlimit before{};
 };
 
