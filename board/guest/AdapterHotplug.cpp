@@ -34,7 +34,7 @@ int announcedAdapter(const std::string& message) {
 
 void makePairable(int adapter) {
     // The kernel asks a new controller for its features first, which takes it some 100 ms.
-    constexpr int attempts = 200;
+    constexpr int attempts = 2400;  // a minute of a busy machine
     int status = board::invalidIndex;
     for (int attempt = 0; attempt < attempts && status == board::invalidIndex; ++attempt) {
         std::this_thread::sleep_for(25ms);

@@ -21,7 +21,7 @@ namespace {
 constexpr const char* busName = "org.corvane.BluetoothHid";
 constexpr const char* objectPath = "/org/corvane/BluetoothHid";
 constexpr const char* interfaceName = "org.corvane.BluetoothHid1";
-constexpr int connectTime = 10000;  // ms for each channel; a page alone takes up to 5.12 s
+constexpr int connectTime = 20000;  // ms for each channel; a page alone takes up to 5.12 s
 
 constexpr const char* usage =
     "usage: hw_bluez_hid REVISION MODEL\n"

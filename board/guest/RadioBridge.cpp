@@ -29,8 +29,8 @@ constexpr std::uint16_t readAddress = 0x1009;
 constexpr std::uint16_t resetCommand = 0x0C03;
 constexpr std::uint16_t handleMask = 0x0FFF;
 
-// The emulator answers within some milliseconds.
-constexpr std::chrono::milliseconds linkEndTime{500};
+// The emulator answers within some milliseconds, unless the machine is busy.
+constexpr std::chrono::milliseconds linkEndTime{10000};
 
 UniqueFd connectTo(const std::string& path) {
     UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));

@@ -107,10 +107,10 @@ void start(const std::vector<std::string>& command) {
     _exit(127);
 }
 
-/// Tries until it succeeds or the time is over; then the last failure goes to the caller.
+/// Tries until it succeeds or a minute is over; then the last failure goes to the caller.
 template <class Work>
-auto eventually(std::chrono::seconds limit, Work work) -> decltype(work()) {
-    const auto deadline = Clock::now() + limit;
+auto eventually(Work work) -> decltype(work()) {
+    const auto deadline = Clock::now() + 60s;
     for (;;) {
         try {
             return work();
@@ -127,7 +127,7 @@ public:
         if (!fd_) board::throwErrno("hci" + std::to_string(device));
     }
     void setClass(std::uint32_t deviceClass) {
-        if (hci_write_class_of_dev(fd_.get(), deviceClass, 2000) != 0) {
+        if (hci_write_class_of_dev(fd_.get(), deviceClass, 20000) != 0) {
             board::throwErrno("writing the class of device");
         }
     }
@@ -172,7 +172,7 @@ public:
         bus_->enterEventLoopAsync();
         for (auto& [key, device] : devices_) setUp(device);
         for (auto& [key, device] : devices_) finishSetUp(device);
-        eventually(10s, [this] {
+        eventually([this] {
             const auto manager = sdbus::createProxy(*bus_, bluez, "/org/bluez");
             manager->callMethod("RegisterAgent")
                 .onInterface("org.bluez.AgentManager1")
@@ -185,7 +185,7 @@ public:
         for (auto& [key, device] : devices_) {
             const bool pairable = (device.character->features & REFUSES) == 0;
             const auto proxy = adapter(device);
-            eventually(10s, [&] { set(*proxy, "Pairable", pairable); });
+            eventually([&] { set(*proxy, "Pairable", pairable); });
         }
         poller_.add(commands_.get(),
                     [this](const std::uint8_t* data, std::size_t size) {
@@ -235,7 +235,7 @@ private:
 
     void setUp(Device& device) {
         const auto proxy = adapter(device);
-        eventually(20s, [&] {
+        eventually([&] {
             device.address =
                 proxy->getProperty("Address").onInterface(adapterInterface).get<std::string>();
             set(*proxy, "Powered", true);
@@ -271,7 +271,7 @@ private:
     /// The kernel writes a class of its own whenever a service is registered: ours comes last.
     void finishSetUp(Device& device) {
         if ((device.character->features & AUDIO_SINK) != 0) {
-            eventually(10s, [&] {
+            eventually([&] {
                 const auto ids = adapter(device)
                                      ->getProperty("UUIDs")
                                      .onInterface(adapterInterface)
@@ -357,22 +357,22 @@ private:
             proxy->callMethod("StopDiscovery").onInterface(adapterInterface);
         };
         try {
-            eventually(20s, [&] {
-                boardSeenBy(device)->getProperty("Address").onInterface(deviceInterface);
-            });
+            eventually(
+                [&] { boardSeenBy(device)->getProperty("Address").onInterface(deviceInterface); });
         } catch (const std::exception&) {
             stop();
-            throw std::runtime_error("the board was not found within 20 s; is it discoverable?");
+            throw std::runtime_error(
+                "the board was not found within a minute; is it discoverable?");
         }
         stop();
-        boardSeenBy(device)->callMethod("Pair").onInterface(deviceInterface).withTimeout(25s);
+        boardSeenBy(device)->callMethod("Pair").onInterface(deviceInterface).withTimeout(60s);
         return {};
     }
 
     /// Opens a channel to the board's service directory and keeps it, as phones do.
     std::string connect(Device& device) {
         UniqueFd channel = board::l2capSocket(device.address, 0);
-        board::l2capConnect(channel.get(), boardAddress(), board::psmServiceDiscovery, 10000);
+        board::l2capConnect(channel.get(), boardAddress(), board::psmServiceDiscovery, 60000);
         device.channels.push_back(std::move(channel));
         return {};
     }
@@ -416,7 +416,7 @@ private:
         unsigned rate = 0, channels = 0;
         try {
             // The music's form is settled shortly after the connection.
-            eventually(5s, [&] {
+            eventually([&] {
                 rate = pcm->getProperty("Sampling").onInterface(pcmInterface).get<std::uint32_t>();
                 channels =
                     pcm->getProperty("Channels").onInterface(pcmInterface).get<std::uint8_t>();

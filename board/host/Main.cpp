@@ -194,8 +194,8 @@ private:
             }
             begin();
         }
-        if (!begun_ && waited > 120s) {
-            throw std::runtime_error("the board did not come up within 120 s; see " +
+        if (!begun_ && waited > 10min) {
+            throw std::runtime_error("the board did not come up within 10 minutes; see " +
                                      board_.consoleLog() + " and " + remote_.consoleLog());
         }
         if (commandRuns_ && options_.timeoutSeconds != 0 &&

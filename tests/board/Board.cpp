@@ -5,13 +5,13 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -53,10 +53,10 @@ std::map<unsigned, int> lineLevels() {
 }
 
 std::string adapterProperty(const std::string& name) {
-    std::string reply =
-        run("dbus-send --system --print-reply=literal --dest=org.bluez /org/bluez/hci0 "
-            "org.freedesktop.DBus.Properties.Get string:org.bluez.Adapter1 string:" +
-            name);
+    std::string reply = run(
+        "dbus-send --system --print-reply=literal --reply-timeout=300000 --dest=org.bluez "
+        "/org/bluez/hci0 org.freedesktop.DBus.Properties.Get string:org.bluez.Adapter1 string:" +
+        name);
     static const std::regex value(R"(^\s*variant\s+(?:boolean |uint32 )?([^\n]*?)\s*$)");
     std::smatch match;
     return std::regex_search(reply, match, value) ? match[1].str() : reply;
@@ -70,8 +70,8 @@ std::string controllerClass() {
 }
 
 bool busNameOwned(const std::string& name) {
-    return run("dbus-send --system --print-reply=literal --dest=org.freedesktop.DBus / "
-               "org.freedesktop.DBus.NameHasOwner string:" +
+    return run("dbus-send --system --print-reply=literal --reply-timeout=300000 "
+               "--dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner string:" +
                name)
                .find("true") != std::string::npos;
 }
@@ -83,15 +83,26 @@ std::string executableOf(int process) {
 
 namespace {
 
+/// What a folder holds. What goes while it is read is in the list or not, and no failure.
+std::vector<fs::path> entriesOf(const char* folder) {
+    std::vector<fs::path> paths;
+    std::error_code error;
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+        paths.push_back(entry->path());
+    }
+    return paths;
+}
+
 /// Calls `visit` with each process's executable and state letter.
 void forEachProcess(const std::function<void(const std::string&, char)>& visit) {
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
-        const std::string id = entry.path().filename();
+    for (const fs::path& path : entriesOf("/proc")) {
+        const std::string id = path.filename();
         if (id.find_first_not_of("0123456789") != std::string::npos) continue;
-        const std::string stat = fileContent("/proc/" + id + "/stat");
+        const std::string stat = fileContent(path / "stat");
         const std::size_t close = stat.rfind(") ");
         if (close == std::string::npos) continue;  // gone meanwhile
-        visit(executableOf(std::stoi(id)), stat.at(close + 2));
+        visit(executableOf(std::stoi(id)), stat[close + 2]);
     }
 }
 
@@ -114,9 +125,9 @@ namespace {
 
 std::multiset<std::string> openNow() {
     std::multiset<std::string> descriptors;
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+    for (const fs::path& path : entriesOf("/proc/self/fd")) {
         std::error_code gone;
-        const std::string target = fs::read_symlink(entry.path(), gone);
+        const std::string target = fs::read_symlink(path, gone);
         if (gone || target.rfind("/proc/", 0) == 0)
             continue;  // another thread's; the iteration's own
         descriptors.insert(target.substr(0, target.find('[')));
@@ -128,21 +139,25 @@ std::multiset<std::string> openNow() {
 
 std::multiset<std::string> openDescriptors() {
     std::multiset<std::string> last = openNow();
-    waitFor(
-        [&last] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
-            const std::multiset<std::string> before = std::exchange(last, openNow());
-            return before == last;
-        },
-        10000);
+    waitFor([&last] {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        const std::multiset<std::string> before = std::exchange(last, openNow());
+        return before == last;
+    });
     return last;
 }
 
-bool fileExists(const std::string& path) { return fs::exists(path); }
+bool fileExists(const std::string& path) {
+    std::error_code error;
+    return fs::exists(path, error);
+}
 
 std::string fileContent(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    // Reading fails for a process that ends meanwhile. This operator takes that for the end of the
+    // file; the stream's iterators throw.
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
 }
 
 bool waitFor(const std::function<bool()>& condition, unsigned milliseconds) {

@@ -35,14 +35,20 @@ std::string executableOf(int process);
 unsigned zombies();
 
 /// What this process has open: a line for each descriptor, without what differs between sockets.
-/// Waits until two looks half a second apart agree: GDBus's thread closes a connection that nobody
+/// Waits until two looks a second apart agree: GDBus's thread closes a connection that nobody
 /// holds any more some moments later.
 std::multiset<std::string> openDescriptors();
 
 bool fileExists(const std::string& path);
+
+/// What can be read of a file; nothing when it is not there.
 std::string fileContent(const std::string& path);
 
+/// How long something may take that is sure to come: the board may share its machine with much
+/// other work.
+constexpr unsigned patience = 300000;  // ms
+
 /// Waits for a condition. @return whether it came true in time
-bool waitFor(const std::function<bool()>& condition, unsigned milliseconds);
+bool waitFor(const std::function<bool()>& condition, unsigned milliseconds = patience);
 
 }  // namespace board

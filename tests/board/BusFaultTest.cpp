@@ -37,7 +37,9 @@ constexpr char newBus[] =
     "dbus-daemon --system --nopidfile; while pidof hardware-service > /dev/null; do sleep 0.1; "
     "done; "
     "setsid /usr/libexec/corvane-board/hardware-service /etc/corvane/identity.xml > /dev/null 2>&1 "
-    "&";
+    "& "
+    "until dbus-send --system --print-reply --dest=org.corvane.Hardware /org/corvane/Hardware "
+    "org.corvane.Hardware1.GetHardwareInfo > /dev/null 2>&1; do sleep 0.1; done";
 
 /// A host's way to the HID service, as long-lived as the host.
 hwcommon::DBusBluetoothHidProxy* hidService() {
@@ -51,14 +53,14 @@ class DaemonEnds : public Fault, public testing::WithParamInterface<int> {};
 TEST_P(DaemonEnds, DuringBringUpAndIsLeftBehindByOffAndOn) {
     manager().setEnabled(false, false);
     std::thread ending([] {
-        EXPECT_TRUE(board::waitFor([] { return board::processes(daemonProgram) > 0; }, 20000));
+        EXPECT_TRUE(board::waitFor([] { return board::processes(daemonProgram) > 0; }));
         std::this_thread::sleep_for(milliseconds(GetParam()));
         onBoard(killDaemon);
     });
     records.clear();
     const auto start = std::chrono::steady_clock::now();
     manager().setEnabled(true, false);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(40));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, endsWithin);
     ending.join();
     EXPECT_EQ(board::processes(daemonProgram), 0U);
     EXPECT_EQ(board::fileContent("/tmp/bluetoothEnabled"), "1");
@@ -93,8 +95,7 @@ void knowDevices() {
     manager.setEnabled(true, false);
     ASSERT_TRUE(manager.scanDevicesInfo());
     if (manager.searchForDevicesName(PAIRED_DEVICES, "Speaker")) return;
-    ASSERT_EQ(Started::make<ScanBluetoothRequest>().answer(), REQUEST_SUCCESS);
-    ASSERT_TRUE(manager.scanDevicesInfo());
+    ASSERT_TRUE(areNear({"Phone", "Speaker"}));
     for (const char* name : {"Phone", "Speaker"}) {
         ASSERT_TRUE(manager.pairDevice(manager.getDeviceMacAddress(ALL_DEVICES, name).c_str()))
             << name;
@@ -129,14 +130,14 @@ TEST_P(DaemonEndsUnder, ARequestWhichIsAnsweredOnce) {
     onBoard(stopDaemon);
     Started request = GetParam().start();
     ASSERT_TRUE(request.wasAccepted());
-    ASSERT_TRUE(board::waitFor([&] { return request.isRunning(); }, 1000));
+    ASSERT_TRUE(board::waitFor([&] { return request.isRunning(); }));
     std::this_thread::sleep_for(milliseconds(300));
     onBoard(killDaemon);
     if (!GetParam().endsByItself) {
         EXPECT_FALSE(board::waitFor([&] { return !request.isRunning(); }, 500));
         manager().cancelRequest();
     }
-    const int answer = request.answer(seconds(10));
+    const int answer = request.answer();
     EXPECT_TRUE(answer == REQUEST_FAILED || answer == REQUEST_CANCELLED) << answer;
     EXPECT_NE(records.errors(), "");
     recoversAfter();
@@ -162,9 +163,9 @@ TEST_F(BusFault, TheHostOutlivesABusThatIsRestartedWhileItWaitsForAnAnswer) {
     ASSERT_TRUE(hidService() != nullptr);  // on the old bus
     onBoard(stopDaemon);
     Started request = Started::make<ConnectBluetoothRequest>(nullptr, "Speaker");
-    ASSERT_TRUE(board::waitFor([&] { return request.isRunning(); }, 1000));
+    ASSERT_TRUE(board::waitFor([&] { return request.isRunning(); }));
     onBoard(endBus);
-    EXPECT_EQ(request.answer(seconds(10)), REQUEST_FAILED);
+    EXPECT_EQ(request.answer(), REQUEST_FAILED);
     onBoard(newBus);
     records.clear();
     EXPECT_FALSE(manager().adapterActivate(true));
@@ -174,8 +175,7 @@ TEST_F(BusFault, TheHostOutlivesABusThatIsRestartedWhileItWaitsForAnAnswer) {
         records.has(log4cplus::ERROR_LOG_LEVEL, "Unable to get result for GetManagedObjects"));
     recoversAfter("killall -9 -q bluetoothd; true");
     ASSERT_TRUE(manager().scanDevicesInfo());
-    EXPECT_TRUE(
-        board::waitFor([] { return board::busNameOwned("org.corvane.BluetoothHid"); }, 10000));
+    EXPECT_TRUE(board::waitFor([] { return board::busNameOwned("org.corvane.BluetoothHid"); }));
     EXPECT_EQ(Started::make<ConnectBluetoothRequest>(hidService(), "Phone").answer(),
               REQUEST_SUCCESS)
         << records.errors();
@@ -190,7 +190,8 @@ TEST_F(BusFault, AListThatIsBeingFilledEndsWithTheBus) {
     });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(manager().scanDevicesInfo());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(10));
+    // The call's own time limit is 25 s.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(24));
     EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 0U);
     ending.join();
 

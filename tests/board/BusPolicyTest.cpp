@@ -19,7 +19,8 @@ protected:
     /// What dbus-send prints, started by the caller of this row.
     static std::string send(const std::string& arguments) {
         return board::run(std::string("setpriv --reuid nobody --regid nogroup ") +
-                          GetParam().groups + " dbus-send --system --print-reply " + arguments);
+                          GetParam().groups +
+                          " dbus-send --system --print-reply --reply-timeout=300000 " + arguments);
     }
 };
 

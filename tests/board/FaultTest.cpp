@@ -43,11 +43,26 @@ void expectRecords(const std::string& records, const std::vector<std::string>& e
 struct Trouble {
     const char* name;
     std::string breaks, mends;
+    // Whether kernel and BlueZ know already, where they are told.
+    bool (*isSeen)() = [] { return true; };
 };
+
+/// The kernel takes the reset for an error of the controller: it logs that and starts it afresh.
+bool isRestarted() {
+    if (board::fileContent("/var/log/messages").find("hci0: hardware error") == std::string::npos) {
+        return false;
+    }
+    std::this_thread::sleep_for(seconds(1));  // it comes down first
+    return board::run("hciconfig hci0").find("UP RUNNING") != std::string::npos;
+}
+
+bool isOff() { return board::adapterProperty("Powered") == "false"; }
+
+bool hasNoAdapter() { return board::adapterProperty("Powered").rfind("Error ", 0) == 0; }
 
 const Trouble silence{"Silent", "peers radio silent", "peers radio normal"};
 const Trouble refusals{"Refusing", "peers radio refuse", "peers radio normal"};
-const Trouble aReset{"Resetting", "peers radio reset", "true"};
+const Trouble aReset{"Resetting", "peers radio reset", "true", isRestarted};
 
 struct BeforeRow : Trouble {
     bool hasDevice;      // hci0 is there all the same
@@ -64,7 +79,7 @@ TEST_P(BeforeBringUp, IsLoggedAndLeftBehindByOffAndOn) {
     records.clear();
     const auto start = steady_clock::now();
     manager().setEnabled(true, false);
-    EXPECT_LT(steady_clock::now() - start, seconds(40));
+    EXPECT_LT(steady_clock::now() - start, endsWithin);
     EXPECT_EQ(board::fileContent("/tmp/bluetoothEnabled"), "1");
 
     std::vector<std::string> expected{
@@ -133,7 +148,7 @@ TEST_P(WhileOn, ShowsInEachStepThatNeedsTheControllerAndIsLeftBehindByOffAndOn) 
     manager().setEnabled(true, false);
     records.clear();
     onBoard(GetParam().breaks);
-    std::this_thread::sleep_for(seconds(1));  // until kernel and BlueZ have seen it
+    EXPECT_TRUE(board::waitFor(GetParam().isSeen));
     expectOutcome("power", manager().adapterActivate(true), GetParam().power);
     expectOutcome("scan mode", manager().adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE),
                   GetParam().scanMode);
@@ -156,12 +171,12 @@ constexpr Outcome noSearch{false, "Not able to scan for new devices"};
 std::vector<WhileOnRow> whileOnRows() {
     const Trouble attachToolDies{
         "AttachToolDies", "killall -9 " + attachTool().substr(std::string("/usr/bin/").size()),
-        "true"};
+        "true", hasNoAdapter};
     // The kernel keeps the link mode, and BlueZ knows a silent controller as powered.
     return {{silence, well, noScanMode, noClass, well, noSearch},
             {refusals, well, noScanMode, noClass, well, noSearch},
             {aReset, well, well, well, well, well},
-            {{"Blocked", "rfkill block bluetooth", "true"},
+            {{"Blocked", "rfkill block bluetooth", "true", isOff},
              noPower,
              noScanMode,
              noClass,
@@ -186,12 +201,12 @@ INSTANTIATE_TEST_SUITE_P(Controller, WhileOn, testing::ValuesIn(whileOnRows()), 
 TEST_F(Fault, AControllerThatVanishesDuringBringUpIsLeftBehindByOffAndOn) {
     manager().setEnabled(false, false);
     std::thread vanishing([] {
-        EXPECT_TRUE(board::waitFor([] { return board::busNameOwned("org.bluez"); }, 20000));
+        EXPECT_TRUE(board::waitFor([] { return board::busNameOwned("org.bluez"); }));
         onBoard("peers radio vanish");
     });
     const auto start = steady_clock::now();
     manager().setEnabled(true, false);
-    EXPECT_LT(steady_clock::now() - start, seconds(60));
+    EXPECT_LT(steady_clock::now() - start, endsWithin);
     vanishing.join();
     recoversAfter("peers radio normal");
     manager().setEnabled(false, false);

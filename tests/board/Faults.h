@@ -10,6 +10,10 @@
 #include <chrono>
 #include <string>
 
+/// Catches a call that never ends: none takes longer, with all its own time limits and on a machine
+/// that is busy otherwise.
+constexpr std::chrono::minutes endsWithin{5};
+
 /// A fault's end: off, still with the fault, and on without it; then all must be well.
 class Fault : public testing::Test {
 protected:
@@ -22,13 +26,12 @@ protected:
     void recoversAfter(const std::string& mend = "true") {
         const auto start = std::chrono::steady_clock::now();
         manager().setEnabled(false, false);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, endsWithin);
         EXPECT_EQ(board::fileContent("/tmp/bluetoothEnabled"), "0");
         onBoard(mend);
         records.clear();
         manager().setEnabled(true, false);
-        EXPECT_EQ(records.errors(), "");
-        EXPECT_EQ(board::adapterProperty("Powered"), "true");
+        expectSwitchedOn(records);
         records.clear();
     }
 

@@ -46,9 +46,10 @@ std::string traced(const Action& action) {
         "rm -f /tmp/btmon.snoop; start-stop-daemon -S -b -N 19 -m -p /tmp/btmon.pid -x "
         "/usr/bin/btmon -- "
         "-w /tmp/btmon.snoop");
-    EXPECT_TRUE(board::waitFor([] { return board::fileExists("/tmp/btmon.snoop"); }, 5000));
+    // Behind the file's head of 16 bytes comes what the kernel says to each new listener.
+    EXPECT_TRUE(board::waitFor([] { return board::fileContent("/tmp/btmon.snoop").size() > 16; }));
     action();
-    board::run("start-stop-daemon -K -R 5 -p /tmp/btmon.pid");
+    board::run("start-stop-daemon -K -R 60 -p /tmp/btmon.pid");
     return board::run("btmon -r /tmp/btmon.snoop");
 }
 
@@ -82,15 +83,9 @@ TEST_F(Radio, AirplaneModeUnloadsTheModulesAndLowersEveryLine) {
 
 TEST_F(Radio, OnBringsUpWhatTheBoardThenShows) {
     const std::string trace = traced([] { manager().setEnabled(true, false); });
-    EXPECT_EQ(records.errors(), "");
     const std::string classNow = board::controllerClass();
 
-    const eepromXML identity(board::fileContent("/etc/corvane/identity.xml"));
-    EXPECT_EQ(board::adapterProperty("Powered"), "true");
-    EXPECT_EQ(board::adapterProperty("Alias"), GetModelNameStringExternal(identity.GetModelType()) +
-                                                   " " + identity.GetSerialNumberString(false));
-    EXPECT_EQ(board::adapterProperty("Pairable"), "true");
-    EXPECT_EQ(board::adapterProperty("PairableTimeout"), "0");
+    expectSwitchedOn(records);
     const std::string linkMode = board::run("hciconfig hci0 lm");
     EXPECT_NE(linkMode.find("ACCEPT"), std::string::npos) << linkMode;
     EXPECT_TRUE(linkMode.find("CENTRAL") != std::string::npos ||
@@ -113,7 +108,6 @@ TEST_F(Radio, OnBringsUpWhatTheBoardThenShows) {
         EXPECT_EQ(classNow, "0x002100");
     }
 
-    EXPECT_EQ(board::fileContent(flagFile), "1");
     for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 1) << line;
 }
 
@@ -123,15 +117,18 @@ TEST_F(Radio, OnStartsTheDaemonsWithTheirPidFiles) {
     if (board::wiring() != 1) daemons.emplace_back(attachProgram());
     for (const std::string& daemon : daemons) {
         const std::string name = daemon.substr(daemon.rfind('/') + 1);
-        const std::string pid = board::fileContent("/var/run/" + name + ".pid");
-        ASSERT_FALSE(pid.empty()) << name;
-        EXPECT_EQ(board::executableOf(std::stoi(pid)), daemon);
+        const std::string pidFile = "/var/run/" + name + ".pid";
+        // start-stop-daemon returns before what it starts in the background.
+        EXPECT_TRUE(board::waitFor([&] {
+            const int pid = std::atoi(board::fileContent(pidFile).c_str());
+            return pid > 0 && board::executableOf(pid) == daemon;
+        })) << name
+            << " has the process " << board::fileContent(pidFile);
         EXPECT_EQ(board::processes(daemon), 1U) << name;
     }
     EXPECT_EQ(board::processes(attachProgram()), 1U);
     EXPECT_EQ(board::processes("/usr/bin/bluealsa"), runsAudioBridge() ? 1U : 0U);
-    EXPECT_TRUE(
-        board::waitFor([] { return board::busNameOwned("org.corvane.BluetoothHid"); }, 5000));
+    EXPECT_TRUE(board::waitFor([] { return board::busNameOwned("org.corvane.BluetoothHid"); }));
 }
 
 TEST_F(Radio, OnAgainDoesNothing) {
@@ -143,13 +140,13 @@ TEST_F(Radio, OnAgainDoesNothing) {
 
 TEST_F(Radio, ScanListsThePhoneAndRefusesASecondRequest) {
     Started scan = Started::make<ScanBluetoothRequest>();
-    ASSERT_TRUE(board::waitFor([&] { return scan.isRunning(); }, 1000));
+    ASSERT_TRUE(board::waitFor([&] { return scan.isRunning(); }));
     EXPECT_FALSE(manager().makeRequest(std::make_shared<ScanBluetoothRequest>()));
     EXPECT_TRUE(records.has(log4cplus::DEBUG_LOG_LEVEL,
                             "Ongoing Bluetooth request: Generic BluetoothRequest"));
     ASSERT_EQ(scan.answer(), REQUEST_SUCCESS);
 
-    ASSERT_TRUE(manager().scanDevicesInfo());
+    ASSERT_TRUE(areNear({"Phone"}));
     const auto phone = manager().getDeviceInfo(ALL_DEVICES, "Phone");
     ASSERT_TRUE(phone) << board::run("bluetoothctl devices");
     EXPECT_EQ(phone->deviceClass, 0x5A020CU);
@@ -165,17 +162,16 @@ TEST_F(Radio, ScanListsThePhoneAndRefusesASecondRequest) {
 
 TEST_F(Radio, CancellingAScanAnswersAtOnce) {
     Started scan = Started::make<ScanBluetoothRequest>();
-    ASSERT_TRUE(
-        board::waitFor([] { return board::adapterProperty("Discovering") == "true"; }, 5000));
+    ASSERT_TRUE(board::waitFor([] { return board::adapterProperty("Discovering") == "true"; }));
     manager().cancelRequest();
-    // What takes time is BlueZ's answer to the end of the discovery.
-    const int answer = scan.answer(std::chrono::seconds(3));
+    // A scan that goes on to its end succeeds.
+    const int answer = scan.answer();
     EXPECT_TRUE(answer == REQUEST_FAILED || answer == REQUEST_CANCELLED) << answer;
-    EXPECT_TRUE(
-        board::waitFor([] { return board::adapterProperty("Discovering") == "false"; }, 5000));
+    EXPECT_TRUE(board::waitFor([] { return board::adapterProperty("Discovering") == "false"; }));
 }
 
 TEST_F(Radio, PairsAndForgetsADevice) {
+    ASSERT_TRUE(areNear({"Speaker"}));
     const auto speaker = manager().getDeviceInfo(ALL_DEVICES, "Speaker");
     ASSERT_TRUE(speaker);
     ASSERT_TRUE(manager().pairDevice(speaker->macAddress.c_str())) << records.errors();
@@ -213,11 +209,11 @@ TEST_F(Radio, OffLowersTheLinesOfItsWiringAndEndsTheDaemons) {
     }
     for (const std::string& program : {std::string("/usr/libexec/bluetooth/bluetoothd"),
                                        std::string("/usr/bin/hw_bluez_hid"), attachProgram()}) {
-        EXPECT_EQ(board::processes(program), 0U) << program;
+        EXPECT_TRUE(board::waitFor([&] { return board::processes(program) == 0; })) << program;
     }
-    EXPECT_TRUE(board::waitFor([] { return board::processes("/usr/bin/bluealsa") == 0; }, 5000));
-    EXPECT_FALSE(board::busNameOwned("org.bluez"));
-    EXPECT_EQ(board::zombies(), 0U);
+    EXPECT_TRUE(board::waitFor([] { return board::processes("/usr/bin/bluealsa") == 0; }));
+    EXPECT_TRUE(board::waitFor([] { return !board::busNameOwned("org.bluez"); }));
+    EXPECT_TRUE(board::waitFor([] { return board::zombies() == 0; })) << board::zombies();
 
     records.clear();
     manager().setEnabled(false, true);
@@ -237,10 +233,10 @@ TEST_F(Radio, RoundsLeaveOnlyTheDescriptorsThatAreLeftOpenOnPurpose) {
     const std::multiset<std::string> before = board::openDescriptors();
     const unsigned rounds = board::wiring() == 1 ? 10 : 2;  // the wirings share what could leak
     for (unsigned round = 0; round < rounds; ++round) {
+        SCOPED_TRACE(round);
         records.clear();
         manager().setEnabled(true, false);
-        EXPECT_EQ(records.errors(), "") << "round " << round;
-        EXPECT_EQ(board::adapterProperty("Powered"), "true");
+        expectSwitchedOn(records);
         manager().setEnabled(false, false);
     }
     // Three for each switching on: the class's, the scan mode's and the link mode's.
@@ -248,7 +244,7 @@ TEST_F(Radio, RoundsLeaveOnlyTheDescriptorsThatAreLeftOpenOnPurpose) {
     EXPECT_EQ(after.size(), before.size() + 3 * rounds)
         << "before: " << testing::PrintToString(before)
         << "\nafter: " << testing::PrintToString(after);
-    EXPECT_EQ(board::zombies(), 0U);
+    EXPECT_TRUE(board::waitFor([] { return board::zombies() == 0; })) << board::zombies();
 }
 
 }  // namespace

@@ -1,11 +1,15 @@
 #include "Records.h"
 
+#include "Board.h"
 #include "LogAppender.h"
+#include "eepromXML.h"
 
+#include <gtest/gtest.h>
 #include <log4cplus/appender.h>
 #include <log4cplus/spi/loggingevent.h>
 
 #include <mutex>
+#include <regex>
 #include <utility>
 #include <vector>
 
@@ -63,4 +67,24 @@ std::string Records::all() const { return appender->lines(log4cplus::NOT_SET_LOG
 
 std::string Records::errors() const { return appender->lines(log4cplus::ERROR_LOG_LEVEL); }
 
+std::string Records::faults() const {
+    static const std::regex busy(
+        "ERROR bluezAdapterSetProperty Pairable failed : GDBus.Error:org.bluez.Error.Busy[^\n]*\n"
+        "ERROR Not able to set Pairable property\n"
+        "(ERROR setBluetoothComponents : failed to configure pairable properties\n)?");
+    return std::regex_replace(errors(), busy, "");
+}
+
 void Records::clear() { appender->clear(); }
+
+void expectSwitchedOn(const Records& records) {
+    EXPECT_EQ(records.faults(), "");
+    EXPECT_EQ(board::fileContent("/tmp/bluetoothEnabled"), "1");
+    EXPECT_EQ(board::adapterProperty("Powered"), "true");
+    EXPECT_TRUE(board::waitFor([] { return board::adapterProperty("Pairable") == "true"; }))
+        << records.errors();
+    EXPECT_EQ(board::adapterProperty("PairableTimeout"), "0");
+    const eepromXML identity(board::fileContent("/etc/corvane/identity.xml"));
+    EXPECT_EQ(board::adapterProperty("Alias"), GetModelNameStringExternal(identity.GetModelType()) +
+                                                   " " + identity.GetSerialNumberString(false));
+}

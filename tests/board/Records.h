@@ -22,9 +22,17 @@ public:
     /// The same of the ERROR records only.
     std::string errors() const;
 
+    /// The same without those of a Pairable that was told "Busy": BlueZ sets it itself at that
+    /// moment, and the adapter shows that it did.
+    std::string faults() const;
+
     void clear();
 
 private:
     class Appender;
     Appender* const appender;  // owned by the logger
 };
+
+/// Expects that the radio was switched on without a fault, and that the adapter is as it should be.
+/// @param records  those of the switching on
+void expectSwitchedOn(const Records& records);

@@ -29,7 +29,6 @@
 
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
@@ -56,7 +55,13 @@ bool shows(const std::string& name, const std::string& line) {
     return shown(name).find(line) != std::string::npos;
 }
 
-bool isConnected(const std::string& name) { return shows(name, "Connected: yes"); }
+bool connects(const std::string& name) {
+    return board::waitFor([&] { return shows(name, "Connected: yes"); });
+}
+
+bool disconnects(const std::string& name) {
+    return board::waitFor([&] { return shows(name, "Connected: no"); });
+}
 
 /// Answers that a real run gave, for the summary at the end.
 std::set<int>& answersSeen() {
@@ -74,13 +79,6 @@ int noted(int answer, const char* how) {
                   << ": " << how << std::endl;
     }
     return answer;
-}
-
-/// Fills the lists with what is near. BlueZ forgets a device that is neither paired nor trusted 30
-/// s after a search.
-void discover() {
-    ASSERT_EQ(Started::make<ScanBluetoothRequest>().answer(), REQUEST_SUCCESS);
-    ASSERT_TRUE(manager().scanDevicesInfo());
 }
 
 /// Plays a sine of that pitch for a while through the audio bridge. @return what the player said
@@ -118,22 +116,13 @@ TEST_F(Requests, TheRadioFindsTheDevices) {
     ASSERT_EQ(peers("refresh-radio"), "");
     manager().setEnabled(true, false);
     ASSERT_EQ(noted(Started::make<ScanBluetoothRequest>().answer(), "scan"), REQUEST_SUCCESS);
-    ASSERT_TRUE(manager().scanDevicesInfo());
-    for (const std::string name :
-         {"Phone", "Speaker", "Headphones", "Keyboard", "Refuser", "Ghost"}) {
-        EXPECT_TRUE(manager().searchForDevicesName(ALL_DEVICES, name)) << name;
-    }
-    unsigned twins = 0;
-    for (const std::string& name : manager().getBluetoothDeviceListNames(ALL_DEVICES)) {
-        twins += name == "Twin" ? 1 : 0;
-    }
-    EXPECT_EQ(twins, 2U);
+    EXPECT_TRUE(areNear(
+        {"Phone", "Speaker", "Headphones", "Keyboard", "Refuser", "Ghost", "Twin", "Twin"}));
 }
 
 TEST_F(Requests, APhoneThatPairsMeanwhileEndsTheWait) {
     Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
-    ASSERT_TRUE(
-        board::waitFor([] { return board::adapterProperty("Discoverable") == "true"; }, 5000));
+    ASSERT_TRUE(board::waitFor([] { return board::adapterProperty("Discoverable") == "true"; }));
     EXPECT_EQ(board::adapterProperty("DiscoverableTimeout"), "300");
     EXPECT_EQ(peers("phone pair"), "");
     EXPECT_EQ(peers("phone connect"), "");
@@ -141,44 +130,47 @@ TEST_F(Requests, APhoneThatPairsMeanwhileEndsTheWait) {
     EXPECT_TRUE(shows("Phone", "Paired: yes")) << shown("Phone");
     EXPECT_TRUE(shows("Phone", "Trusted: yes"));
     peers("phone disconnect");
-    EXPECT_TRUE(board::waitFor([] { return !isConnected("Phone"); }, 10000));
+    EXPECT_TRUE(disconnects("Phone"));
 }
 
-TEST_F(Requests, AWaitIsCancelledWithinAPass) {
+TEST_F(Requests, AWaitIsCancelledBeforeItsTimeIsOver) {
     Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
-    ASSERT_TRUE(board::waitFor([&] { return wait.isRunning(); }, 1000));
+    ASSERT_TRUE(board::waitFor([&] { return wait.isRunning(); }));
     // Three passes or more are behind it then, each with a scan of the lists.
     ASSERT_FALSE(board::waitFor([&] { return !wait.isRunning(); }, 1500));
     manager().cancelRequest();
-    const int answer = noted(wait.answer(seconds(5)), "wait-pair, cancelled");
+    const int answer = noted(wait.answer(), "wait-pair, cancelled");
     EXPECT_TRUE(answer == REQUEST_CANCELLED || answer == REQUEST_FAILED) << answer;
 }
 
 TEST_F(Requests, AWaitForALoudspeakerPairsTrustsAndConnectsIt) {
-    discover();
+    ASSERT_TRUE(areNear({"Speaker"}));
     EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Speaker").answer(),
                     "wait-pair of a loudspeaker"),
               REQUEST_SUCCESS)
         << records.errors();
     EXPECT_TRUE(shows("Speaker", "Paired: yes"));
     EXPECT_TRUE(shows("Speaker", "Trusted: yes"));
-    EXPECT_TRUE(isConnected("Speaker"));
+    EXPECT_TRUE(connects("Speaker"));
 }
 
 TEST_F(Requests, AWaitTellsWhyAnAudioDeviceDidNotCome) {
+    ASSERT_TRUE(areNear({"Ghost"}));
     EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Ghost").answer(),
                     "wait-pair of a device that pairs but cannot be connected"),
               REQUEST_CONNECT_FAILED);
+    ASSERT_TRUE(areNear({"Refuser"}));
     EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Refuser").answer(),
                     "wait-pair of a device that refuses"),
               REQUEST_DEVICE_NOT_FOUND);
+    ASSERT_TRUE(areNear({"Keyboard"}));
     EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Keyboard").answer(),
                     "wait-pair of a keyboard"),
               REQUEST_FAILED);
 }
 
 TEST_F(Requests, HeadphonesTakeTheLoudspeakersPlaceAndPlay) {
-    if (!manager().searchForDevicesName(ALL_DEVICES, "Headphones")) discover();
+    ASSERT_TRUE(areNear({"Headphones"}));
     ASSERT_TRUE(manager().pairDevice(addressOf("Headphones").c_str())) << records.errors();
     ASSERT_TRUE(manager().scanDevicesInfo());
     ASSERT_TRUE(manager().searchForDevicesName(CONNECTED_DEVICES, "Speaker"));
@@ -195,8 +187,8 @@ TEST_F(Requests, HeadphonesTakeTheLoudspeakersPlaceAndPlay) {
     ASSERT_NE(away, std::string::npos) << all;
     ASSERT_NE(there, std::string::npos) << all;
     EXPECT_LT(away, there);
-    EXPECT_TRUE(board::waitFor([] { return !isConnected("Speaker"); }, 5000));
-    EXPECT_TRUE(isConnected("Headphones"));
+    EXPECT_TRUE(disconnects("Speaker"));
+    EXPECT_TRUE(connects("Headphones"));
 
     EXPECT_EQ(peers("headphones capture"), "");
     const std::string played = play(440, 3, addressOf("Headphones"));
@@ -212,48 +204,48 @@ TEST_F(Requests, APhoneIsConnectedAndDisconnectedThroughTheHidService) {
     EXPECT_EQ(noted(Started::make<ConnectBluetoothRequest>(hidService(), "Phone").answer(),
                     "connect of a phone"),
               REQUEST_SUCCESS);
-    EXPECT_TRUE(isConnected("Phone"));
+    EXPECT_TRUE(connects("Phone"));
     ASSERT_TRUE(manager().scanDevicesInfo());
     EXPECT_EQ(noted(Started::make<DisconnectBluetoothRequest>(hidService(), "Phone").answer(),
                     "disconnect of a phone"),
               REQUEST_SUCCESS);
-    EXPECT_TRUE(board::waitFor([] { return !isConnected("Phone"); }, 5000));
+    EXPECT_TRUE(disconnects("Phone"));
 }
 
 TEST_F(Requests, AnAudioDeviceThatBlueZCannotConnectIsTriedThroughTheHidService) {
     board::run(
         "start-stop-daemon -S -b -m -p /tmp/monitor.pid -x /bin/sh -- -c "
         "'exec dbus-monitor --system \"interface=org.corvane.BluetoothHid1\" > /tmp/monitor'");
-    ASSERT_TRUE(board::waitFor([] { return !board::fileContent("/tmp/monitor").empty(); }, 5000));
+    ASSERT_TRUE(board::waitFor([] { return !board::fileContent("/tmp/monitor").empty(); }));
     EXPECT_EQ(noted(Started::make<ConnectBluetoothRequest>(hidService(), "Ghost").answer(),
                     "connect of a device that nobody can connect"),
               REQUEST_FAILED);
     EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to connect device"));
     const std::string call = "string \"" + addressOf("Ghost") + "\"";
-    EXPECT_TRUE(board::waitFor(
-        [&] { return board::fileContent("/tmp/monitor").find(call) != std::string::npos; }, 5000))
-        << board::fileContent("/tmp/monitor");
+    EXPECT_TRUE(board::waitFor([&] {
+        return board::fileContent("/tmp/monitor").find(call) != std::string::npos;
+    })) << board::fileContent("/tmp/monitor");
     board::run("start-stop-daemon -K -p /tmp/monitor.pid");
 }
 
 TEST_F(Requests, AFailingDisconnectionIsTriedAgainUntilItIsCancelled) {
     // The loudspeaker is known, but not connected: its address is not among the connected ones.
     Started disconnect = Started::make<DisconnectBluetoothRequest>(hidService(), "Speaker");
-    ASSERT_TRUE(board::waitFor([&] { return disconnect.isRunning(); }, 1000));
+    ASSERT_TRUE(board::waitFor([&] { return disconnect.isRunning(); }));
     EXPECT_FALSE(board::waitFor([&] { return !disconnect.isRunning(); }, 2000));
     manager().cancelRequest();
-    EXPECT_EQ(noted(disconnect.answer(seconds(5)), "disconnect, cancelled"), REQUEST_FAILED);
+    EXPECT_EQ(noted(disconnect.answer(), "disconnect, cancelled"), REQUEST_FAILED);
     EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to disconnect device"));
 }
 
 TEST_F(Requests, AWaitForANameThatNeverComesTimesOut) {
     const auto start = steady_clock::now();
     Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
-    EXPECT_EQ(noted(wait.answer(seconds(75)), "wait-pair, the phone did not come"),
-              REQUEST_TIMEOUT);
+    EXPECT_EQ(noted(wait.answer(), "wait-pair, the phone did not come"), REQUEST_TIMEOUT);
+    // The adapter stays discoverable for 300 s, which is not what is waited for.
     const auto took = steady_clock::now() - start;
-    EXPECT_GT(took, milliseconds(60000));
-    EXPECT_LT(took, milliseconds(64000));
+    EXPECT_GT(took, seconds(60));
+    EXPECT_LT(took, seconds(240));
 }
 
 TEST_F(Requests, ADeviceThatVanishesInTheMiddleIsAFailureNotAHang) {
@@ -277,11 +269,11 @@ bool callbackMayStartARequest(Arguments&&... arguments) {
         std::forward<Arguments>(arguments)...);
     EXPECT_TRUE(manager().makeRequest(request));
     if (std::is_same_v<Request, ScanBluetoothRequest>) {
-        EXPECT_TRUE(board::waitFor([&] { return request->isStillRunning(); }, 1000));
+        EXPECT_TRUE(board::waitFor([&] { return request->isStillRunning(); }));
         manager().cancelRequest();
     }
     const bool value = accepted.get();
-    EXPECT_TRUE(board::waitFor([&] { return !request->isStillRunning(); }, 1000));
+    EXPECT_TRUE(board::waitFor([&] { return !request->isStillRunning(); }));
     return value;
 }
 

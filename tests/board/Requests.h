@@ -3,11 +3,15 @@
 #include "BluetoothManager.h"
 
 #include "Board.h"
+#include "bluetoothRequests/ScanBluetoothRequest.h"
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 /// A request that was started, and its one answer.
 class Started {
@@ -32,10 +36,11 @@ public:
 
     /// Waits for the answer and for the request's end. @return the answer; -1 when none came in
     /// time
-    int answer(std::chrono::seconds time = std::chrono::seconds(90)) {
+    int answer() {
+        constexpr std::chrono::milliseconds time(board::patience);
         if (!accepted || answers.wait_for(time) != std::future_status::ready) return -1;
         const int value = answers.get();
-        return board::waitFor([this] { return !request->isStillRunning(); }, 1000) ? value : -1;
+        return board::waitFor([this] { return !request->isStillRunning(); }) ? value : -1;
     }
 
 private:
@@ -43,3 +48,24 @@ private:
     std::future<BluetoothRequestAnswers> answers;
     bool accepted = false;
 };
+
+/// Fills the lists and makes sure that devices of these names are in them, as many as are named. A
+/// scan finds all on a machine that is idle; on a busy one it may take some more. BlueZ forgets a
+/// device that is neither paired nor trusted 30 s after a search.
+inline bool areNear(const std::vector<std::string>& names) {
+    BluetoothManager& manager = BluetoothManager::getInstance();
+    constexpr int scans = 10;
+    for (int scan = 0; manager.scanDevicesInfo(); ++scan) {
+        const auto listed = manager.getBluetoothDeviceListNames(ALL_DEVICES);
+        if (std::all_of(names.begin(), names.end(), [&](const std::string& name) {
+                return std::count(listed.begin(), listed.end(), name) >=
+                       std::count(names.begin(), names.end(), name);
+            })) {
+            return true;
+        }
+        if (scan == scans || Started::make<ScanBluetoothRequest>().answer() != REQUEST_SUCCESS) {
+            return false;
+        }
+    }
+    return false;
+}

@@ -15,5 +15,4 @@ for _ in $(seq 50); do
     sleep 0.1
 done
 killall -q -KILL "$1" || true
-sleep 0.1
-! running "$1"
+while running "$1"; do sleep 0.1; done
