@@ -1,6 +1,7 @@
 #include "BluetoothManager.h"
 
 #include "Logging.h"
+#include "SystemCalls.h"
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <array>
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -17,24 +19,38 @@ namespace {
 constexpr int deviceNumber = 0;
 constexpr int classTimeout = 1000;  // milliseconds, for each of read and write
 
-int openHciSocket() { return socket(AF_BLUETOOTH, SOCK_RAW, BTPROTO_HCI); }
+// What stays open is not for the children: the HID daemon closes nothing that it inherits.
+
+int openHciSocket() {
+    const corvane::StandardStreamsReserved reserved;
+    return socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI);
+}
+
+int openHciDevice() {
+    const corvane::StandardStreamsReserved reserved;
+    const int device = hci_open_dev(deviceNumber);
+    if (device != -1) fcntl(device, F_SETFD, FD_CLOEXEC);
+    return device;
+}
 
 int setDeviceOption(int hciSocket, unsigned long command, std::uint32_t option) {
     hci_dev_req request{};
     request.dev_id = deviceNumber;
     request.dev_opt = option;
+    const corvane::SignalsBlocked uninterrupted;
     return ioctl(hciSocket, command, &request);
 }
 
 }  // namespace
 
 std::uint32_t BluetoothManager::adapterSetClass(std::uint32_t classOfDevice) {
-    const int device = hci_open_dev(deviceNumber);
+    const int device = openHciDevice();
     if (device == -1) {
         CORVANE_ERROR("Can not open the bluetooth device");
         return 0;
     }
     classDescriptors.push_back(device);
+    const corvane::SignalsBlocked uninterrupted;
     std::array<std::uint8_t, 3> before{};
     if (hci_read_class_of_dev(device, before.data(), classTimeout) == -1) {
         CORVANE_ERROR("Can not read HCI class");
@@ -76,10 +92,9 @@ bool BluetoothManager::preventRoleSwitch() const {
 }
 
 void BluetoothManager::releaseDeadControllers() {
-    // Since Linux 5.15 a bound HCI socket keeps a controller that was detached, and with it the
-    // number 0, until it is closed or, as here, bound anew; the next attach would make an hci1 that
-    // nothing here talks to. A socket whose controller is still there refuses that and is left as
-    // it is.
+    // Since Linux 5.15 an open HCI socket keeps its detached controller and index 0, and the next
+    // attach makes an hci1 that nothing here talks to. Rebinding frees it; while the controller is
+    // present the kernel refuses.
     sockaddr_hci nowhere{};
     nowhere.hci_family = AF_BLUETOOTH;
     nowhere.hci_dev = HCI_DEV_NONE;

@@ -2,6 +2,7 @@
 
 #include "Logging.h"
 #include "Shell.h"
+#include "SystemCalls.h"
 #include "hwcommon/fileUtil.h"
 
 #include <bluetooth/bluetooth.h>
@@ -98,6 +99,9 @@ const RadioWiring& wiringOf(int hardwareVariant) {
     return wirings.at(static_cast<std::size_t>(hardwareVariant));
 }
 
+// The number is fixed; its name is up to the host's GPIO library.
+constexpr auto output = static_cast<GPIO::Direction>(1);
+
 constexpr char wifiInterface[] = "/sys/class/net/wlan0";
 constexpr unsigned wifiPolls = 21;
 constexpr unsigned wifiPoll = 250;  // milliseconds
@@ -128,14 +132,14 @@ bool BluetoothManager::initGPIOs() {
     for (unsigned i = 0; i < wiring.lineCount; ++i) {
         const unsigned pin = wiring.lines.at(i).pin;
         if (gpioManager.exportPin(pin) != 1) success = false;
-        if (gpioManager.setDirection(pin, GPIO::Direction::OUTPUT) != 1) success = false;
+        if (gpioManager.setDirection(pin, output) != 1) success = false;
     }
     return success;
 }
 
 bool BluetoothManager::enableGpio(bool enable, bool forced) {
     const RadioWiring& wiring = wiringOf(hardwareVariant);
-    const GPIO::Value level = enable ? GPIO::Value::HIGH : GPIO::Value::LOW;
+    const int level = enable ? 1 : 0;
     bool success = true;
     for (unsigned i = 0; i < wiring.lineCount; ++i) {
         const EnableLine& line = wiring.lines.at(i);
@@ -143,11 +147,11 @@ bool BluetoothManager::enableGpio(bool enable, bool forced) {
         // by EnableGpio.LeavesTheSharedLineUpUnlessForced.
         if (line.shared && !enable && !forced) continue;
         if (line.name != nullptr) {
-            if (gpioManager.getValue(line.pin) == static_cast<int>(level)) continue;
+            if (static_cast<int>(gpioManager.getValue(line.pin)) == level) continue;
             CORVANE_DEBUG("enableGpio"
                           << " : " << line.name << " = " << enable);
         }
-        if (gpioManager.setValue(line.pin, level) != 1) success = false;
+        if (gpioManager.setValue(line.pin, static_cast<GPIO::Value>(level)) != 1) success = false;
     }
     return success;
 }
@@ -163,7 +167,7 @@ void BluetoothManager::loadModules(bool load) {
     if (wiring.waitsForWifi) {
         // The modules are loaded even when the interface never comes.
         for (unsigned i = 0; i < wifiPolls && !hwcommon::fileUtil::exists(wifiInterface); ++i) {
-            if (waitCondition.wait(wifiPoll, false) != hwtools::Condition::timedOut) break;
+            if (waitCondition.wait(wifiPoll, false) != corvane::waitTimedOut) break;
         }
     }
     runShell(wiring.modules);
@@ -199,6 +203,7 @@ bool BluetoothManager::hciUp() const {
             CORVANE_INFO(hciName << " is up.");
             return true;
         } else {
+            const corvane::SignalsBlocked uninterrupted;
             ioctl(hciSocket, HCIDEVUP, number);
             CORVANE_INFO("Waiting for " << hciName << " to become up");
         }

@@ -3,8 +3,10 @@
 #include "Handles.h"
 #include "Logging.h"
 #include "Shell.h"
+#include "SystemCalls.h"
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -21,20 +23,43 @@ constexpr char snapshot[] = "cp /var/log/messages /tmp/messages_ref";
 constexpr unsigned pollInterval =
     250;  // milliseconds; bounds the cost of a shell, diff and grep over the whole log
 
-/// Makes sure that the snapshot goes into a file of our own. Anyone may put something in its place
-/// in the folder for everybody: a link, through which cp would write with our rights, or a pipe, on
-/// which it would wait for ever. What is ours nobody else can replace there.
-bool ownSnapshotFile() {
+bool isOwnSnapshot() {
     struct stat status {};
-    if (lstat(snapshotFile, &status) == 0) {
-        if (S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1) {
-            return true;
-        }
-        unlink(snapshotFile);
+    return lstat(snapshotFile, &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_uid == geteuid() && status.st_nlink == 1;
+}
+
+/// Copies the log. Before that, the snapshot must be a file of ours: in /tmp others could plant a
+/// link, through which cp would write with our rights, or a FIFO, on which it would wait for ever.
+/// Nobody can replace a file we own there. Where the copy fails, only an earlier one stays.
+/// @return false when the snapshot's place could not be had
+bool takeSnapshot() {
+    if (isOwnSnapshot()) {
+        corvane::runShell(snapshot);
+        return true;
     }
+    unlink(snapshotFile);
     const int created =
         open(snapshotFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    return created >= 0 && close(created) == 0;
+    if (created < 0) return false;
+    // An impossible time of change: cp leaves it alone when it has nothing to copy.
+    const std::array<timespec, 2> untouched{};
+    futimens(created, untouched.data());
+    corvane::runShell(snapshot);
+    struct stat status {};
+    if (fstat(created, &status) == 0 && status.st_mtim.tv_sec == 0) unlink(snapshotFile);
+    close(created);
+    return true;
+}
+
+/// Whether the command prints anything. A read that a signal interrupts is not an empty one.
+bool printsSomething(FILE* command) {
+    std::array<char, 1024> output{};
+    while (std::fread(output.data(), 1, output.size(), command) == 0) {
+        if (std::ferror(command) == 0 || errno != EINTR) return false;
+        std::clearerr(command);
+    }
+    return true;
 }
 
 }  // namespace
@@ -44,30 +69,21 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
     using std::chrono::nanoseconds;
     using std::chrono::steady_clock;
 
-    if (pattern.find('\'') != std::string::npos) {
-        CORVANE_ERROR("execAndWaitForSystemLog"
-                      << " : pattern refused, it holds a single quote: " << pattern);
-        return false;
-    }
     const auto start = steady_clock::now();
-    if (ownSnapshotFile()) {
-        corvane::runShell(snapshot);
-    } else {
-        CORVANE_ERROR("execAndWaitForSystemLog"
-                      << " : no snapshot of the system log, cannot take into use: "
-                      << snapshotFile);
-    }
+    const bool comparable = takeSnapshot();
     if (!action()) {
         CORVANE_TRACE("execAndWaitForSystemLog"
                       << " log monitoring skipped: " << pattern);
         return false;
     }
 
-    const std::string command = "diff /var/log/messages /tmp/messages_ref | grep '" + pattern + "'";
+    // Quoted, so that a single quote in the pattern ends neither the word nor the command.
+    const std::string command =
+        "diff /var/log/messages /tmp/messages_ref | grep " + corvane::quoted(pattern);
     while (true) {
-        if (const corvane::PipePtr pipe{popen(command.c_str(), "r")}) {
-            std::array<char, 1024> output{};
-            if (std::fread(output.data(), 1, output.size(), pipe.get()) > 0) {
+        // What a stranger keeps in the snapshot's place is not compared: it may be a FIFO.
+        if (const corvane::PipePtr pipe{comparable ? popen(command.c_str(), "r") : nullptr}) {
+            if (printsSomething(pipe.get())) {
                 CORVANE_TRACE("execAndWaitForSystemLog"
                               << " found : " << pattern);
                 return true;
@@ -84,6 +100,6 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
                           << "' in /var/log/messages");
             return false;
         }
-        if (waitCondition.wait(pollInterval, false) != hwtools::Condition::timedOut) return false;
+        if (waitCondition.wait(pollInterval, false) != corvane::waitTimedOut) return false;
     }
 }

@@ -2,6 +2,7 @@
 #include "ManagerTest.h"
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -239,7 +240,7 @@ TEST_F(RawHci, ScanModeIsAlwaysOff) {
     for (const auto mode : {SCAN_MODE_DISABLED, SCAN_MODE_INQUIRY_AND_PAGE}) {
         EXPECT_TRUE(manager().adapterSetDiscoverableMode(mode));
         EXPECT_THAT(happened({Kind::HCI}),
-                    ElementsAre("socket 31 3 1", "ioctl 0x400448DD dev 0 opt 0x0"));
+                    ElementsAre("socket 31 3 1 cloexec", "ioctl 0x400448DD dev 0 opt 0x0"));
         forget();
     }
 }
@@ -247,7 +248,7 @@ TEST_F(RawHci, ScanModeIsAlwaysOff) {
 TEST_F(RawHci, LinkModeAcceptsAndInsistsOnMaster) {
     EXPECT_TRUE(manager().preventRoleSwitch());
     EXPECT_THAT(happened({Kind::HCI}),
-                ElementsAre("socket 31 3 1", "ioctl 0x400448E2 dev 0 opt 0x8001"));
+                ElementsAre("socket 31 3 1 cloexec", "ioctl 0x400448E2 dev 0 opt 0x8001"));
 }
 
 TEST_F(RawHci, SocketFailuresHaveTheirRecords) {
@@ -271,6 +272,18 @@ TEST_F(RawHci, LeavesOneDescriptorOpenPerCall) {
     EXPECT_EQ(openHci(), before + 2);
     manager().preventRoleSwitch();
     EXPECT_EQ(openHci(), before + 3);
+}
+
+TEST_F(RawHci, NoSignalInterruptsARequestToTheController) {
+    edges().hciUp = false;
+    manager().hciUp();
+    manager().adapterSetClass(0);
+    manager().adapterSetDiscoverableMode(SCAN_MODE_DISABLED);
+    manager().preventRoleSwitch();
+    EXPECT_THAT(edges().interruptible, IsEmpty());
+    sigset_t blocked{};
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGALRM), 0) << "only meanwhile";
 }
 
 // Since Linux 5.15 such a descriptor keeps a controller that was detached, and its number with it.
@@ -348,12 +361,12 @@ TEST_F(SetEnabled, SwitchesOnInOrder) {
                 "DBUS_SESSION_BUS_ADDRESS=unix:path=/var/run/dbus/system_bus_socket;",
             "wait for org.freedesktop.DBus 5000", adapterSet("Powered", "true"),
             agentCall("RegisterAgent", "(objectpath '/org/corvane', 'NoInputNoOutput')"),
-            agentCall("RequestDefaultAgent", "(objectpath '/org/corvane',)"), "socket 31 3 1",
-            "ioctl 0x400448DD dev 0 opt 0x0",
+            agentCall("RequestDefaultAgent", "(objectpath '/org/corvane',)"),
+            "socket 31 3 1 cloexec", "ioctl 0x400448DD dev 0 opt 0x0",
             adapterSet("Alias", "'" + GetModelNameStringExternal(MODEL_C100) + " SN12345678'"),
             adapterSet("Pairable", "true"), adapterSet("PairableTimeout", "uint32 0"),
             "hci_open_dev 0", "hci_read_class_of_dev 1000", "hci_write_class_of_dev 0x002100 1000",
-            "socket 31 3 1", "ioctl 0x400448E2 dev 0 opt 0x8001",
+            "socket 31 3 1 cloexec", "ioctl 0x400448E2 dev 0 opt 0x8001",
             "rewrite /tmp/bluetoothEnabled '1'"));
 }
 

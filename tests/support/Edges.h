@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gio/gio.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -50,10 +52,12 @@ public:
     bool hciUp = true;
     std::set<std::string> failingHci;  // events as below without their arguments, "hci_open_dev"
     std::uint32_t adapterClass = 0;
+    std::set<std::string> interruptible;  // requests to the controller that a signal could end
 
     // Shell commands whose output is read: one entry a call, none: popen itself fails. Later calls
     // get empty output.
     std::vector<std::optional<std::string>> pipes;
+    int interruptedReads = 0;  // so many reads of such output are interrupted by a signal
     std::function<void(const std::string&)> onShell;  // called for each shell command
 
     // Waits
@@ -65,7 +69,15 @@ public:
     // compared. Empty: no command runs, and the snapshot is a file of ours.
     std::string folder;
 
+    // Bus
     bool busMissing = false;  // GIO gets no connection
+    bool noReplies = false;   // BlueZ's calls return neither a reply nor an error
+    std::function<void(const std::string& method, GVariant* arguments)> onCall;  // to BlueZ
+    GObject* standIn =
+        nullptr;  // answers asynchronous calls in the connection's place, with nothing
+
+    std::vector<int>* listsUsed = nullptr;  // takes the lists that are asked for, in order
+
     std::string modelName = "Model C100";
     bool echoShell = false;  // shell commands go to standard error, for tests that end a process
 

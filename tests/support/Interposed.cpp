@@ -2,6 +2,8 @@
 // exports these definitions, so that the dynamic linker takes them in the place of the C library's,
 // libbluetooth's and the host libraries' own. No command runs, no file or radio is touched.
 
+#include "BluetoothManager.h"
+
 #include "Edges.h"
 #include "GPIO/GPIOManager.h"
 #include "eepromXML.h"
@@ -17,11 +19,14 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
+#include <memory>
 #include <regex>
 #include <string_view>
 
@@ -58,7 +63,31 @@ std::string inFolder(const char* command) {
 }
 
 /// A descriptor that counts as open and leads nowhere.
-int openNothing() { return open("/dev/null", O_RDWR | O_CLOEXEC); }
+int openNothing(int flags) { return open("/dev/null", O_RDWR | flags); }
+
+/// Notes a request that waits for the controller while a signal could interrupt it.
+void waitForController(const char* request) {
+    sigset_t blocked{};
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    if (sigismember(&blocked, SIGALRM) == 0) edges().interruptible.insert(request);
+}
+
+/// What a command printed, behind as many interrupted reads as the test wants.
+FILE* printed(const std::string& output) {
+    FILE* const file = std::tmpfile();
+    std::fwrite(output.data(), 1, output.size(), file);
+    std::rewind(file);
+    const auto read = [](void* source, char* buffer, std::size_t size) -> ssize_t {
+        if (edges().interruptedReads > 0) {
+            --edges().interruptedReads;
+            errno = EINTR;
+            return -1;
+        }
+        return static_cast<ssize_t>(std::fread(buffer, 1, size, static_cast<FILE*>(source)));
+    };
+    const auto close = [](void* source) { return std::fclose(static_cast<FILE*>(source)); };
+    return fopencookie(file, "r", {read, nullptr, nullptr, close});
+}
 
 bool failsHci(const std::string& call) { return edges().failingHci.count(call) > 0; }
 
@@ -78,6 +107,7 @@ int hciIoctl(int descriptor, unsigned long request, void* argument) {
         info->flags = machine.hciUp ? 1U << HCI_UP : 0;
         return 0;
     }
+    waitForController("ioctl");
     if (request == HCIDEVUP) {
         const auto device = static_cast<int>(reinterpret_cast<std::intptr_t>(argument));
         machine.note(Kind::HCI, "HCIDEVUP " + std::to_string(device));
@@ -125,10 +155,7 @@ FILE* popen(const char* command, const char* mode) {
         }
         output = *scripted;
     }
-    FILE* file = std::tmpfile();
-    std::fwrite(output.data(), 1, output.size(), file);
-    std::rewind(file);
-    return file;
+    return printed(output);
 }
 
 int pclose(FILE* file) {
@@ -169,7 +196,7 @@ int socket(int domain, int type, int protocol) noexcept {
         errno = EAFNOSUPPORT;
         return -1;
     }
-    return openNothing();
+    return openNothing((type & SOCK_CLOEXEC) != 0 ? O_CLOEXEC : 0);
 }
 
 int bind(int descriptor, const sockaddr* address, socklen_t length) noexcept {
@@ -194,10 +221,11 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept {
 
 int hci_open_dev(int device) {
     edges().note(Kind::HCI, "hci_open_dev " + std::to_string(device));
-    return failsHci("hci_open_dev") ? -1 : openNothing();
+    return failsHci("hci_open_dev") ? -1 : openNothing(0);
 }
 
 int hci_read_class_of_dev(int /*device*/, uint8_t* deviceClass, int timeout) {
+    waitForController("read");
     edges().note(Kind::HCI, "hci_read_class_of_dev " + std::to_string(timeout));
     if (failsHci("hci_read_class_of_dev")) return -1;
     for (unsigned i = 0; i < 3; ++i) {
@@ -207,6 +235,7 @@ int hci_read_class_of_dev(int /*device*/, uint8_t* deviceClass, int timeout) {
 }
 
 int hci_write_class_of_dev(int /*device*/, uint32_t deviceClass, int timeout) {
+    waitForController("write");
     char text[64];
     std::snprintf(text, sizeof text, "hci_write_class_of_dev 0x%06X %d", deviceClass, timeout);
     edges().note(Kind::HCI, text);
@@ -235,6 +264,51 @@ int nanosleep(const timespec* requested, timespec* remaining) {
 GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error) {
     if (edges().busMissing) return nullptr;
     return next<decltype(g_bus_get_sync)>("g_bus_get_sync")(type, cancellable, error);
+}
+
+GVariant* g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* busName,
+                                      const gchar* path, const gchar* interface,
+                                      const gchar* method, GVariant* arguments,
+                                      const GVariantType* replyType, GDBusCallFlags flags,
+                                      gint timeout, GCancellable* cancellable, GError** error) {
+    if (std::string_view(busName) == "org.bluez") {
+        if (edges().onCall) edges().onCall(method, arguments);
+        if (edges().noReplies) {
+            if (arguments != nullptr) g_variant_unref(g_variant_ref_sink(arguments));
+            return nullptr;
+        }
+    }
+    return next<decltype(g_dbus_connection_call_sync)>("g_dbus_connection_call_sync")(
+        connection, busName, path, interface, method, arguments, replyType, flags, timeout,
+        cancellable, error);
+}
+
+void g_dbus_connection_call(GDBusConnection* connection, const gchar* busName, const gchar* path,
+                            const gchar* interface, const gchar* method, GVariant* arguments,
+                            const GVariantType* replyType, GDBusCallFlags flags, gint timeout,
+                            GCancellable* cancellable, GAsyncReadyCallback callback,
+                            gpointer userData) {
+    if (edges().standIn != nullptr) {
+        using Answer = std::function<void()>;
+        g_idle_add(
+            [](gpointer answer) -> gboolean {
+                const std::unique_ptr<Answer> owned(static_cast<Answer*>(answer));
+                (*owned)();
+                return G_SOURCE_REMOVE;
+            },
+            new Answer([=] { callback(edges().standIn, nullptr, userData); }));
+        return;
+    }
+    next<decltype(g_dbus_connection_call)>("g_dbus_connection_call")(
+        connection, busName, path, interface, method, arguments, replyType, flags, timeout,
+        cancellable, callback, userData);
+}
+
+GVariant* g_dbus_connection_call_finish(GDBusConnection* connection, GAsyncResult* result,
+                                        GError** error) {
+    if (result == nullptr) return nullptr;
+    return next<decltype(g_dbus_connection_call_finish)>("g_dbus_connection_call_finish")(
+        connection, result, error);
 }
 
 }  // extern "C"
@@ -268,7 +342,7 @@ int hwtools::Condition::wait(unsigned milliseconds, bool reset) {
     machine.note(Kind::SLEEP, "wait " + std::to_string(milliseconds) + (reset ? " reset" : ""));
     if (machine.notifiedAtWait >= 0 && machine.notifiedAtWait-- == 0) return 0;
     if (Clock::stopped()) Clock::advance(std::chrono::milliseconds(milliseconds));
-    return timedOut;
+    return ETIMEDOUT;
 }
 
 void hwtools::Condition::notify() {
@@ -331,4 +405,13 @@ bool hwcommon::fileUtil::saveContentToFile(const std::string& path, const std::s
     if (!edges().flagWritable) return false;
     if (path == flagPath) edges().flagFile = content;
     return true;
+}
+
+std::vector<BluetoothConnectionInfo>& BluetoothManager::getBluetoothDeviceList(
+    BluetoothDeviceListType type) {
+    if (edges().listsUsed != nullptr) edges().listsUsed->push_back(type);
+    using List = std::vector<BluetoothConnectionInfo>&(BluetoothManager*, BluetoothDeviceListType);
+    static List* const list =
+        next<List>("_ZN16BluetoothManager22getBluetoothDeviceListE23BluetoothDeviceListType");
+    return list(this, type);
 }

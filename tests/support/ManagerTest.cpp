@@ -72,6 +72,19 @@ std::size_t Answers::count() {
     return all.size();
 }
 
+HostsSource::HostsSource() : source(g_idle_source_new()) {
+    const auto run = [](gpointer self) {
+        return static_cast<gboolean>(++static_cast<HostsSource*>(self)->runs < 1000);
+    };
+    g_source_set_callback(source, run, this, nullptr);
+    g_source_attach(source, nullptr);
+}
+
+HostsSource::~HostsSource() {
+    g_source_destroy(source);
+    g_source_unref(source);
+}
+
 ManagerTest::ManagerTest() {
     static bool used = false;
     if (std::exchange(used, true)) {

@@ -44,6 +44,21 @@ private:
     std::size_t taken = 0;
 };
 
+/// A host's source on GLib's default main context. Counts how often it is run, and goes after a
+/// thousand times.
+class HostsSource {
+public:
+    HostsSource();
+    ~HostsSource();
+    HostsSource(const HostsSource&) = delete;
+    HostsSource& operator=(const HostsSource&) = delete;
+
+    int runs = 0;
+
+private:
+    GSource* source;
+};
+
 /// A process with its own bus, fake services and machine, in which the one manager is made by the
 /// first call of manager().
 class ManagerTest : public testing::Test {
