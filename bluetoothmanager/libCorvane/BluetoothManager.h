@@ -89,8 +89,8 @@ public:
 
     /// Refills the three lists from BlueZ. Blocks until BlueZ has answered or the bus's time limit
     /// (25 s) has passed; runs GLib's default main context meanwhile.
-    /// @return true, also when BlueZ did not answer (logged, and the lists are empty); false
-    /// without a bus connection
+    /// @return always true; when there is no answer or no bus connection, that is logged and the
+    /// lists are empty
     bool scanDevicesInfo();
 
     /// The list itself. The reference's content changes with the next scan.
@@ -176,7 +176,8 @@ public:
     bool adapterSetPairable(bool on);
     /// Property PairableTimeout. @param seconds  0 means without limit
     bool adapterSetPairableTimeout(int seconds);
-    /// Property Alias, the name that others see. @param name  UTF-8; other bytes are refused
+    /// Property Alias, the name that others see. @param name  UTF-8; other bytes and null are
+    /// refused
     bool adapterSetName(const gchar* name);
     /// Property Trusted (org.bluez.Device1): its connections are accepted without asking the agent.
     bool deviceSetTrusted(const gchar* macAddress, bool trusted);
@@ -237,7 +238,7 @@ public:
     /// /tmp/messages_ref.
     /// @param action   says whether there is anything to wait for; empty throws
     /// std::bad_function_call
-    /// @param pattern  a basic regular expression (grep) without a single quote
+    /// @param pattern  a basic regular expression (grep)
     /// @param timeout  milliseconds since the call, plus one poll of 250 ms at most
     /// @return whether the text was found; false also when the action returned false or the manager
     /// is going
@@ -246,8 +247,9 @@ public:
 
     /// @}
     /// @name Calls on BlueZ's objects: 0 on success, 1 on failure (BlueZ's message is logged)
-    /// Device parts are addresses as convertMacAddressToBluezDbusFormat() returns them. No argument
-    /// may be null.
+    /// Device parts are addresses as convertMacAddressToBluezDbusFormat() returns them, never null.
+    /// What the bus cannot carry (no member name, more than 255 bytes, other bytes than UTF-8)
+    /// fails without being sent.
     /// @{
 
     /// The address with each ':' replaced by '_', as in BlueZ's object paths. Nothing else is
@@ -277,10 +279,6 @@ private:
     /// Held by ManagerLifetime.ExitAfterARequestEndsInTerminate.
     ~BluetoothManager();
 
-    /// Makes a new reference to the system bus (null when there is none) the one in use.
-    void keepSystemBus(GDBusConnection* connection);
-    /// Drops the reference of the last bring-up. The field stays usable while another one is held.
-    void releaseSystemBus();
     /// Lets go of controllers that are gone, so that the next one can be hci0 again.
     void releaseDeadControllers();
 
@@ -288,7 +286,7 @@ private:
     bool airplaneMode = false;
     BluetoothDeviceLists deviceLists;
     GMainLoop* mainLoop = nullptr;              // on the default context; never unreferenced
-    GDBusConnection* dbusConnection = nullptr;  // null without a bus
+    GDBusConnection* dbusConnection = nullptr;  // null without a bus; never released altogether
     std::unique_ptr<eepromXML> eeprom;
     GPIO::GPIOManager gpioManager;
     int hardwareVariant = 0;  // row of the table of radio wirings
@@ -297,7 +295,6 @@ private:
     hwtools::Condition waitCondition{false};
     std::unique_ptr<sdbus::IConnection> sdbusConnection;
     std::unique_ptr<hwcommon::DBusProxy> dbusProxy;
-    ModelType modelType = MODEL_UNKNOWN;
-    unsigned busReferences = 0;         // references to dbusConnection that are ours
+    ModelType modelType{};
     std::vector<int> classDescriptors;  // left open by adapterSetClass(), each on its controller
 };

@@ -93,8 +93,8 @@ bool BluetoothManager::adapterSetPairableTimeout(int seconds) {
 
 bool BluetoothManager::adapterSetName(const gchar* name) {
     // The alias is what others see; BlueZ's own Name cannot be written.
-    GVariant* value =
-        g_utf8_validate(name, -1, nullptr) != FALSE ? g_variant_new_string(name) : nullptr;
+    const bool valid = name != nullptr && g_utf8_validate(name, -1, nullptr) != FALSE;
+    GVariant* value = valid ? g_variant_new_string(name) : nullptr;
     if (bluezAdapterSetProperty("Alias", value) == 0) return true;
     CORVANE_ERROR("Not able to set Alias property");
     return false;

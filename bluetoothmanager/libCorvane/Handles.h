@@ -17,6 +17,7 @@ struct HandleDeleter {
 
 using VariantPtr = std::unique_ptr<GVariant, HandleDeleter<g_variant_unref>>;
 using PipePtr = std::unique_ptr<FILE, HandleDeleter<pclose>>;
+using TextPtr = std::unique_ptr<gchar, HandleDeleter<g_free>>;
 using ErrorPtr = std::unique_ptr<GError, HandleDeleter<g_error_free>>;
 
 /// The error's text for a log record; empty when it has none.

@@ -3,12 +3,12 @@
 #include "Bluez.h"
 #include "Handles.h"
 #include "Logging.h"
+#include "SystemBus.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <string_view>
-#include <utility>
 
 using corvane::VariantPtr;
 
@@ -86,7 +86,7 @@ void apply(FoundDevice& device, const VariantPtr& property, BluetoothManager& ma
     const auto* const wanted =
         std::find_if(wantedProperties.begin(), wantedProperties.end(),
                      [nameText](const Wanted& known) { return known.name == nameText; });
-    // Two in three of a device's properties end here: their values are not even looked at.
+    // Two thirds of the properties are not ours: skip them without unpacking.
     if (wanted == wantedProperties.end()) return;
     const VariantPtr value(g_variant_get_variant(child(property, 1).get()));
     if (g_variant_classify(value.get()) == wanted->type) wanted->take(device, value.get(), manager);
@@ -100,32 +100,52 @@ FoundDevice readDevice(const VariantPtr& properties, BluetoothManager& manager) 
     return device;
 }
 
-void store(FoundDevice device, BluetoothManager& manager) {
+void store(const FoundDevice& device, BluetoothManager& manager) {
+    manager.addNewDeviceToList(ALL_DEVICES, device.info);
     if (device.paired) manager.addNewDeviceToList(PAIRED_DEVICES, device.info);
     if (device.connected) manager.addNewDeviceToList(CONNECTED_DEVICES, device.info);
-    manager.addNewDeviceToList(ALL_DEVICES, std::move(device.info));
 }
+
+/// While it lives, asynchronous calls of this thread are answered in the default main context,
+/// which the scan runs, also where the thread has a context of its own.
+class DefaultContext {
+public:
+    DefaultContext() {
+        if (pushed) g_main_context_push_thread_default(nullptr);
+    }
+    ~DefaultContext() {
+        if (pushed) g_main_context_pop_thread_default(nullptr);
+    }
+    DefaultContext(const DefaultContext&) = delete;
+    DefaultContext& operator=(const DefaultContext&) = delete;
+
+private:
+    const bool pushed = g_main_context_get_thread_default() != nullptr;
+};
 
 }  // namespace
 
 bool BluetoothManager::scanDevicesInfo() {
-    deviceLists.allDevices.clear();
-    deviceLists.pairedDevices.clear();
-    deviceLists.connectedDevices.clear();
-    if (dbusConnection == nullptr) {
-        // Without a call no reply would ever end the loop.
-        CORVANE_ERROR("scanDevicesInfo"
-                      << " : no connection to the system bus");
-        return false;
+    for (const auto type : {ALL_DEVICES, PAIRED_DEVICES, CONNECTED_DEVICES}) {
+        getBluetoothDeviceList(type).clear();
     }
-    g_dbus_connection_call(
-        dbusConnection, corvane::bluez::busName, "/", "org.freedesktop.DBus.ObjectManager",
-        "GetManagedObjects", nullptr, G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE, -1,
-        nullptr,
-        [](GObject* source, GAsyncResult* result, gpointer userData) {
-            bluezListDevices(G_DBUS_CONNECTION(source), result, userData);
-        },
-        mainLoop);
+    GDBusConnection* const connection = corvane::current(dbusConnection);
+    if (connection == nullptr) {
+        // Without a call no reply would ever end the loop.
+        bluezListDevices(nullptr, nullptr, mainLoop);
+        return true;
+    }
+    {
+        const DefaultContext answered;
+        g_dbus_connection_call(
+            connection, corvane::bluez::busName, "/", "org.freedesktop.DBus.ObjectManager",
+            "GetManagedObjects", nullptr, G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE,
+            -1, nullptr,
+            [](GObject* source, GAsyncResult* result, gpointer userData) {
+                bluezListDevices(reinterpret_cast<GDBusConnection*>(source), result, userData);
+            },
+            mainLoop);
+    }
     g_main_loop_run(mainLoop);
     return true;
 }
@@ -133,7 +153,9 @@ bool BluetoothManager::scanDevicesInfo() {
 void BluetoothManager::bluezListDevices(GDBusConnection* connection, GAsyncResult* result,
                                         gpointer userData) {
     auto* const loop = static_cast<GMainLoop*>(userData);
-    const VariantPtr reply(g_dbus_connection_call_finish(connection, result, nullptr));
+    const VariantPtr reply(connection == nullptr
+                               ? nullptr
+                               : g_dbus_connection_call_finish(connection, result, nullptr));
     if (!reply) {
         CORVANE_ERROR("Unable to get result for GetManagedObjects");
         g_main_loop_quit(loop);

@@ -3,8 +3,8 @@
 #include "Bluez.h"
 #include "Capabilities.h"
 #include "Logging.h"
-#include "Resources.h"
 #include "Shell.h"
+#include "SystemBus.h"
 #include "hwcommon/DBusProxy.h"
 
 using corvane::quoted;
@@ -74,7 +74,7 @@ bool BluetoothManager::setBluetoothComponents(bool enable) {
         hciattach(false);
         setBluetoothServices(false);
         setBluetoothDaemon(false);
-        releaseSystemBus();
+        corvane::releaseSystemBus(dbusConnection);
         return false;
     }
 
@@ -90,13 +90,11 @@ bool BluetoothManager::setBluetoothComponents(bool enable) {
         CORVANE_ERROR("setBluetoothComponents"
                       << " : waitUntilDBusNameExist(FREEDESKTOP_DBUS_NAME) failed");
     }
-    // A bus that was restarted while Bluetooth was off has closed the connection still held, and
-    // GDBus would hand out that one again.
-    if (dbusConnection != nullptr && g_dbus_connection_is_closed(dbusConnection) != FALSE) {
-        releaseSystemBus();
-    }
-    keepSystemBus(corvane::openSystemBus());
+    corvane::store(dbusConnection, corvane::acquireSystemBus());
     if (dbusConnection == nullptr) {
+        // Deliberate: the null is stored but not unreferenced, which GLib would answer with a
+        // critical warning. Held by
+        // WithoutABus.BringUpEndsBeforeTheAdapterAndWorksWhenTheBusIsBack.
         CORVANE_ERROR("setBluetoothComponents"
                       << " : Not able to get connection to system bus");
         return false;

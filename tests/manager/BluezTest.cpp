@@ -288,18 +288,52 @@ TEST_F(BluezCalls, AddressesBecomePartsOfPathsByTheirColonsAlone) {
     EXPECT_THROW(part(nullptr), std::logic_error);
 }
 
-// GDBus refuses to send such things, with a critical warning and no error.
+// GDBus refuses to send such things with a critical warning and no error, or the bus closes the
+// connection of whoever sends them.
 TEST_F(BluezCalls, WhatCannotBeSentFailsLikeAnythingElse) {
     EXPECT_FALSE(manager().connectDevice("no address"));
     EXPECT_FALSE(manager().deletePairedDevice("no address"));
     EXPECT_FALSE(manager().deviceSetTrusted("no address", true));
     EXPECT_FALSE(manager().adapterSetName("not \xFF UTF-8"));
-    EXPECT_EQ(log().size(), 8U);
+    EXPECT_FALSE(manager().adapterSetName(nullptr));
+    EXPECT_FALSE(manager().adapterSetName(std::string(33U << 20U, 'x').c_str()));
+    EXPECT_EQ(log().size(), 12U);
+    forget();
+    const auto value = [] { return g_variant_new_boolean(TRUE); };
     EXPECT_EQ(manager().bluezAdapterCallMethod("no method", ""), 1);
+    EXPECT_EQ(manager().bluezAdapterCallMethod(nullptr, ""), 1);
+    EXPECT_EQ(manager().bluezDeviceCallMethod(std::string(256, 'x').c_str(), "1"), 1);
     EXPECT_EQ(manager().bluezAgentCallMethod("RegisterAgent", "\xFF"), 1);
-    EXPECT_EQ(manager().bluezAdapterSetProperty("\xFF", g_variant_new_boolean(TRUE)), 1);
-    EXPECT_EQ(log().size(), 11U);
+    EXPECT_EQ(manager().bluezAdapterSetProperty("\xFF", value()), 1);
+    EXPECT_EQ(manager().bluezAdapterSetProperty(std::string(256, 'x').c_str(), value()), 1);
+    EXPECT_EQ(manager().bluezDeviceSetProperty("1", nullptr, value()), 1);
+    EXPECT_EQ(manager().bluezAdapterSetProperty(nullptr, value()), 1);
+    EXPECT_EQ(log().size(), 8U);
+    EXPECT_EQ(log().back(),
+              "ERROR bluezAdapterSetProperty  failed : not a valid property or value");
     EXPECT_EQ(bluez.calls().size(), 0U);
+
+    EXPECT_EQ(manager().bluezAdapterCallMethod(std::string(255, 'x').c_str(), ""), 0)
+        << "the longest name, on a connection that is still open";
+}
+
+TEST_F(BluezCalls, HandOverTheirArgumentsFloatingAndTakeNoReplyForAFailure) {
+    manager();
+    std::vector<Operation> all = calls;
+    all.insert(all.end(), writes.begin(), writes.end());
+    all.insert(all.end(), agentSteps.begin(), agentSteps.begin() + 1);
+    std::string owned;
+    edges().onCall = [&owned](const std::string& method, GVariant* arguments) {
+        if (arguments != nullptr && g_variant_is_floating(arguments) == FALSE) owned += method;
+    };
+    edges().noReplies = true;
+    for (const Operation& operation : all) {
+        edges().forget();
+        EXPECT_FALSE(operation.run(manager()));
+        EXPECT_THAT(errors(),
+                    ElementsAre(std::string(operation.detail) + "no reply", operation.record));
+    }
+    EXPECT_EQ(owned, "");
 }
 
 class AgentRegister : public ManagerTest {};

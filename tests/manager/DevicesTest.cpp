@@ -3,6 +3,7 @@
 #include "ManagerTest.h"
 
 #include <algorithm>
+#include <thread>
 
 using namespace corvane::test;
 using testing::ElementsAre;
@@ -161,6 +162,38 @@ TEST_F(DeviceScan, AFailedCallEmptiesTheListsAndIsLoggedOnce) {
     EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 0U);
     EXPECT_THAT(log(), ElementsAre("ERROR Unable to get result for GetManagedObjects",
                                    "ERROR Unable to get result for GetManagedObjects"));
+}
+
+TEST_F(DeviceScan, UsesTheListsInOrder) {
+    bluez.setDevices({{address, "Phone", 0, true, true}});
+    manager();
+    std::vector<int> used;
+    edges().listsUsed = &used;
+    manager().scanDevicesInfo();
+    edges().listsUsed = nullptr;
+    EXPECT_THAT(used, ElementsAre(0, 1, 2, 0, 1, 2)) << "emptied, then the device appended";
+}
+
+TEST_F(DeviceScan, EndsOnAThreadThatHasAMainContextOfItsOwn) {
+    bluez.setDevices({{address, "Phone"}});
+    manager();
+    std::thread([this] {
+        GMainContext* const own = g_main_context_new();
+        g_main_context_push_thread_default(own);
+        EXPECT_EQ(scan().size(), 1U);
+        EXPECT_EQ(g_main_context_get_thread_default(), own);
+        g_main_context_pop_thread_default(own);
+        g_main_context_unref(own);
+    }).join();
+}
+
+TEST_F(DeviceScan, TakesAnyObjectForItsConnection) {
+    manager();
+    edges().standIn = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_THAT(log(), ElementsAre("ERROR Unable to get result for GetManagedObjects"));
+    g_object_unref(edges().standIn);
 }
 
 TEST_F(DeviceScan, WaitsForALateReply) {

@@ -172,6 +172,15 @@ INSTANTIATE_TEST_SUITE_P(
 
 class FaultsOfTheSystemBus : public Faults {
 protected:
+    static int sockets() {
+        int count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            if (read_symlink(entry, gone).string().rfind("socket:", 0) == 0) ++count;
+        }
+        return count;
+    }
+
     void replaceBus() {
         bus.restart();
         bluez.restart();
@@ -239,16 +248,69 @@ TEST_F(FaultsOfTheSystemBus, InAnyStepOfSwitchingOnAreOverAfterOffAndOn) {
     }
 }
 
-TEST_F(FaultsOfTheSystemBus, StayForAsLongAsTheHostItselfHoldsTheClosedConnection) {
+TEST_F(FaultsOfTheSystemBus, AreOverAlsoWhileTheHostHoldsGiosClosedConnection) {
     GDBusConnection* const hosts = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     manager().setEnabled(true, false);
-    replaceBus();
-    ASSERT_TRUE(eventually([&] { return g_dbus_connection_is_closed(hosts) != FALSE; }));
-    manager().setEnabled(false, false);
-    forget();
-    manager().setEnabled(true, false);
-    EXPECT_THAT(errors(), Contains("setBluetoothComponents : adapterActivate failed"));
+    const int before = sockets();
+    for (int restart = 0; restart < 2; ++restart) {
+        replaceBus();
+        ASSERT_TRUE(eventually([&] { return !manager().adapterScan(true); }));
+        const HostsSource source;
+        manager().setEnabled(false, false);
+        forget();
+        manager().setEnabled(true, false);
+        EXPECT_EQ(source.runs, 0) << "nobody but a scan runs the host's sources";
+        EXPECT_THAT(errors(), IsEmpty());
+        expectRecovery();
+        EXPECT_TRUE(eventually([&] { return sockets() == before; })) << "a closed one costs none";
+    }
+    EXPECT_TRUE(g_dbus_connection_is_closed(hosts));
     g_object_unref(hosts);
+}
+
+TEST_F(FaultsOfTheSystemBus, AreOverAlsoAfterABringUpThatGotNoConnection) {
+    const auto withoutConnection = [this] {
+        manager().setEnabled(false, false);
+        edges().busMissing = true;
+        manager().setEnabled(true, false);
+        edges().busMissing = false;
+        EXPECT_EQ(errors().back(),
+                  "setBluetoothComponents : Not able to get connection to system bus");
+    };
+    manager().setEnabled(true, false);
+    withoutConnection();
+    replaceBus();
+    expectRecovery();
+    const auto before = sockets();
+    for (int i = 0; i < 3; ++i) {
+        withoutConnection();
+        expectRecovery();
+    }
+    EXPECT_TRUE(eventually([&] { return sockets() == before; })) << "our own is used again";
+}
+
+TEST_F(FaultsOfTheSystemBus, LeaveACallThatHasJustBegunItsConnection) {
+    manager().setEnabled(true, false);
+    listDevices(everyDevice);
+    std::promise<void> begun;
+    std::promise<void> released;
+    edges().onCall = [&](const std::string& method, GVariant* /*arguments*/) {
+        if (method != "Disconnect") return;
+        begun.set_value();
+        released.get_future().wait();
+    };
+    auto call = std::async(std::launch::async,
+                           [this] { return manager().disconnectDevice(phone.address.c_str()); });
+    begun.get_future().wait();
+    replaceBus();
+    manager().setEnabled(false, false);
+    manager().setEnabled(true, false);
+    forget();
+    released.set_value();
+    EXPECT_FALSE(call.get());
+    EXPECT_THAT(errors(), ElementsAre("bluezDeviceCallMethod : The connection is closed",
+                                      "Not able to disconnect device"));
+    edges().onCall = nullptr;
     expectRecovery();
 }
 
@@ -269,6 +331,17 @@ TEST_F(Shortage, OfDescriptorsFailsSwitchingOnUntilItIsOver) {
     const FewDescriptors none;
     EXPECT_TRUE(manager().scanDevicesInfo()) << "needs none";
     manager().setEnabled(false, false);
+}
+
+TEST_F(FaultsOfTheSystemBus, AndAShortageOfDescriptorsAreOverWithBoth) {
+    manager().setEnabled(true, false);
+    replaceBus();
+    for (unsigned left = 0; left < 10; ++left) {
+        manager().setEnabled(false, false);
+        const FewDescriptors few(left);
+        manager().setEnabled(true, false);
+    }
+    expectRecovery();
 }
 
 // Without the services: their tests' own connection would have GDBus's thread running already.

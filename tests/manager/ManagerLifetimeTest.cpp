@@ -5,8 +5,14 @@
 #include <gio/gio.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <thread>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace corvane::test;
 using testing::ElementsAre;
@@ -132,20 +138,72 @@ TEST_F(ManagerLifetime, ExitAfterARequestEndsInTerminate) {
         KilledBySignal(SIGABRT), "terminate called without an active exception");
 }
 
+class Descriptors : public ManagerTest {
+protected:
+    /// Those that a program started now would inherit.
+    static std::set<int> inherited() {
+        std::set<int> result;
+        for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+            const int flags = fcntl(descriptor, F_GETFD);
+            if (flags != -1 && (flags & FD_CLOEXEC) == 0) result.insert(descriptor);
+        }
+        return result;
+    }
+};
+
+TEST_F(Descriptors, AreNotInheritedByChildren) {
+    const auto before = inherited();
+    manager().setEnabled(true, false);
+    EXPECT_EQ(inherited(), before);
+}
+
+TEST_F(Descriptors, OfMissingStandardStreamsStayFree) {
+    EXPECT_EXIT(
+        {
+            for (int descriptor = 0; descriptor < 3; ++descriptor) close(descriptor);
+            manager().setEnabled(true, false);
+            bool taken = false;
+            for (int descriptor = 0; descriptor < 3; ++descriptor) {
+                taken = taken || fcntl(descriptor, F_GETFD) != -1;
+            }
+            std::_Exit(taken ? 1 : 3);
+        },
+        ExitedWithCode(3), "");
+}
+
+TEST_F(Descriptors, OfTheHostKeepTheirRecordLocks) {
+    EXPECT_EXIT(
+        {
+            FILE* const file = std::tmpfile();
+            dup2(fileno(file), STDERR_FILENO);
+            struct flock lock {};
+            lock.l_type = F_WRLCK;
+            fcntl(STDERR_FILENO, F_SETLK, &lock);
+            manager().adapterActivate(true);
+            const pid_t other = fork();
+            if (other == 0) {
+                fcntl(STDERR_FILENO, F_GETLK, &lock);
+                std::_Exit(lock.l_type == F_UNLCK ? 1 : 3);
+            }
+            int status = 0;
+            waitpid(other, &status, 0);
+            std::_Exit(WEXITSTATUS(status));
+        },
+        ExitedWithCode(3), "");
+}
+
 class WithoutABus : public ManagerTest {
 protected:
     WithoutABus() { edges().busMissing = true; }
 };
 
 TEST_F(WithoutABus, EveryOperationFailsWithALogRecord) {
-    EXPECT_FALSE(manager().scanDevicesInfo());
     EXPECT_FALSE(manager().adapterScan(true));
     EXPECT_FALSE(manager().deletePairedDevice("AA:BB:CC:DD:EE:FF"));
     EXPECT_FALSE(manager().connectDevice("AA:BB:CC:DD:EE:FF"));
     EXPECT_FALSE(manager().agentRegister(true));
     EXPECT_FALSE(manager().deviceSetTrusted("AA:BB:CC:DD:EE:FF", true));
-    EXPECT_THAT(log(), ElementsAre("ERROR scanDevicesInfo : no connection to the system bus",
-                                   "ERROR bluezAdapterCallMethod : no connection to the system bus",
+    EXPECT_THAT(log(), ElementsAre("ERROR bluezAdapterCallMethod : no connection to the system bus",
                                    "ERROR Not able to scan for new devices",
                                    "ERROR bluezAdapterCallMethod : no connection to the system bus",
                                    "ERROR Not able to remove device",
@@ -155,6 +213,20 @@ TEST_F(WithoutABus, EveryOperationFailsWithALogRecord) {
                                    "ERROR Not able to register agent",
                                    "ERROR bluezDeviceSetProperty : no connection to the system bus",
                                    "ERROR Not able to set Trusted property"));
+}
+
+TEST_F(WithoutABus, AScanEmptiesTheListsAndRunsNoLoop) {
+    manager().addNewDeviceToList(ALL_DEVICES, {});
+    manager().addNewDeviceToList(CONNECTED_DEVICES, {});
+    const HostsSource source;
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_EQ(source.runs, 0);
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 0U);
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(CONNECTED_DEVICES), 0U);
+    ASSERT_THAT(log(), ElementsAre("ERROR Unable to get result for GetManagedObjects"));
+    EXPECT_EQ(edges().log()[0].function,
+              "static void BluetoothManager::bluezListDevices(GDBusConnection*, GAsyncResult*, "
+              "gpointer)");
 }
 
 TEST_F(WithoutABus, BringUpEndsBeforeTheAdapterAndWorksWhenTheBusIsBack) {
@@ -167,53 +239,43 @@ TEST_F(WithoutABus, BringUpEndsBeforeTheAdapterAndWorksWhenTheBusIsBack) {
     EXPECT_TRUE(manager().setBluetoothComponents(true));
 }
 
-class BusReferences : public ManagerTest {
-protected:
-    // The process's shared connection, watched without holding it.
-    void SetUp() override {
-        manager();
-        GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-        g_object_weak_ref(
-            G_OBJECT(shared),
-            [](gpointer flag, GObject*) { *static_cast<std::atomic<bool>*>(flag) = true; }, &gone);
-        g_object_unref(shared);
-        ASSERT_FALSE(gone);
-    }
+class BusReferences : public ManagerTest {};
 
-    // GDBus's own thread may be the last to let go.
-    bool goes() {
-        return eventually([this] { return gone.load(); });
-    }
-
-    std::atomic<bool> gone{false};
-};
-
-TEST_F(BusReferences, EachTearDownDropsThatOfOneBringUp) {
-    manager().setBluetoothComponents(true);
-    manager().setBluetoothComponents(true);
+TEST_F(BusReferences, OnlyThoseOfBringUpsAreDropped) {
+    manager();
+    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    const auto references = [shared] {
+        return static_cast<int>(g_atomic_int_get(&G_OBJECT(shared)->ref_count));
+    };
+    const auto before = references();
+    // GDBus's own thread holds one for a moment now and then.
+    const auto becomes = [&](int more) {
+        return eventually([&] { return references() == before + more; });
+    };
     manager().setBluetoothComponents(false);
-    manager().setBluetoothComponents(false);
-    EXPECT_FALSE(gone) << "the constructor's own is left";
+    EXPECT_TRUE(becomes(0)) << "switched off first after boot";
     EXPECT_TRUE(manager().adapterActivate(true));
-}
-
-TEST_F(BusReferences, TearDownsBeyondTheLastLeaveNoConnectionToUse) {
+    manager().setBluetoothComponents(true);
+    manager().setBluetoothComponents(true);
+    EXPECT_TRUE(becomes(2));
     manager().setBluetoothComponents(false);
-    EXPECT_TRUE(goes());
-    EXPECT_FALSE(manager().setBluetoothComponents(false));
-    EXPECT_FALSE(manager().scanDevicesInfo());
-    EXPECT_TRUE(manager().setBluetoothComponents(true)) << "and the next bring-up gets a new one";
+    EXPECT_TRUE(becomes(1));
+    manager().setBluetoothComponents(false);
+    manager().setBluetoothComponents(false);
+    EXPECT_TRUE(becomes(0));
+    g_object_unref(shared);
+    bluez.setDevices({{"AA:BB:CC:DD:EE:FF", "Phone"}});
     EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 1U) << "the connection serves";
 }
 
-TEST_F(BusReferences, ABusThatGoesIsLeftBehindByOffAndOn) {
+TEST_F(BusReferences, ABusOfAnotherAddressServesAfterOffAndOn) {
     manager().setBluetoothComponents(true);
     bus.stop();
     ASSERT_TRUE(eventually([&] { return !manager().adapterActivate(true); }));
     PrivateBus newBus;
     FakeBluez newBluez(newBus.address());
     manager().setBluetoothComponents(false);
-    EXPECT_TRUE(goes());
     EXPECT_TRUE(manager().setBluetoothComponents(true));
     EXPECT_EQ(newBluez.countCalls("'Powered', <true>"), 1);
 }

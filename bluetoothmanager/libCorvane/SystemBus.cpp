@@ -1,0 +1,128 @@
+#include "SystemBus.h"
+
+#include "Handles.h"
+#include "SystemCalls.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace corvane {
+
+namespace {
+
+/// A connection that was ever in use. It keeps one reference for ever: a request may still be in a
+/// call on it. The price is one closed connection, without its socket, for each restart of the bus.
+struct Kept {
+    GDBusConnection* connection;
+    unsigned references;  // taken by bring-ups and not yet dropped
+};
+
+std::vector<Kept>& keptConnections() {
+    static std::vector<Kept> connections;
+    return connections;
+}
+
+Kept& keep(GDBusConnection* connection) {
+    auto& all = keptConnections();
+    const auto known = std::find_if(all.begin(), all.end(), [connection](const Kept& kept) {
+        return kept.connection == connection;
+    });
+    if (known != all.end()) return *known;
+    // By default GDBus ends the process when the bus goes away; we want failing calls instead.
+    g_dbus_connection_set_exit_on_close(connection, FALSE);
+    g_object_ref(connection);
+    all.push_back({connection, 0});
+    return all.back();
+}
+
+bool isOpen(GDBusConnection* connection) {
+    return g_dbus_connection_is_closed(connection) == FALSE;
+}
+
+/// The kept connection that is still open, or null. GDBus leaves the sockets of closed ones open;
+/// this closes them.
+GDBusConnection* openConnection() {
+    GDBusConnection* open = nullptr;
+    for (const Kept& kept : keptConnections()) {
+        if (isOpen(kept.connection)) {
+            open = kept.connection;
+        } else {
+            g_io_stream_close(g_dbus_connection_get_stream(kept.connection), nullptr, nullptr);
+        }
+    }
+    return open;
+}
+
+GDBusConnection* connectAnew() {
+    const TextPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    if (!address) return nullptr;
+    constexpr auto flags =
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    return g_dbus_connection_new_for_address_sync(address.get(), flags, nullptr, nullptr, nullptr);
+}
+
+/// @return with a reference for the caller
+GDBusConnection* connect() {
+    constexpr unsigned neededDescriptors = 3;  // socket, GDBus's thread, the call that says Hello
+    const StandardStreamsReserved reserved;
+    if (lackOfDescriptors(neededDescriptors) != 0) return nullptr;
+    try {
+        // The first connection starts GDBus's thread; GLib aborts if it cannot.
+        std::thread([] {}).join();
+    } catch (const std::system_error&) {
+        return nullptr;
+    }
+    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (shared == nullptr || isOpen(shared)) return shared;
+    // GIO hands out its closed connection for as long as anybody, we included, holds it.
+    g_object_unref(shared);
+    GDBusConnection* const open = openConnection();
+    if (open == nullptr) return connectAnew();
+    g_object_ref(open);
+    return open;
+}
+
+}  // namespace
+
+// eventfd is what GLib is about to use. Duplicating a descriptor of the host's instead would drop
+// the host's record locks on that file when the duplicate is closed.
+int lackOfDescriptors(unsigned wanted) {
+    if (wanted == 0) return 0;
+    const int probe = eventfd(0, EFD_CLOEXEC);
+    if (probe < 0) return errno;
+    const int lack = lackOfDescriptors(wanted - 1);
+    close(probe);
+    return lack;
+}
+
+GDBusConnection* openSystemBus() {
+    GDBusConnection* const connection = connect();
+    if (connection != nullptr) keep(connection);
+    return connection;
+}
+
+GDBusConnection* acquireSystemBus() {
+    GDBusConnection* const connection = connect();
+    if (connection != nullptr) ++keep(connection).references;
+    return connection;
+}
+
+// Deliberate: what construction took is not dropped. Switching off first after boot leaves the
+// connection in use, since every later operation needs it. Held by
+// BusReferences.OnlyThoseOfBringUpsAreDropped.
+void releaseSystemBus(GDBusConnection* connection) {
+    for (Kept& kept : keptConnections()) {
+        if (kept.connection != connection || kept.references == 0) continue;
+        --kept.references;
+        g_object_unref(connection);
+    }
+}
+
+}  // namespace corvane
