@@ -138,7 +138,7 @@ public:
 
     /// For comparison with getVendorId(): 0x004C in the Bluetooth SIG's list of company
     /// identifiers.
-    static constexpr std::uint16_t appleVendorId = 0x004C;
+    static const std::uint16_t appleVendorId = 0x004C;
 
     /// The three ids of a modalias text; all 0 when any of them is missing.
     ModaliasIds parseModalias(const std::string& modalias);

@@ -20,6 +20,8 @@ constexpr std::uint32_t headphones = 6;
 
 }  // namespace
 
+const std::uint16_t BluetoothManager::appleVendorId;
+
 std::shared_ptr<BluetoothConnectionInfo> BluetoothManager::getDeviceInfo(
     BluetoothDeviceListType type, const std::string& name) {
     const BluetoothConnectionInfo* match = find(getBluetoothDeviceList(type), name);

@@ -6,8 +6,6 @@
 
 #include <string>
 
-using hwcommon::fileUtil;
-
 namespace {
 
 // Under /tmp: the setting survives a restart of the host process, but not a reboot, after which the
@@ -17,9 +15,9 @@ constexpr char flagFile[] = "/tmp/bluetoothEnabled";
 }  // namespace
 
 bool BluetoothManager::getEnabled() const {
-    if (!fileUtil::exists(flagFile)) return false;
+    if (!hwcommon::fileUtil::exists(flagFile)) return false;
     std::string content;
-    if (!fileUtil::getFileContent(flagFile, content, std::ios_base::in)) return false;
+    if (!hwcommon::fileUtil::getFileContent(flagFile, content, std::ios_base::in)) return false;
     return std::stoi(content) == 1;
 }
 
@@ -28,14 +26,14 @@ void BluetoothManager::setEnabled(bool enable, bool forced) {
                   << " : " << enable << (forced ? " (forced)" : ""));
     // Deliberate: forced does not bypass this; it only widens what a real switch-off lowers. Held
     // by SetEnabled.DoesNothingWhenTheSettingIsTheWantedOne.
-    if (fileUtil::exists(flagFile) && getEnabled() == enable) return;
+    if (hwcommon::fileUtil::exists(flagFile) && getEnabled() == enable) return;
     corvane::runShell(std::string("rfkill ") + (enable ? "un" : "") + "block bluetooth");
     enableGpio(enable, forced);
     setBluetoothComponents(enable);
     // Deliberate: written even when bring-up failed: the flag records the request, not the outcome.
     // Held by SetEnabled.PersistsTheRequestEvenWhenBringUpFails.
-    fileUtil::saveContentToFile(flagFile, enable ? "1" : "0",
-                                std::ios_base::out | std::ios_base::trunc);
+    hwcommon::fileUtil::saveContentToFile(flagFile, enable ? "1" : "0",
+                                          std::ios_base::out | std::ios_base::trunc);
 }
 
 void BluetoothManager::setAirplaneMode(bool on) {
