@@ -14,6 +14,8 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+using corvane::aboveStandardStreams;
+
 namespace {
 
 constexpr int deviceNumber = 0;
@@ -22,13 +24,11 @@ constexpr int classTimeout = 1000;  // milliseconds, for each of read and write
 // What stays open is not for the children: the HID daemon closes nothing that it inherits.
 
 int openHciSocket() {
-    const corvane::StandardStreamsReserved reserved;
-    return socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI);
+    return aboveStandardStreams(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI));
 }
 
 int openHciDevice() {
-    const corvane::StandardStreamsReserved reserved;
-    const int device = hci_open_dev(deviceNumber);
+    const int device = aboveStandardStreams(hci_open_dev(deviceNumber));
     if (device != -1) fcntl(device, F_SETFD, FD_CLOEXEC);
     return device;
 }

@@ -29,8 +29,17 @@ private:
     sigset_t before{};
 };
 
-/// While it lives, nothing that is opened becomes descriptor 0, 1 or 2. In a host that runs without
-/// them, what it prints would otherwise go into a socket of ours.
+/// Moves a descriptor of ours that became 0, 1 or 2 in a host that runs without them. What such a
+/// host prints would otherwise go to the controller.
+/// @return the descriptor to use; -1 when there was none or no other is left
+inline int aboveStandardStreams(int descriptor) {
+    if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
+    const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(descriptor);
+    return moved;
+}
+
+/// For what we cannot move: while it lives, nothing that is opened becomes descriptor 0, 1 or 2.
 class StandardStreamsReserved {
 public:
     StandardStreamsReserved() {
