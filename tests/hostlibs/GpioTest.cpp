@@ -1,7 +1,7 @@
 #include "GPIO/GPIOManager.h"
 
+#include <gmock/gmock.h>
 #include <gpiod.h>
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -207,17 +207,20 @@ TEST_F(GpioLines, AreHeldBeyondTheManagerThatTookThem) {
 
 TEST_F(GpioLines, ThatCouldNotBeHadAreTakenLaterAsWhatTheyWereToBe) {
     line("gpiochip10", 4).busy = true;
+    testing::internal::CaptureStderr();
     EXPECT_EQ(manager.exportPin(10), 0);
     EXPECT_EQ(manager.setDirection(10, Direction::OUTPUT), 0);
     EXPECT_EQ(manager.getValue(10), -1);
     EXPECT_EQ(manager.setValue(10, Value::HIGH), 0);
     line("gpiochip10", 4).busy = false;
     gpios->folderError = EMFILE;
-    testing::internal::CaptureStderr();
+    EXPECT_EQ(manager.getValue(10), -1);
     EXPECT_EQ(manager.setValue(10, Value::HIGH), 0);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("/dev: Too many open files"),
-              std::string::npos);
     gpios->folderError = 0;
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::MatchesRegex("[^\n]*: GPIO 10: [^\n]* busy; [^\n]*\n"
+                                      "[^\n]*: GPIO 10: [^\n]*/dev: Too many open files\n"))
+        << "each reason once";
     EXPECT_EQ(manager.setValue(10, Value::HIGH), 1);
     EXPECT_EQ(gpios->done, (Done{"request", "output 0", "set 1"}));
     EXPECT_EQ(manager.setDirection(10, Direction::INPUT), 1);

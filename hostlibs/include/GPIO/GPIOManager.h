@@ -19,7 +19,8 @@ enum class Value : int { LOW = 0, HIGH = 1 };
 /// lines first, then chip 1's, and so on. Lines are held for the life of the process, not of this
 /// object, since a character-device line is guaranteed only while somebody holds it. An exported
 /// line that was not to be had (the chip's driver came late, another program held it) is tried
-/// again, and given its direction, by each later call for it.
+/// again, and given its direction, by each later call for it. Why it was not is logged once, and
+/// again when the reason changes.
 class GPIOManager {
 public:
     GPIOManager();

@@ -39,15 +39,28 @@ std::map<unsigned, HeldLine>& heldLines() {
     return lines;
 }
 
-/// The pins that were exported, held or not, with the direction that they are to have.
-std::map<unsigned, std::optional<Direction>>& exportedPins() {
-    static auto& pins = *new std::map<unsigned, std::optional<Direction>>;
+/// A pin that was exported, whether its line is held or not.
+struct ExportedPin {
+    std::optional<Direction> direction;  // that it is to have
+    std::string reason;                  // why it was not to be had, as last logged
+};
+
+std::map<unsigned, ExportedPin>& exportedPins() {
+    static auto& pins = *new std::map<unsigned, ExportedPin>;
     return pins;
 }
 
 bool fail(unsigned pin, const std::string& reason) {
     LOG4CPLUS_ERROR(LogAppender::getLogger(), "GPIO " << pin << ": " << reason);
     return false;
+}
+
+/// Logs why an exported pin is not to be had: every call for it tries again, so only what is new.
+void failToTake(unsigned pin, const std::string& reason) {
+    std::string& logged = exportedPins()[pin].reason;
+    if (reason == logged) return;
+    logged = reason;
+    fail(pin, reason);
 }
 
 std::string errorText(int error) { return std::generic_category().message(error); }
@@ -87,14 +100,14 @@ Place placeOf(unsigned pin) {
     unsigned lines = 0;
     const auto paths = chipPaths();
     if (!paths) {
-        fail(pin, std::string("cannot read ") + deviceFolder + ": " + errorText(errno));
+        failToTake(pin, std::string("cannot read ") + deviceFolder + ": " + errorText(errno));
         return place;
     }
     for (const std::string& path : *paths) {
         place.chip.reset(gpiod_chip_open(path.c_str()));
         if (!place.chip) {
             // Its number of lines is unknown, so that no later pin can be counted either.
-            fail(pin, "cannot open " + path + ": " + errorText(errno));
+            failToTake(pin, "cannot open " + path + ": " + errorText(errno));
             return place;
         }
         const unsigned count = gpiod_chip_num_lines(place.chip.get());
@@ -104,8 +117,8 @@ Place placeOf(unsigned pin) {
         }
         lines += count;
     }
-    fail(pin, "no such line, the chips in " + std::string(deviceFolder) + " have " +
-                  std::to_string(lines));
+    failToTake(pin, "no such line, the chips in " + std::string(deviceFolder) + " have " +
+                        std::to_string(lines));
     place.chip.reset();
     return place;
 }
@@ -119,8 +132,9 @@ gpiod_line* take(unsigned pin) {
     const gpiod_line_request_config request{consumer, GPIOD_LINE_REQUEST_DIRECTION_AS_IS, 0};
     if (line == nullptr || gpiod_line_request(line, &request, 0) != 0) {
         const int error = errno;
-        fail(pin, "cannot be taken into use: " + errorText(error) +
-                      (error == EBUSY ? "; another program or /sys/class/gpio holds it" : ""));
+        failToTake(pin,
+                   "cannot be taken into use: " + errorText(error) +
+                       (error == EBUSY ? "; another program or /sys/class/gpio holds it" : ""));
         return nullptr;
     }
     heldLines().emplace(pin, HeldLine{std::move(place.chip), line});
@@ -149,7 +163,9 @@ gpiod_line* lineOf(unsigned pin) {
     const auto held = heldLines().find(pin);
     if (held != heldLines().end()) return held->second.line;
     gpiod_line* const line = take(pin);
-    if (line != nullptr && exported->second) applyDirection(line, pin, *exported->second);
+    if (line != nullptr && exported->second.direction) {
+        applyDirection(line, pin, *exported->second.direction);
+    }
     return line;
 }
 
@@ -167,7 +183,7 @@ int GPIOManager::exportPin(unsigned pin) {
 int GPIOManager::setDirection(unsigned pin, Direction direction) {
     gpiod_line* const line = lineOf(pin);
     const auto exported = exportedPins().find(pin);
-    if (exported != exportedPins().end()) exported->second = direction;
+    if (exported != exportedPins().end()) exported->second.direction = direction;
     return line != nullptr && applyDirection(line, pin, direction) ? 1 : 0;
 }
 
