@@ -9,13 +9,12 @@ public:
     static const Capabilities& getInstance();
 
     /// The product family. Family 1 has a radio module with a single Bluetooth enable line and runs
-    /// no audio bridge. The reference reads it once, at the first getInstance(), from the board
-    /// identity.
+    /// no audio bridge. The reference takes it from the board identity. Until the hardware service
+    /// has given one, each call asks again, but a service that was asked in vain for 5 s is left
+    /// alone for a minute.
     /// @return the family's number; 0 when not known
-    int getProductFamily() const { return productFamily; }
+    int getProductFamily() const;
 
 private:
-    explicit Capabilities(int family) : productFamily(family) {}
-
-    int productFamily;
+    constexpr Capabilities() = default;
 };

@@ -2,10 +2,26 @@
 
 #include "eepromXML.h"
 #include "hwcommon/DBusHardwareProxy.h"
+#include "hwcommon/HardwareService.h"
+
+#include <mutex>
+#include <optional>
 
 const Capabilities& Capabilities::getInstance() {
-    // Never destroyed: the manager asks while static objects are destroyed.
-    static const Capabilities* const instance = new Capabilities(
-        eepromXML(hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo()).GetProductFamily());
-    return *instance;
+    static constexpr Capabilities instance;
+    return instance;
+}
+
+int Capabilities::getProductFamily() const {
+    // Both outlive the static objects whose destructors ask: they have nothing to destroy.
+    static std::mutex mutex;
+    static std::optional<int> family;
+    const std::lock_guard lock(mutex);
+    if (!family) {
+        if (hwcommon::hardwareServiceIsSilent()) return 0;
+        const std::string text = hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo();
+        if (text.empty()) return 0;
+        family = eepromXML(text).GetProductFamily();
+    }
+    return *family;
 }

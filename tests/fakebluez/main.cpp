@@ -21,12 +21,14 @@
 //     4294967295: until LetGo.
 //   LetGo()                        sends the answers that wait for it
 //   Own(s name), Release(s name)   a bus name comes or goes
+//   Emit(s path, s interface, s member, s body)   a signal
 //   Calls() -> a(xs)               what came in: monotonic time in microseconds, and
 //                                  "NAME PATH INTERFACE.MEMBER ARGUMENTS"
 //   Forget()                       empties that list
 //
-// To begin with, BlueZ knows no device and agrees to whatever adapter and agent manager are asked,
-// the HID service connects and disconnects, and the hardware service answers an empty text.
+// To begin with, BlueZ has an adapter, knows no device and agrees to whatever adapter and agent
+// manager are asked, the HID service connects and disconnects, and the hardware service answers an
+// empty text.
 
 #include <gio/gio.h>
 
@@ -150,6 +152,11 @@ void control(const MessagePtr& call, const std::string& member, GVariant* argume
             send(errorFor(call, "org.corvane.FakeBluez.Error.Name", text));
             return;
         }
+    } else if (member == "Emit" && signature == "(ssss)") {
+        const char* interface = nullptr;
+        g_variant_get(arguments, "(&s&s&s&s)", &path, &interface, &pattern, &text);
+        g_dbus_connection_emit_signal(bus, nullptr, path, interface, pattern, parse(text, nullptr),
+                                      nullptr);
     } else if (member == "Calls" && signature == "()") {
         GVariantBuilder list;
         g_variant_builder_init(&list, G_VARIANT_TYPE("a(xs)"));
@@ -254,7 +261,10 @@ int main(int argc, char** argv) {
     addRule("/org/bluez*", "*", constant("()"), "", "", 0, 0);
     addRule("/org/bluez/hci0/dev_*", "*", nullptr, "org.freedesktop.DBus.Error.UnknownObject",
             "no such device", 0, 0);
-    addRule("/", "GetManagedObjects", constant("(@a{oa{sa{sv}}} {},)"), "", "", 0, 0);
+    addRule(
+        "/", "GetManagedObjects",
+        constant("({objectpath '/org/bluez/hci0': {'org.bluez.Adapter1': {'Powered': <true>}}},)"),
+        "", "", 0, 0);
     addRule(hid, "Connect", constant("('Connect success',)"), "", "", 0, 0);
     addRule(hid, "Disconnect", constant("('Disconnect success',)"), "", "", 0, 0);
     addRule("/org/corvane/Hardware", "GetHardwareInfo", constant("('',)"), "", "", 0, 0);

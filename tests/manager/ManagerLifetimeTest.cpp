@@ -79,6 +79,16 @@ TEST_F(ManagerLifetime, WithoutAnIdentityTheBoardIsWiringZero) {
     EXPECT_EQ(happened({Kind::GPIO}).front(), "export 48");
 }
 
+TEST_F(ManagerLifetime, WaitsOnceForAHardwareServiceThatNeverAnswers) {
+    bluez.ignore("/org/corvane/Hardware", "*");
+    const auto start = std::chrono::steady_clock::now();
+    BluetoothManager::getInstance();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(24))
+        << "the bus's own limit is 25 s";
+    EXPECT_EQ(bluez.countCalls("GetHardwareInfo"), 1);
+    EXPECT_EQ(happened({Kind::GPIO}).front(), "export 48");
+}
+
 class StrangeIdentity : public ManagerTest, public testing::WithParamInterface<std::string> {};
 
 TEST_P(StrangeIdentity, IsWiringZeroAndReachesNoShell) {

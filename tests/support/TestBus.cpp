@@ -167,6 +167,12 @@ void FakeBluez::release(const std::string& name) {
     g_variant_unref(call("Release", g_variant_new("(s)", name.c_str())));
 }
 
+void FakeBluez::emit(const std::string& path, const std::string& interface,
+                     const std::string& member, const std::string& body) {
+    g_variant_unref(call("Emit", g_variant_new("(ssss)", path.c_str(), interface.c_str(),
+                                               member.c_str(), body.c_str())));
+}
+
 void FakeBluez::setDevices(const std::vector<Device>& devices, unsigned times, Milliseconds delay) {
     std::string objects = "@o '/org/bluez/hci0': {'org.bluez.Adapter1': {'Powered': <true>}}";
     for (const Device& device : devices) {

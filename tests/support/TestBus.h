@@ -91,6 +91,8 @@ public:
     void restart();
     void own(const std::string& name);
     void release(const std::string& name);
+    void emit(const std::string& path, const std::string& interface, const std::string& member,
+              const std::string& body);
 
     /// The devices that BlueZ knows, beside the adapter: listed, and agreeing to every call.
     void setDevices(const std::vector<Device>& devices, unsigned times = 0,

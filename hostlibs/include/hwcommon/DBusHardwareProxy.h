@@ -27,7 +27,8 @@ public:
     DBusHardwareProxy(const DBusHardwareProxy&) = delete;
     DBusHardwareProxy& operator=(const DBusHardwareProxy&) = delete;
 
-    /// The board identity as XML text (docs/identity.md). Blocks until the service has answered.
+    /// The board identity as XML text (docs/identity.md). Blocks until the service has answered, in
+    /// the reference 5 s at most.
     /// @return the text; empty when there is no bus, no service or no answer (the reason is logged)
     std::string getHardwareInfo();
 

@@ -25,16 +25,9 @@ bool processOne(sdbus::IConnection& connection) {
 #endif
 }
 
-/// For poll(): rounded up, so that the deadline has passed when the time has.
-int pollTime(NameWatch::Clock::time_point deadline) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - NameWatch::Clock::now()).count();
-    return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
-}
-
 }  // namespace
 
-NameWatch::NameWatch(std::string watchedName, std::function<void(bool)> changed)
+NameWatch::NameWatch(std::string watchedName, std::function<void(const std::string&)> changed)
     : name(std::move(watchedName)),
       connection(sdbus::createSystemBusConnection()),
       bus(proxyFor(*connection, busService, busPath)) {
@@ -43,21 +36,23 @@ NameWatch::NameWatch(std::string watchedName, std::function<void(bool)> changed)
         .call([this, changed = std::move(changed)](const std::string& changedName,
                                                    const std::string& /*oldOwner*/,
                                                    const std::string& newOwner) {
-            if (changedName == name) changed(!newOwner.empty());
+            if (changedName == name) changed(newOwner);
         });
-#if CORVANE_SDBUS_MAJOR < 2
-    bus->finishRegistration();
-#endif
+    subscribe(*bus);
 }
 
-bool NameWatch::isOwned(std::chrono::milliseconds limit) {
-    bool owned = false;
-    bus->callMethod("NameHasOwner")
-        .onInterface(busInterface)
-        .withTimeout(limit)
-        .withArguments(name)
-        .storeResultsTo(owned);
-    return owned;
+std::string NameWatch::owner(std::chrono::milliseconds limit) {
+    std::string connectionName;
+    try {
+        bus->callMethod("GetNameOwner")
+            .onInterface(busInterface)
+            .withTimeout(limit)
+            .withArguments(name)
+            .storeResultsTo(connectionName);
+    } catch (const sdbus::Error& error) {
+        if (error.getName() != "org.freedesktop.DBus.Error.NameHasNoOwner") throw;
+    }
+    return connectionName;
 }
 
 void NameWatch::waitForMore(Clock::time_point deadline, int stop) {
@@ -65,7 +60,8 @@ void NameWatch::waitForMore(Clock::time_point deadline, int stop) {
     const auto source = connection->getEventLoopPollData();
     std::array<pollfd, 2> descriptors{{{source.fd, source.events, 0}, {stop, POLLIN, 0}}};
     // An interrupted or failed poll is a short wait; a bus that is gone shows in processOne().
-    poll(descriptors.data(), descriptors.size(), pollTime(deadline));
+    const auto limit = std::min(timeLeft(deadline), std::chrono::milliseconds(INT_MAX));
+    poll(descriptors.data(), descriptors.size(), static_cast<int>(limit.count()));
 }
 
 }  // namespace hwcommon

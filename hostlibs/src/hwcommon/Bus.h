@@ -2,6 +2,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -10,13 +11,29 @@
 namespace hwcommon {
 
 /// A remote object on a connection. Its names are types of their own since sdbus-c++ 2.
-inline std::unique_ptr<sdbus::IProxy> proxyFor(sdbus::IConnection& connection, const char* service,
-                                               const char* path) {
+inline std::unique_ptr<sdbus::IProxy> proxyFor(sdbus::IConnection& connection,
+                                               const std::string& service,
+                                               const std::string& path) {
 #if CORVANE_SDBUS_MAJOR >= 2
     return sdbus::createProxy(connection, sdbus::ServiceName(service), sdbus::ObjectPath(path));
 #else
     return sdbus::createProxy(connection, service, path);
 #endif
+}
+
+/// Makes a proxy's signal handlers known to the bus. Calls made after this come after it there too.
+inline void subscribe([[maybe_unused]] sdbus::IProxy& proxy) {
+#if CORVANE_SDBUS_MAJOR < 2
+    proxy.finishRegistration();
+#endif
+}
+
+/// The time until a deadline, rounded up. Never 0: as the limit of a call that would mean the bus's
+/// default of 25 s.
+inline std::chrono::milliseconds timeLeft(std::chrono::steady_clock::time_point deadline) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return std::max(left, std::chrono::milliseconds(1));
 }
 
 /// Watches the owner of one bus name, on a connection to the system bus of its own: nobody's event
@@ -26,12 +43,19 @@ class [[gnu::visibility("hidden")]] NameWatch {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// @param changed  called by waitForMore() with whether the name is owned now
-    NameWatch(std::string name, std::function<void(bool)> changed);
+    /// @param changed  called by waitForMore() with the connection that owns the name now; empty
+    /// when none does
+    NameWatch(std::string name, std::function<void(const std::string&)> changed);
 
-    /// Asks the bus. A change from now on is seen by waitForMore() in any case.
+    /// Asks the bus for the connection that owns the name; empty when none does. waitForMore()
+    /// reports every later change.
     /// @param limit  how long to wait for the bus's answer
-    bool isOwned(std::chrono::milliseconds limit);
+    std::string owner(std::chrono::milliseconds limit);
+
+    /// An object of a connection. Its signals are handled by waitForMore().
+    std::unique_ptr<sdbus::IProxy> object(const std::string& owner, const std::string& path) {
+        return proxyFor(*connection, owner, path);
+    }
 
     /// Handles what the bus has sent; when there is nothing, waits for more until the deadline, or
     /// until the descriptor `stop` is readable (-1: none).

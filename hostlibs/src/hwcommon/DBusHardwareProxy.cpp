@@ -1,6 +1,7 @@
 #include "hwcommon/DBusHardwareProxy.h"
 
 #include "Bus.h"
+#include "HardwareService.h"
 #include "LogAppender.h"
 
 #include <log4cplus/loggingmacros.h>
@@ -21,8 +22,11 @@ constexpr char serviceName[] = "org.corvane.Hardware";
 constexpr char objectPath[] = "/org/corvane/Hardware";
 constexpr char interfaceName[] = "org.corvane.Hardware1";
 
-// The bus's own default.
-constexpr std::chrono::seconds answerLimit{25};
+// The service reads a small memory chip; a host waits as long for bluetoothd on a busy board.
+constexpr std::chrono::seconds answerLimit{5};
+
+constexpr std::chrono::minutes silentPause{1};
+std::atomic<NameWatch::Clock::time_point> silentUntil{};
 
 }  // namespace
 
@@ -59,8 +63,9 @@ struct DBusHardwareProxy::Private {
             observer.hardwareServiceAvailable(now);
         };
         try {
-            NameWatch names(serviceName, tell);
-            tell(names.isOwned(answerLimit));
+            NameWatch names(serviceName,
+                            [&tell](const std::string& owner) { tell(!owner.empty()); });
+            tell(!names.owner(answerLimit).empty());
             while (!stopped)
                 names.waitForMore(NameWatch::Clock::now() + std::chrono::hours(1), stop);
         } catch (const sdbus::Error& error) {
@@ -81,6 +86,7 @@ DBusHardwareProxy::DBusHardwareProxy(DBusHardwareObserver* observer)
 DBusHardwareProxy::~DBusHardwareProxy() { delete d; }
 
 std::string DBusHardwareProxy::getHardwareInfo() {
+    const auto start = NameWatch::Clock::now();
     try {
         const auto connection = sdbus::createSystemBusConnection();
         const auto service = proxyFor(*connection, serviceName, objectPath);
@@ -89,12 +95,17 @@ std::string DBusHardwareProxy::getHardwareInfo() {
             .onInterface(interfaceName)
             .withTimeout(answerLimit)
             .storeResultsTo(identity);
+        silentUntil = start;
         return identity;
     } catch (const std::exception& error) {
         LOG4CPLUS_ERROR(LogAppender::getLogger(), "Cannot read the board identity from "
                                                       << serviceName << ": " << error.what());
+        const auto end = NameWatch::Clock::now();
+        silentUntil = end - start >= answerLimit ? end + silentPause : start;
         return {};
     }
 }
+
+bool hardwareServiceIsSilent() { return NameWatch::Clock::now() < silentUntil.load(); }
 
 }  // namespace hwcommon
