@@ -2,8 +2,8 @@
 
 #include "PrintableText.h"
 
+#include <log4cplus/appender.h>
 #include <log4cplus/configurator.h>
-#include <log4cplus/consoleappender.h>
 #include <log4cplus/hierarchy.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/layout.h>
@@ -16,7 +16,10 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <string_view>
 #include <system_error>
+
+#include <unistd.h>
 
 namespace {
 
@@ -41,6 +44,25 @@ public:
             corvane::printableText(event.getMessage()), event.getThread(), event.getThread2(),
             event.getTimestamp(), event.getFile(), event.getLine(), event.getFunction());
         log4cplus::PatternLayout::formatAndAppend(output, printable);
+    }
+};
+
+/// Standard error. log4cplus's own appender writes through std::cerr, which writes nothing any more
+/// after a signal has interrupted one of its writes.
+class Console : public log4cplus::Appender {
+public:
+    ~Console() override { destructorImpl(); }
+    void close() override { closed = true; }
+
+protected:
+    void append(const log4cplus::spi::InternalLoggingEvent& event) override {
+        std::string_view left = formatEvent(event);
+        while (!left.empty()) {
+            const ssize_t written = ::write(STDERR_FILENO, left.data(), left.size());
+            if (written < 0 && errno == EINTR) continue;
+            if (written < 0) return;
+            left.remove_prefix(static_cast<std::size_t>(written));
+        }
     }
 };
 
@@ -91,7 +113,7 @@ log4cplus::Logger setUp() {
             log4cplus::spi::FactoryTempl<PrintableLayout, log4cplus::spi::LayoutFactory>>(
             "corvane::PrintableLayout"));
 
-    const log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(true, true));
+    const log4cplus::SharedAppenderPtr console(new Console);
     console->setLayout(std::make_unique<PrintableLayout>(recordPattern));
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     root.addAppender(console);

@@ -20,13 +20,20 @@ namespace fs = std::filesystem;
 namespace {
 
 // What goes wrong in the C library's calls below; they stand in for it in this whole program.
-enum class Fault { NONE, SHORT_WRITES, DISK_FULL, FSYNC_FAILS, RENAME_FAILS, KILLED };
+enum class Fault { NONE, INTERRUPTED, DISK_FULL, FSYNC_FAILS, RENAME_FAILS, KILLED };
 Fault fault = Fault::NONE;
-bool interrupted = false;
 
 int failWith(int error) {
     errno = error;
     return -1;
+}
+
+/// Whether a signal interrupts this call: the first, the third and so on.
+bool isInterrupted() {
+    static bool interrupted = false;
+    interrupted = fault == Fault::INTERRUPTED && !interrupted;
+    if (interrupted) errno = EINTR;
+    return interrupted;
 }
 
 template <class Function>
@@ -38,15 +45,17 @@ Function* real(const char* name) {
 
 extern "C" ssize_t write(int fd, const void* data, size_t size) {
     if (fault == Fault::DISK_FULL) return failWith(ENOSPC);
-    if (fault == Fault::SHORT_WRITES) {
-        interrupted = !interrupted;
-        if (interrupted) return failWith(EINTR);
-        size = std::min<size_t>(size, 3);
-    }
+    if (isInterrupted()) return -1;
+    if (fault == Fault::INTERRUPTED) size = std::min<size_t>(size, 3);
     return real<ssize_t(int, const void*, size_t)>("write")(fd, data, size);
 }
 
+extern "C" ssize_t read(int fd, void* data, size_t size) {
+    return isInterrupted() ? -1 : real<ssize_t(int, void*, size_t)>("read")(fd, data, size);
+}
+
 extern "C" int fsync(int fd) {
+    if (isInterrupted()) return -1;
     if (fault == Fault::FSYNC_FAILS) return failWith(EIO);
     if (fault == Fault::KILLED) raise(SIGKILL);
     return real<int(int)>("fsync")(fd);
@@ -118,11 +127,13 @@ TEST_F(Files, AreNotWrittenThroughAPlantedLink) {
     EXPECT_EQ(entries(), 2);
 }
 
-TEST_F(Files, AreWrittenWholeInManyShortWrites) {
-    fault = Fault::SHORT_WRITES;
-    EXPECT_TRUE(fileUtil::saveContentToFile(file, "a longer content"));
+TEST_F(Files, AreWrittenAndReadWholeThoughSignalsInterruptEachCall) {
+    fault = Fault::INTERRUPTED;
+    const bool saved = fileUtil::saveContentToFile(file, "a longer content");
+    const std::string content = read(file);
     fault = Fault::NONE;
-    EXPECT_EQ(read(file), "a longer content");
+    EXPECT_TRUE(saved);
+    EXPECT_EQ(content, "a longer content");
 }
 
 TEST_F(Files, StayAsTheyWereWhenWritingFails) {

@@ -27,6 +27,17 @@ bool processOne(sdbus::IConnection& connection) {
 
 }  // namespace
 
+NoSignals::NoSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
+        sigdelset(&all, fault);
+    }
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+}
+
+NoSignals::~NoSignals() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+
 NameWatch::NameWatch(std::string watchedName, std::function<void(const std::string&)> changed)
     : name(std::move(watchedName)),
       connection(sdbus::createSystemBusConnection()),
@@ -59,7 +70,7 @@ void NameWatch::waitForMore(Clock::time_point deadline, int stop) {
     if (processOne(*connection)) return;
     const auto source = connection->getEventLoopPollData();
     std::array<pollfd, 2> descriptors{{{source.fd, source.events, 0}, {stop, POLLIN, 0}}};
-    // An interrupted or failed poll is a short wait; a bus that is gone shows in processOne().
+    // A failed poll is a short wait; a bus that is gone shows in processOne().
     const auto limit = std::min(timeLeft(deadline), std::chrono::milliseconds(INT_MAX));
     poll(descriptors.data(), descriptors.size(), static_cast<int>(limit.count()));
 }

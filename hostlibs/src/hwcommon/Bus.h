@@ -8,7 +8,23 @@
 #include <memory>
 #include <string>
 
+#include <signal.h>
+
 namespace hwcommon {
+
+/// Keeps signals from this thread while it lives: until systemd 253 a call of sd-bus fails when one
+/// interrupts it, and a host may have timers. Other threads get them meanwhile, this one
+/// afterwards; those that report a fault of the thread itself are let through.
+class [[gnu::visibility("hidden")]] NoSignals {
+public:
+    NoSignals();
+    ~NoSignals();
+    NoSignals(const NoSignals&) = delete;
+    NoSignals& operator=(const NoSignals&) = delete;
+
+private:
+    sigset_t before{};
+};
 
 /// A remote object on a connection. Its names are types of their own since sdbus-c++ 2.
 inline std::unique_ptr<sdbus::IProxy> proxyFor(sdbus::IConnection& connection,

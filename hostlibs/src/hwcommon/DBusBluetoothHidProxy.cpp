@@ -18,6 +18,7 @@ constexpr char interfaceName[] = "org.corvane.BluetoothHid1";
 constexpr std::chrono::seconds answerLimit{60};
 
 std::string callService(const char* method, const std::string& address) {
+    const NoSignals undisturbed;
     try {
         const auto connection = sdbus::createSystemBusConnection();
         std::string status;

@@ -56,6 +56,7 @@ struct DBusHardwareProxy::Private {
     Private& operator=(const Private&) = delete;
 
     void watch(DBusHardwareObserver& observer) const {
+        const NoSignals undisturbed;
         bool available = false;
         const auto tell = [&](bool now) {
             if (now == available) return;
@@ -86,6 +87,7 @@ DBusHardwareProxy::DBusHardwareProxy(DBusHardwareObserver* observer)
 DBusHardwareProxy::~DBusHardwareProxy() { delete d; }
 
 std::string DBusHardwareProxy::getHardwareInfo() {
+    const NoSignals undisturbed;
     const auto start = NameWatch::Clock::now();
     try {
         const auto connection = sdbus::createSystemBusConnection();

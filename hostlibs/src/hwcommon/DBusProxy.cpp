@@ -67,6 +67,7 @@ bool waitForObject(NameWatch& watch, std::string& owner, const char* interface,
 DBusProxy::DBusProxy(sdbus::IConnection& /*connection*/) {}
 
 bool DBusProxy::waitUntilDBusNameExist(const std::string& name, unsigned timeout) {
+    const NoSignals undisturbed;
     const std::chrono::milliseconds limit(timeout);
     const auto deadline = Clock::now() + limit;
     const auto late = std::find_if(lateServices.begin(), lateServices.end(),

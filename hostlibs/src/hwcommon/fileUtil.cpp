@@ -23,6 +23,15 @@ constexpr mode_t fileMode = 0644;                     // whoever reads the flag 
 
 std::string errorText(int error) { return std::generic_category().message(error); }
 
+/// Makes a call until no signal interrupts it: a host may have timers whose handlers were set up
+/// without SA_RESTART.
+template <class Call>
+auto uninterrupted(const Call& call) {
+    auto result = call();
+    while (result == -1 && errno == EINTR) result = call();
+    return result;
+}
+
 /// Owns a file descriptor.
 class Descriptor {
 public:
@@ -39,7 +48,8 @@ public:
     bool close() {
         const int closed = fd;
         fd = -1;
-        return ::close(closed) == 0;
+        // Interrupted, it is closed all the same; fsync() has told of failed writes.
+        return ::close(closed) == 0 || errno == EINTR;
     }
 
 private:
@@ -50,12 +60,10 @@ private:
 int readAll(int fd, std::string& content) {
     std::array<char, 4096> buffer{};
     for (;;) {
-        const ssize_t count = ::read(fd, buffer.data(), buffer.size());
+        const ssize_t count =
+            uninterrupted([&] { return ::read(fd, buffer.data(), buffer.size()); });
         if (count == 0) return 0;
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
+        if (count < 0) return errno;
         content.append(buffer.data(), static_cast<std::size_t>(count));
         if (content.size() > maxFileSize) return EFBIG;
     }
@@ -63,11 +71,9 @@ int readAll(int fd, std::string& content) {
 
 bool writeAll(int fd, std::string_view content) {
     while (!content.empty()) {
-        const ssize_t count = ::write(fd, content.data(), content.size());
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
+        const ssize_t count =
+            uninterrupted([&] { return ::write(fd, content.data(), content.size()); });
+        if (count < 0) return false;
         content.remove_prefix(static_cast<std::size_t>(count));
     }
     return true;
@@ -75,8 +81,9 @@ bool writeAll(int fd, std::string_view content) {
 
 /// Writes the content to disk and closes the file.
 bool store(Descriptor& file, const std::string& content) {
-    return writeAll(file.get(), content) && ::fchmod(file.get(), fileMode) == 0 &&
-           ::fsync(file.get()) == 0 && file.close();
+    const int fd = file.get();
+    return writeAll(fd, content) && ::fchmod(fd, fileMode) == 0 &&
+           uninterrupted([fd] { return ::fsync(fd); }) == 0 && file.close();
 }
 
 }  // namespace
@@ -95,8 +102,9 @@ bool fileUtil::getFileContent(const std::string& path, std::string& content,
     if ((mode & ~std::ios_base::binary) != std::ios_base::in) return fail("not a mode to read in");
 
     // O_NONBLOCK: opening a pipe must not wait for its writer.
-    const Descriptor file(
-        ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    const Descriptor file(uninterrupted([&path] {
+        return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    }));
     if (file.get() < 0) {
         return fail(errno == ELOOP ? "it is a symbolic link, which is not followed"
                                    : errorText(errno));
