@@ -6,10 +6,7 @@
 namespace board {
 
 /// Commands of the kernel's Bluetooth management interface that the board uses.
-enum ManagementCommand : std::uint16_t { SET_BONDABLE = 0x0009, SET_DEVICE_ID = 0x0028 };
-
-/// Status of an answer while a device is still being set up.
-constexpr int invalidIndex = 0x11;
+enum ManagementCommand : std::uint16_t { SET_DEVICE_ID = 0x0028 };
 
 /// Sends one command for one hci device and waits for its answer.
 /// @return the answer's status, 0 for success

@@ -1,5 +1,7 @@
 #include "Board.h"
 
+#include "eepromXML.h"
+
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -60,6 +62,26 @@ std::string adapterProperty(const std::string& name) {
     static const std::regex value(R"(^\s*variant\s+(?:boolean |uint32 )?([^\n]*?)\s*$)");
     std::smatch match;
     return std::regex_search(reply, match, value) ? match[1].str() : reply;
+}
+
+std::string adapterFaults() {
+    const eepromXML identity(fileContent("/etc/corvane/identity.xml"));
+    const std::map<std::string, std::string> expected{
+        {"Powered", "true"},
+        {"Pairable", "true"},
+        {"PairableTimeout", "0"},
+        {"Alias", GetModelNameStringExternal(identity.GetModelType()) + " " +
+                      identity.GetSerialNumberString(false)}};
+    std::string faults;
+    for (const auto& property : expected) {
+        std::string shown;
+        const auto reads = [&] {
+            shown = adapterProperty(property.first);
+            return shown == property.second;
+        };
+        if (!waitFor(reads, 60000)) faults += property.first + " is " + shown + "; ";
+    }
+    return faults;
 }
 
 std::string controllerClass() {

@@ -20,6 +20,10 @@ std::map<unsigned, int> lineLevels();
 /// A property of the adapter as dbus-send prints its value: "true", "\"name\"", "8448".
 std::string adapterProperty(const std::string& name);
 
+/// What of the adapter is not as switching on leaves it; empty when all is well. BlueZ may make it
+/// pairable a moment later.
+std::string adapterFaults();
+
 /// The Class of Device that the controller answers, as hciconfig prints it: "0x002100".
 std::string controllerClass();
 
