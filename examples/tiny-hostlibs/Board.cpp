@@ -8,26 +8,23 @@
 #include "hwcommon/fileUtil.h"
 #include "hwtools/Condition.h"
 
-#include <log4cplus/consoleappender.h>
 #include <log4cplus/initializer.h>
-#include <log4cplus/layout.h>
 #include <log4cplus/loggingmacros.h>
+#include <log4cplus/syslogappender.h>
 
+#include <cerrno>
 #include <chrono>
 #include <fstream>
-#include <memory>
 #include <sstream>
 
-using hwcommon::fileUtil;
+namespace fileUtil = hwcommon::fileUtil;
 
-const log4cplus::Logger& LogAppender::getLogger() {
+log4cplus::Logger LogAppender::getLogger() {
     // Never destroyed: the manager's destructor still logs.
     static const auto* const logger = [] {
         new log4cplus::Initializer;  // NOLINT(cppcoreguidelines-owning-memory): for the same reason
-        log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(true, true));
-        console->setLayout(
-            std::make_unique<log4cplus::PatternLayout>("%D{%H:%M:%S.%q} %p %b:%L %M: %m%n"));
-        log4cplus::Logger::getRoot().addAppender(console);
+        log4cplus::Logger::getRoot().addAppender(
+            log4cplus::SharedAppenderPtr(new log4cplus::SysLogAppender("tinyboard")));
         return new log4cplus::Logger(log4cplus::Logger::getInstance("tinyboard"));
     }();
     return *logger;
@@ -36,23 +33,18 @@ const log4cplus::Logger& LogAppender::getLogger() {
 // The identity is a file of lines NAME=NUMBER and serial=TEXT.
 namespace hwcommon {
 
-struct DBusHardwareProxy::Private {};
-
-DBusHardwareProxy::DBusHardwareProxy(DBusHardwareObserver* /*observer*/) : d(nullptr) {}
-DBusHardwareProxy::~DBusHardwareProxy() = default;
+DBusHardwareProxy::DBusHardwareProxy(DBusHardwareObserver* /*observer*/) {}
 
 std::string DBusHardwareProxy::getHardwareInfo() {
     std::string identity;
-    fileUtil::getFileContent("/etc/tinyboard-identity", identity);
+    fileUtil::getFileContent("/etc/tinyboard-identity", identity, std::ios_base::in);
     return identity;
 }
 
 }  // namespace hwcommon
 
-eepromXML::eepromXML(const std::string& text) { AnalyseXML(text); }
-
-bool eepromXML::AnalyseXML(std::string text) {
-    unsigned model = 0;
+eepromXML::eepromXML(const std::string& text) {
+    int model = 0;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         std::istringstream value(line.substr(line.find('=') + 1));
@@ -61,25 +53,27 @@ bool eepromXML::AnalyseXML(std::string text) {
         if (line.rfind("revision=", 0) == 0) value >> boardRevision;
         if (line.rfind("serial=", 0) == 0) value >> serialNumber;
     }
-    if (model <= MODEL_C600) modelType = static_cast<ModelType>(model);
-    valid = modelType != MODEL_UNKNOWN && productFamily > 0 && !serialNumber.empty();
-    if (!valid) {
+    modelType = static_cast<ModelType>(model);
+    if (model <= 0 || productFamily <= 0 || serialNumber.empty()) {
         LOG4CPLUS_ERROR(LogAppender::getLogger(),
-                        "/etc/tinyboard-identity needs lines model=1..6, family=1.., serial=TEXT");
+                        "/etc/tinyboard-identity needs lines model=1.., family=1.., serial=TEXT");
     }
-    return valid;
 }
 
-std::string eepromXML::GetSerialNumberString(bool /*grouped*/) const { return serialNumber; }
+std::string eepromXML::GetSerialNumberString(bool /*grouped*/) { return serialNumber; }
 
 std::string GetModelNameStringExternal(ModelType modelType) {
-    return "Tiny " + std::to_string(modelType);
+    return "Tiny " + std::to_string(static_cast<int>(modelType));
 }
 
-const Capabilities& Capabilities::getInstance() {
-    static const auto* const instance = new Capabilities(
-        eepromXML(hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo()).GetProductFamily());
-    return *instance;
+Capabilities& Capabilities::getInstance() {
+    static Capabilities instance;  // nothing to destroy
+    return instance;
+}
+
+// Read each time: whoever asks too early for the file gets it the next time.
+int Capabilities::getProductFamily() {
+    return eepromXML(hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo()).GetProductFamily();
 }
 
 namespace GPIO {
@@ -98,9 +92,6 @@ int writeText(const std::string& path, const std::string& text) {
 
 }  // namespace
 
-GPIOManager::GPIOManager() = default;
-GPIOManager::~GPIOManager() = default;
-
 int GPIOManager::exportPin(unsigned pin) {
     if (fileUtil::exists(lineFolder(pin))) return 1;
     return writeText("/sys/class/gpio/export", std::to_string(pin));
@@ -109,7 +100,7 @@ int GPIOManager::exportPin(unsigned pin) {
 int GPIOManager::setDirection(unsigned pin, Direction direction) {
     // "out" would start with a low level; the two words below keep the present one.
     const char* const word =
-        direction == Direction::INPUT ? "in" : (getValue(pin) == 1 ? "high" : "low");
+        static_cast<int>(direction) == 0 ? "in" : (getValue(pin) == 1 ? "high" : "low");
     return writeText(lineFolder(pin) + "/direction", word);
 }
 
@@ -120,7 +111,7 @@ int GPIOManager::getValue(unsigned pin) {
 }
 
 int GPIOManager::setValue(unsigned pin, Value value) {
-    return writeText(lineFolder(pin) + "/value", value == Value::HIGH ? "1" : "0");
+    return writeText(lineFolder(pin) + "/value", std::to_string(static_cast<int>(value)));
 }
 
 }  // namespace GPIO
@@ -133,7 +124,7 @@ int Condition::wait(unsigned milliseconds, bool reset) {
     std::unique_lock<std::mutex> lock(mutex);
     if (reset) notified = false;
     const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    return changed.wait_until(lock, limit, [this] { return notified; }) ? 0 : timedOut;
+    return changed.wait_until(lock, limit, [this] { return notified; }) ? 0 : ETIMEDOUT;
 }
 
 void Condition::notify() {

@@ -53,8 +53,6 @@ bool DBusProxy::waitUntilDBusNameExist(const std::string& name, unsigned timeout
 }
 
 // This board connects audio devices alone: it has no HID service.
-DBusBluetoothHidProxy::DBusBluetoothHidProxy(sdbus::IConnection& bus) : connection(bus) {}
-
 std::string DBusBluetoothHidProxy::connectBtHidDevice(const std::string& address) {
     return "No HID service for " + address;
 }

@@ -23,8 +23,10 @@ bool failed(const char* what, const std::string& path) {
 }
 
 bool writeAll(int file, const std::string& content) {
-    return write(file, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
-           fsync(file) == 0;
+    // Whatever waits may be interrupted by a signal of the host's.
+    const auto size = static_cast<ssize_t>(content.size());
+    return TEMP_FAILURE_RETRY(write(file, content.data(), content.size())) == size &&
+           TEMP_FAILURE_RETRY(fsync(file)) == 0;
 }
 
 }  // namespace
@@ -50,7 +52,7 @@ bool fileUtil::getFileContent(const std::string& path, std::string& content,
         fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= largest;
     if (complete) {
         text.resize(static_cast<std::size_t>(status.st_size));
-        complete = read(file, text.data(), text.size()) == status.st_size;
+        complete = TEMP_FAILURE_RETRY(read(file, text.data(), text.size())) == status.st_size;
     }
     close(file);
     if (!complete) return failed("read", path);

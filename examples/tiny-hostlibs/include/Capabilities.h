@@ -1,0 +1,7 @@
+#pragma once
+
+class Capabilities {
+public:
+    static Capabilities& getInstance();
+    int getProductFamily();
+};
