@@ -140,12 +140,15 @@ void Machine::check() const {
     }
     const bool panicked = readFile(consoleLog()).find("Kernel panic") != std::string::npos;
     if (pid_ > 0 && !panicked) return;
-    std::string reason = "the emulated machine \"" + name_ + "\" " +
-                         (panicked ? "panicked" : "has ended") + "; its console said:\n";
+    throw std::runtime_error("the emulated machine \"" + name_ + "\" " +
+                             (panicked ? "panicked" : "has ended") + "; its console said:\n" +
+                             lastWords());
+}
+
+std::string Machine::lastWords() const {
     const std::string console = readFile(consoleLog());
-    reason += console.substr(console.size() > 2000 ? console.size() - 2000 : 0);
-    reason += readFile(emulatorLog());
-    throw std::runtime_error(reason);
+    return console.substr(console.size() > 2000 ? console.size() - 2000 : 0) +
+           readFile(emulatorLog());
 }
 
 }  // namespace board

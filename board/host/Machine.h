@@ -34,6 +34,9 @@ public:
     /// Throws std::runtime_error when the emulator has ended or its kernel has panicked.
     void check() const;
 
+    /// The end of its console, and what the emulator said.
+    std::string lastWords() const;
+
     const std::string& name() const { return name_; }
     std::string consoleLog() const { return folder_ + "/" + name_ + "-console.log"; }
 

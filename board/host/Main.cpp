@@ -195,8 +195,9 @@ private:
             begin();
         }
         if (!begun_ && waited > 10min) {
-            throw std::runtime_error("the board did not come up within 10 minutes; see " +
-                                     board_.consoleLog() + " and " + remote_.consoleLog());
+            throw std::runtime_error("the remote devices' console said:\n" + remote_.lastWords() +
+                                     "the board's console said:\n" + board_.lastWords() +
+                                     "the board did not come up within 10 minutes");
         }
         if (commandRuns_ && options_.timeoutSeconds != 0 &&
             Clock::now() - began_ > std::chrono::seconds(options_.timeoutSeconds)) {

@@ -4,7 +4,7 @@
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd -P)
 self=$(realpath "$0")
-name=${self#"$top/"}
+this_script=${self#"$top/"}
 
 usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$self"; }
 
@@ -17,15 +17,52 @@ esac
 
 # misuse [MESSAGE]: a wrong argument.
 misuse() {
-    [ -z "$*" ] || echo "$name: $*" >&2
+    [ -z "$*" ] || echo "$this_script: $*" >&2
     usage >&2
     exit 2
 }
 
 # fail MESSAGE: what is missing, and its remedy. Comes last.
 fail() {
-    echo "$name: $*" >&2
+    complaint=$*
+    echo "$this_script: $*" >&2
     exit 1
+}
+
+# why LOG: the part of a log that tells why a step failed: the compiler's first complaint, else the end, without the tests
+# that went well.
+why() {
+    if grep -q '^FAILED: ' "$1"; then
+        awk '/^FAILED: / { on = 1; print; getline; next } on && n++ < 60' "$1" # without the command
+    else
+        grep -vE '^\[ *(OK|RUN|-+)|Test +#[0-9]+: .* Passed |^ +Start +[0-9]+: ' "$1" | tail -n 60 || true
+    fi
+}
+
+# fail_with LOG MESSAGE: shows why first.
+fail_with() {
+    why "$1" >&2
+    fail "${*:2} (see above)"
+}
+
+# cache_folder: sets cache, the folder for what is downloaded and made once, outside the tree.
+cache_folder() {
+    local remedy="set CORVANE_CACHE_DIR to a folder that has room for 1 GB"
+    cache=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
+    cache=${CORVANE_CACHE_DIR:-${cache:+$cache/corvane}}
+    [ -n "$cache" ] || fail "HOME is not set, so there is no place for downloads; $remedy"
+    { mkdir -p "$cache" && [ -w "$cache" ]; } || fail "the folder for downloads, $cache, cannot be written; $remedy"
+    cache=$(realpath "$cache")
+    export CORVANE_CACHE_DIR=$cache
+}
+
+# explain_full_disk FOLDER REMEDY: for a script that ends in failure: tools tell a full disk in many ways, or not at all.
+explain_full_disk() {
+    local left
+    left=$(df --output=avail -BM "$1" | tail -n 1)
+    if [[ ${left%M} -lt 20 && ${complaint-} != *"disk is full"* ]]; then
+        echo "$this_script: the disk is full: ${left// /} are left in $1; $2" >&2
+    fi
 }
 
 # lines ARRAY COMMAND...: what a command prints, an element a line. A command that fails or finds nothing ends the script;
