@@ -39,7 +39,10 @@ std::vector<std::string> withProgram(const std::vector<std::string>& arguments) 
 
 /// In the child, which becomes corvanectl.
 [[noreturn]] void execute(char* const* command) {
-    setenv("LD_PRELOAD", CORVANECTL_PRELOAD, 1);
+    // A blank in a path ends it in LD_PRELOAD, but not in LD_LIBRARY_PATH.
+    const fs::path preload = CORVANECTL_PRELOAD;
+    setenv("LD_LIBRARY_PATH", preload.parent_path().c_str(), 1);
+    setenv("LD_PRELOAD", preload.filename().c_str(), 1);
     execv(command[0], command);
     _exit(127);
 }

@@ -34,7 +34,7 @@ std::string contentOf(const std::string& path) {
 
 std::string outputOfLateLogger(const std::string& configuration) {
     const std::string command =
-        "CORVANE_LOG_CONFIG='" + configuration + "' " CORVANE_LATE_LOGGER " 2>&1";
+        "CORVANE_LOG_CONFIG='" + configuration + "' '" CORVANE_LATE_LOGGER "' 2>&1";
     const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
     std::string output;
     for (int c = 0; (c = std::fgetc(pipe.get())) != EOF;) output += static_cast<char>(c);
