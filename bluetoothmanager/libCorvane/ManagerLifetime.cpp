@@ -27,7 +27,10 @@ BluetoothManager::BluetoothManager() {
     const auto hardware = std::make_unique<hwcommon::DBusHardwareProxy>(nullptr);
     // Whether the analysis succeeded is not asked: an unknown board is driven like wiring 0 or 2.
     eeprom = std::make_unique<eepromXML>(hardware->getHardwareInfo());
-    sdbusConnection = sdbus::createSystemBusConnection();
+    {
+        const corvane::SignalsBlocked uninterrupted;  // sd-bus gives up when a signal arrives
+        sdbusConnection = sdbus::createSystemBusConnection();
+    }
     dbusProxy = std::make_unique<hwcommon::DBusProxy>(*sdbusConnection);
     modelType = eeprom->GetModelType();
     hardwareVariant = chooseHardwareVariant(modelType);

@@ -12,8 +12,9 @@ namespace corvane {
 /// host's header need not have a name for it.
 constexpr int waitTimedOut = 110;
 
-/// Blocks this thread's signals while it lives. HCI requests that wait for the controller fail when
-/// a signal arrives; repeated, they would start over and never end under a host's periodic timer.
+/// Blocks this thread's signals while it lives. HCI requests and sd-bus's opening of a connection
+/// fail when a signal arrives; repeated, they would start over and never end under a host's
+/// periodic timer.
 class SignalsBlocked {
 public:
     SignalsBlocked() {

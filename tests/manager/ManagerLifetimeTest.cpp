@@ -42,6 +42,11 @@ TEST_F(ManagerLifetime, ConstructionReadsTheIdentityThenTakesTheLinesThenLoadsTh
                             "export 154", "direction 154 1", fnLinkModules));
 }
 
+TEST_F(ManagerLifetime, NoSignalInterruptsConstruction) {
+    BluetoothManager::getInstance();
+    EXPECT_THAT(edges().interruptible, IsEmpty());
+}
+
 TEST_F(ManagerLifetime, TwoThreadsAtOnceMakeOneManager) {
     const BluetoothManager* seen = nullptr;
     std::thread other([&] { seen = &BluetoothManager::getInstance(); });

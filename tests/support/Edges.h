@@ -52,7 +52,8 @@ public:
     bool hciUp = true;
     std::set<std::string> failingHci;  // events as below without their arguments, "hci_open_dev"
     std::uint32_t adapterClass = 0;
-    std::set<std::string> interruptible;  // requests to the controller that a signal could end
+    std::set<std::string> interruptible;  // waiting calls that a signal could end: requests to the
+                                          // controller, sd-bus's ppoll
 
     // Shell commands whose output is read: one entry a call, none: popen itself fails. Later calls
     // get empty output.

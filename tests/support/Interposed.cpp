@@ -30,6 +30,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -63,8 +64,8 @@ std::string inFolder(const char* command) {
 /// A descriptor that counts as open and leads nowhere.
 int openNothing(int flags) { return open("/dev/null", O_RDWR | flags); }
 
-/// Notes a request that waits for the controller while a signal could interrupt it.
-void waitForController(const char* request) {
+/// Notes a call that waits while a signal could interrupt it.
+void noteIfInterruptible(const char* request) {
     sigset_t blocked{};
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
     if (sigismember(&blocked, SIGALRM) == 0) edges().interruptible.insert(request);
@@ -105,7 +106,7 @@ int hciIoctl(int descriptor, unsigned long request, void* argument) {
         info->flags = machine.hciUp ? 1U << HCI_UP : 0;
         return 0;
     }
-    waitForController("ioctl");
+    noteIfInterruptible("ioctl");
     if (request == HCIDEVUP) {
         const auto device = static_cast<int>(reinterpret_cast<std::intptr_t>(argument));
         machine.note(Kind::HCI, "HCIDEVUP " + std::to_string(device));
@@ -223,7 +224,7 @@ int hci_open_dev(int device) {
 }
 
 int hci_read_class_of_dev(int /*device*/, uint8_t* deviceClass, int timeout) {
-    waitForController("read");
+    noteIfInterruptible("read");
     edges().note(Kind::HCI, "hci_read_class_of_dev " + std::to_string(timeout));
     if (failsHci("hci_read_class_of_dev")) return -1;
     for (unsigned i = 0; i < 3; ++i) {
@@ -233,13 +234,19 @@ int hci_read_class_of_dev(int /*device*/, uint8_t* deviceClass, int timeout) {
 }
 
 int hci_write_class_of_dev(int /*device*/, uint32_t deviceClass, int timeout) {
-    waitForController("write");
+    noteIfInterruptible("write");
     char text[64];
     std::snprintf(text, sizeof text, "hci_write_class_of_dev 0x%06X %d", deviceClass, timeout);
     edges().note(Kind::HCI, text);
     if (failsHci("hci_write_class_of_dev")) return -1;
     edges().adapterClass = deviceClass;
     return 0;
+}
+
+// sd-bus waits here.
+int ppoll(pollfd* descriptors, nfds_t count, const timespec* limit, const sigset_t* mask) {
+    noteIfInterruptible("ppoll");
+    return next<decltype(ppoll)>("ppoll")(descriptors, count, limit, mask);
 }
 
 int nanosleep(const timespec* requested, timespec* remaining) {
