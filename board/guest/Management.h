@@ -6,7 +6,7 @@
 namespace board {
 
 /// Commands of the kernel's Bluetooth management interface that the board uses.
-enum ManagementCommand : std::uint16_t { SET_DEVICE_ID = 0x0028 };
+enum ManagementCommand : std::uint16_t { READ_INFO = 0x0004, SET_DEVICE_ID = 0x0028 };
 
 /// Sends one command for one hci device and waits for its answer.
 /// @return the answer's status, 0 for success

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr const char* commandLine = "/dev/ttymxc2";
-constexpr int answerTime = 300000;  // ms; the longest command waits for a search and a pairing
+constexpr int answerTime = 600000;  // ms; the longest command waits for a search and a pairing
 
 constexpr const char* usage =
     "usage: peers list            all devices\n"

@@ -1,5 +1,6 @@
 #include "RadioBridge.h"
 
+#include "Management.h"
 #include "SerialLine.h"
 
 #include <bluetooth/bluetooth.h>
@@ -15,6 +16,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <termios.h>
 
 namespace board {
 namespace {
@@ -58,22 +60,23 @@ std::string addressAt(const Bytes& packet, std::size_t at) {
 /// after the other, since the kernel gives each answer 2 s only; a busy build machine may still
 /// miss that, hence several attempts.
 int attachForSure(int line) {
-    constexpr int attempts = 5;
+    constexpr int attempts = 20;
     constexpr int lineDisciplineTty = 0;
     const UniqueFd hci(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI));
     for (int attempt = 0; attempt < attempts; ++attempt) {
+        tcflush(line, TCIOFLUSH);  // answers that came too late
         const int device = attachH4(line);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         bool begun = false;
         while (std::chrono::steady_clock::now() < deadline) {
             hci_dev_info info{};
             info.dev_id = static_cast<std::uint16_t>(device);
-            if (ioctl(hci.get(), HCIGETDEVINFO, &info) == 0) {
-                const bool running = hci_test_bit(HCI_RUNNING, &info.flags) != 0;
-                if (running && hci_test_bit(HCI_INIT, &info.flags) == 0) return device;
-                if (begun && !running) break;  // the kernel has given up
-                begun = running;
-            }
+            const bool running = ioctl(hci.get(), HCIGETDEVINFO, &info) == 0 &&
+                                 hci_test_bit(HCI_RUNNING, &info.flags) != 0;
+            // The kernel knows no such index until the controller has answered all.
+            if (manage(device, READ_INFO, {}) == 0) return device;
+            if (begun && !running) break;  // the kernel has given up
+            begun = running;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         ioctl(line, TIOCSETD, &lineDisciplineTty);

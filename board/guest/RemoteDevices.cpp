@@ -239,9 +239,9 @@ private:
             device.address =
                 proxy->getProperty("Address").onInterface(adapterInterface).get<std::string>();
             set(*proxy, "Powered", true);
+            set(*proxy, "Alias", std::string(device.character->name));
+            set(*proxy, "Discoverable", true);
         });
-        set(*proxy, "Alias", std::string(device.character->name));
-        set(*proxy, "Discoverable", true);
         setDeviceId(device.hci, *device.character);
         rememberEndpoints(device);
         if ((device.character->features & HID) != 0) {
@@ -283,7 +283,7 @@ private:
                                          " offers no audio sink");
             });
         }
-        Hci(device.hci).setClass(device.character->deviceClass);
+        eventually([&] { Hci(device.hci).setClass(device.character->deviceClass); });
         auto proxy = adapter(device);
         proxy->uponSignal("PropertiesChanged")
             .onInterface("org.freedesktop.DBus.Properties")

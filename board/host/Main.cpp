@@ -194,10 +194,10 @@ private:
             }
             begin();
         }
-        if (!begun_ && waited > 10min) {
+        if (!begun_ && waited > 30min) {
             throw std::runtime_error("the remote devices' console said:\n" + remote_.lastWords() +
                                      "the board's console said:\n" + board_.lastWords() +
-                                     "the board did not come up within 10 minutes");
+                                     "the board did not come up within 30 minutes");
         }
         if (commandRuns_ && options_.timeoutSeconds != 0 &&
             Clock::now() - began_ > std::chrono::seconds(options_.timeoutSeconds)) {
