@@ -20,8 +20,8 @@ int take(int from) { return fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, from); }
 /// limit stays open so: GDBus's thread closes some that it has used at a moment of its own, and
 /// each would be one more to have.
 std::vector<int> reserve() {
-    std::vector<int> descriptors;
-    for (int i = 0; i < mostLeft; ++i) descriptors.push_back(take(STDERR_FILENO + 1));
+    std::vector<int> descriptors(mostLeft);
+    for (int& descriptor : descriptors) descriptor = take(STDERR_FILENO + 1);
     return descriptors;
 }
 
