@@ -42,6 +42,10 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
     const auto socket = [](const char* id, const Link& link) {
         return std::string("socket,id=") + id + ",fd=" + std::to_string(link.theirs.get());
     };
+    // The machine's clock counts its instructions, 16 ns each, and goes with the real one only
+    // while the machine waits: its time limits, such as 2 s for an answer of a controller, hold
+    // however little of the build machine it gets.
+    const char* const clock = "shift=4,sleep=on";
     const std::vector<std::string> arguments{
         emulator,
         "-machine",
@@ -50,6 +54,8 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
         "1",
         "-m",
         "1024",
+        "-icount",
+        clock,
         "-nodefaults",
         "-no-reboot",
         "-display",
@@ -99,8 +105,8 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(1);
         setpgid(0, 0);
-        // The kernels inside have time limits of their own, such as 2 s for an answer of a
-        // controller: on a busy machine the emulators go first, where that is permitted.
+        // What one machine waits for is the other's work: on a busy build machine the emulators go
+        // first, where that is permitted.
         setpriority(PRIO_PROCESS, 0, -10);
         sigset_t none;
         sigemptyset(&none);
