@@ -70,7 +70,7 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
         files.initramfs,
         "-append",
         "console=ttymxc1,115200 quiet panic=-1 random.trust_bootloader=on "
-        "cryptomgr.notests=1 " +
+        "cryptomgr.notests=1 init_on_alloc=0 " +
             commandLine,
         "-chardev",
         socket("radio", radioLink),
