@@ -1,18 +1,13 @@
 #include "BluetoothManager.h"
 
 #include "Logging.h"
+#include "RadioWirings.h"
 #include "Shell.h"
 #include "hwcommon/fileUtil.h"
 
 #include <string>
 
-namespace {
-
-// Under /tmp: the setting survives a restart of the host process, but not a reboot, after which the
-// radio is off.
-constexpr char flagFile[] = "/tmp/bluetoothEnabled";
-
-}  // namespace
+using corvane::flagFile;
 
 bool BluetoothManager::getEnabled() const {
     if (!hwcommon::fileUtil::exists(flagFile)) return false;

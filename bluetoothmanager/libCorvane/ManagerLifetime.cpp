@@ -1,25 +1,13 @@
 #include "BluetoothManager.h"
 
 #include "Capabilities.h"
+#include "RadioWirings.h"
 #include "SystemBus.h"
 #include "SystemCalls.h"
 #include "hwcommon/DBusHardwareProxy.h"
 #include "hwcommon/DBusProxy.h"
 
 #include <sdbus-c++/sdbus-c++.h>
-
-namespace {
-
-// The number is fixed; its name is up to the host.
-constexpr auto lairdModel = static_cast<ModelType>(6);
-
-// The rows of the table of radio wirings, see RadioBringUp.cpp.
-int chooseHardwareVariant(ModelType modelType) {
-    if (modelType == lairdModel) return 1;
-    return Capabilities::getInstance().getProductFamily() == 1 ? 2 : 0;
-}
-
-}  // namespace
 
 BluetoothManager::BluetoothManager() {
     const corvane::StandardStreamsReserved reserved;
@@ -33,7 +21,8 @@ BluetoothManager::BluetoothManager() {
     }
     dbusProxy = std::make_unique<hwcommon::DBusProxy>(*sdbusConnection);
     modelType = eeprom->GetModelType();
-    hardwareVariant = chooseHardwareVariant(modelType);
+    hardwareVariant = static_cast<int>(corvane::radioWiringOf(
+        modelType, [] { return Capabilities::getInstance().getProductFamily(); }));
     if (const int lack = corvane::lackOfDescriptors(1); lack != 0) {
         throw std::system_error(lack, std::generic_category(), "BluetoothManager");
     }

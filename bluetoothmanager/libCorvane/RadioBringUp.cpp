@@ -1,6 +1,7 @@
 #include "BluetoothManager.h"
 
 #include "Logging.h"
+#include "RadioWirings.h"
 #include "Shell.h"
 #include "SystemCalls.h"
 #include "hwcommon/fileUtil.h"
@@ -8,7 +9,6 @@
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
 
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <ctime>
@@ -18,96 +18,20 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+using corvane::EnableLine;
+using corvane::RadioWiring;
 using corvane::runShell;
 
 namespace {
 
-#define CORVANE_MODULES "insmod /usr/lib/modules/`uname -r`/kernel/"
-constexpr char fnLinkModules[] =
-    CORVANE_MODULES "net/bluetooth/bluetooth.ko;" CORVANE_MODULES
-                    "drivers/bluetooth/bluetooth_uart_driver/hci_uart_rtk.ko;" CORVANE_MODULES
-                    "net/bluetooth/rfcomm/rfcomm.ko;";
-constexpr char lairdModules[] = CORVANE_MODULES "net/bluetooth/bluetooth.ko;" CORVANE_MODULES
-                                                "drivers/bluetooth/hci_uart.ko;" CORVANE_MODULES
-                                                "net/bluetooth/rfcomm/rfcomm.ko;";
-#undef CORVANE_MODULES
-
-// Three-wire (H5) mode at 115200 baud; start-stop-daemon puts it into the background.
-constexpr char fnLinkAttach[] =
-    "start-stop-daemon -S -b -q -m -p /var/run/rtk_hciattach.pid --exec /bin/rtk_hciattach -- "
-    "-n -s 115200 /dev/ttyS1 rtk_h5";
-constexpr char fnLinkDetach[] = "hciconfig hci0 down; /sbin/kill_and_wait.sh rtk_hciattach";
-
-constexpr unsigned maxLines = 3;
-
-/// One enable line of a wiring.
-struct EnableLine {
-    unsigned pin;      // GPIO number
-    const char* name;  // as logged; null: not named, driven without a look at its level or a record
-    bool shared;       // also powers the Wi-Fi: an ordinary switch-off leaves it up
-};
-
-/// A radio module and how it is wired. The row's index is BluetoothManager's hardwareVariant.
-struct RadioWiring {
-    std::array<EnableLine, maxLines> lines;
-    unsigned lineCount;
-    const char* loadingMessage;
-    bool waitsForWifi;  // its modules are loaded after the Wi-Fi's interface has come
-    const char* modules;
-    const char* attach;
-    const char* detach;
-    bool attachRaisesDevice;   // otherwise hciUp() does
-    const char* attachMarker;  // line of the kernel log that marks a finished attach
-};
-
-constexpr char h4Marker[] = "HCI UART protocol H4 registered";
-
-constexpr std::array<RadioWiring, 3> wirings{{
-    // FN-link module (Realtek controller)
-    {{{{48, "WIFIBT_EN", true}, {153, nullptr, false}, {154, nullptr, false}}},
-     3,
-     " : loading FN-link drivers",
-     false,
-     fnLinkModules,
-     fnLinkAttach,
-     fnLinkDetach,
-     false,
-     "rtk_btcoex: -x"},
-    // Laird ST60-SIPT module
-    {{},
-     0,
-     " : loading Laird ST60-SIPT drivers...",
-     true,
-     lairdModules,
-     "/bin/hciattach /dev/ttyS1 any -s 3000000 3000000 flow dtron;hciconfig hci0 up",
-     "hciconfig hci0 down; /sbin/kill_and_wait.sh hciattach",
-     true,
-     h4Marker},
-    // FN-link module, board with a single Bluetooth enable line
-    {{{{49, "BT_EN", false}}},
-     1,
-     " : loading FN-link drivers",
-     false,
-     fnLinkModules,
-     fnLinkAttach,
-     fnLinkDetach,
-     false,
-     h4Marker},
-}};
-
 const RadioWiring& wiringOf(int hardwareVariant) {
-    return wirings.at(static_cast<std::size_t>(hardwareVariant));
+    return corvane::radioWirings.at(static_cast<std::size_t>(hardwareVariant));
 }
 
 // The number is fixed; its name is up to the host's GPIO library.
 constexpr auto output = static_cast<GPIO::Direction>(1);
 
-constexpr char wifiInterface[] = "/sys/class/net/wlan0";
-constexpr unsigned wifiPolls = 21;
-constexpr unsigned wifiPoll = 250;  // milliseconds
-
 constexpr std::string_view hciName = "hci0";
-constexpr char hciDevice[] = "/sys/class/bluetooth/hci0";
 constexpr unsigned upAttempts = 10;
 constexpr timespec upPause{0, 500'000'000};
 
@@ -129,7 +53,7 @@ void sleepUninterrupted(timespec remaining) {
 bool BluetoothManager::initGPIOs() {
     const RadioWiring& wiring = wiringOf(hardwareVariant);
     bool success = true;
-    for (unsigned i = 0; i < wiring.lineCount; ++i) {
+    for (std::size_t i = 0; i < wiring.lineCount; ++i) {
         const unsigned pin = wiring.lines.at(i).pin;
         if (gpioManager.exportPin(pin) != 1) success = false;
         if (gpioManager.setDirection(pin, output) != 1) success = false;
@@ -141,7 +65,7 @@ bool BluetoothManager::enableGpio(bool enable, bool forced) {
     const RadioWiring& wiring = wiringOf(hardwareVariant);
     const int level = enable ? 1 : 0;
     bool success = true;
-    for (unsigned i = 0; i < wiring.lineCount; ++i) {
+    for (std::size_t i = 0; i < wiring.lineCount; ++i) {
         const EnableLine& line = wiring.lines.at(i);
         // Deliberate: an ordinary switch-off leaves the shared line up, the Wi-Fi lives on it. Held
         // by EnableGpio.LeavesTheSharedLineUpUnlessForced.
@@ -161,16 +85,22 @@ void BluetoothManager::loadModules(bool load) {
         runShell("modprobe -r hci_uart_rtk hci_uart rfcomm bluetooth");
         return;
     }
-    if (hwcommon::fileUtil::exists(hciDevice)) return;
+    if (hwcommon::fileUtil::exists(corvane::hciDevice)) return;
     const RadioWiring& wiring = wiringOf(hardwareVariant);
     CORVANE_DEBUG("loadModules" << wiring.loadingMessage);
     if (wiring.waitsForWifi) {
         // The modules are loaded even when the interface never comes.
-        for (unsigned i = 0; i < wifiPolls && !hwcommon::fileUtil::exists(wifiInterface); ++i) {
-            if (waitCondition.wait(wifiPoll, false) != corvane::waitTimedOut) break;
+        for (unsigned i = 0;
+             i < corvane::wifiPolls && !hwcommon::fileUtil::exists(corvane::wifiInterface); ++i) {
+            if (waitCondition.wait(corvane::wifiPoll, false) != corvane::waitTimedOut) break;
         }
     }
-    runShell(wiring.modules);
+    std::string commandLine;
+    for (const char* module :
+         {corvane::bluetoothModule, wiring.serialDriver, corvane::rfcommModule}) {
+        commandLine += std::string("insmod /usr/lib/modules/`uname -r`/kernel/") + module + ";";
+    }
+    runShell(commandLine);
 }
 
 bool BluetoothManager::hciattach(bool attach) {

@@ -3,6 +3,7 @@
 #include "Bluez.h"
 #include "Capabilities.h"
 #include "Logging.h"
+#include "RadioWirings.h"
 #include "Shell.h"
 #include "SystemBus.h"
 #include "hwcommon/DBusProxy.h"
@@ -15,21 +16,12 @@ namespace {
 constexpr unsigned busNameTimeout = 5000;  // milliseconds
 constexpr char messageBusName[] = "org.freedesktop.DBus";
 
-// In the background, with the compatibility interface and without the input plug-in: the HID daemon
-// serves those.
-constexpr char daemonStart[] =
-    "start-stop-daemon -S -b -q -m -p /var/run/bluetoothd.pid -x "
-    "/usr/libexec/bluetooth/bluetoothd -- --compat --noplugin=input";
-constexpr char daemonStop[] = "/sbin/kill_and_wait.sh bluetoothd";
+std::string startOf(const corvane::Daemon& daemon) {
+    return std::string("start-stop-daemon -S -b -q -m -p ") + daemon.pidFile + " -x " +
+           daemon.program;
+}
 
-constexpr char hidStart[] =
-    "start-stop-daemon -S -b -q -m -p /var/run/hw_bluez_hid.pid -x /bin/hw_bluez_hid ";
-constexpr char hidStop[] = "/sbin/kill_and_wait.sh hw_bluez_hid;";
-constexpr char audioStart[] =
-    "start-stop-daemon -S -b -q -m -p /var/run/bluealsa.pid -x /bin/bluealsa;"
-    "export DBUS_SESSION_BUS_ADDRESS=unix:path=/var/run/dbus/system_bus_socket;";
-constexpr char audioStop[] = "killall bluealsa;";
-constexpr int familyWithoutAudioBridge = 1;
+std::string stopOf(const char* daemon) { return std::string(corvane::killAndWait) + " " + daemon; }
 
 // Major class computer, service class limited discoverable mode (Bluetooth Assigned Numbers,
 // Baseband).
@@ -39,10 +31,11 @@ constexpr std::uint32_t adapterClass = 0x2100;
 
 bool BluetoothManager::setBluetoothDaemon(bool on) {
     if (!on) {
-        runShell(daemonStop);
+        runShell(stopOf("bluetoothd"));
         return true;
     }
-    runShell(daemonStart);
+    // With the compatibility interface and without the input plug-in: the HID daemon serves those.
+    runShell(startOf(corvane::bluezDaemon) + " -- --compat --noplugin=input");
     if (dbusProxy->waitUntilDBusNameExist(corvane::bluez::busName, busNameTimeout)) return true;
     CORVANE_ERROR("setBluetoothDaemon"
                   << " : Cannot start bluetooth daemon!");
@@ -51,15 +44,20 @@ bool BluetoothManager::setBluetoothDaemon(bool on) {
 
 void BluetoothManager::setBluetoothServices(bool on) const {
     const bool audioBridge =
-        Capabilities::getInstance().getProductFamily() != familyWithoutAudioBridge;
+        Capabilities::getInstance().getProductFamily() != corvane::familyWithoutAudioBridge;
     std::string commandLine;
     if (on) {
-        commandLine = hidStart + std::to_string(eeprom->GetBoardRevision()) + " " +
+        commandLine = startOf(corvane::hidDaemon) + " " +
+                      std::to_string(eeprom->GetBoardRevision()) + " " +
                       quoted(GetModelNameStringExternal(eeprom->GetModelType())) + " --no-close;";
-        if (audioBridge) commandLine += audioStart;
+        if (audioBridge) {
+            commandLine +=
+                startOf(corvane::audioBridge) +
+                ";export DBUS_SESSION_BUS_ADDRESS=unix:path=" + corvane::systemBusSocket + ";";
+        }
     } else {
-        if (audioBridge) commandLine = audioStop;
-        commandLine += hidStop;
+        if (audioBridge) commandLine = "killall bluealsa;";
+        commandLine += stopOf("hw_bluez_hid") + ";";
     }
     runShell(commandLine);
 }

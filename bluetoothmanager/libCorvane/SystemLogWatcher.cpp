@@ -2,6 +2,7 @@
 
 #include "Handles.h"
 #include "Logging.h"
+#include "RadioWirings.h"
 #include "Shell.h"
 #include "SystemCalls.h"
 
@@ -18,8 +19,7 @@
 
 namespace {
 
-constexpr char snapshotFile[] = "/tmp/messages_ref";
-constexpr char snapshot[] = "cp /var/log/messages /tmp/messages_ref";
+constexpr const char* snapshotFile = corvane::systemLogSnapshot;
 constexpr unsigned pollInterval =
     250;  // milliseconds; bounds the cost of a shell, diff and grep over the whole log
 
@@ -35,7 +35,7 @@ bool isOwnSnapshot() {
 /// @return false when the snapshot's place could not be had
 bool takeSnapshot() {
     if (isOwnSnapshot()) {
-        corvane::runShell(snapshot);
+        corvane::runShell(std::string("cp ") + corvane::systemLog + " " + snapshotFile);
         return true;
     }
     unlink(snapshotFile);
@@ -45,7 +45,7 @@ bool takeSnapshot() {
     // An impossible time of change: cp leaves it alone when it has nothing to copy.
     const std::array<timespec, 2> untouched{};
     futimens(created, untouched.data());
-    corvane::runShell(snapshot);
+    corvane::runShell(std::string("cp ") + corvane::systemLog + " " + snapshotFile);
     struct stat status {};
     if (fstat(created, &status) == 0 && status.st_mtim.tv_sec == 0) unlink(snapshotFile);
     close(created);
@@ -79,7 +79,8 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
 
     // Quoted, so that a single quote in the pattern ends neither the word nor the command.
     const std::string command =
-        "diff /var/log/messages /tmp/messages_ref | grep " + corvane::quoted(pattern);
+        std::string("diff ") + corvane::systemLog + " " + snapshotFile + " | grep " +
+        corvane::quoted(pattern);
     while (true) {
         // What a stranger keeps in the snapshot's place is not compared: it may be a FIFO.
         if (const corvane::PipePtr pipe{comparable ? popen(command.c_str(), "r") : nullptr}) {
@@ -97,7 +98,7 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
         if (std::int64_t{timeout} < elapsed) {
             CORVANE_ERROR("execAndWaitForSystemLog"
                           << " : Timeout while waiting for '" << pattern
-                          << "' in /var/log/messages");
+                          << "' in " << corvane::systemLog);
             return false;
         }
         if (waitCondition.wait(pollInterval, false) != corvane::waitTimedOut) return false;

@@ -1,17 +1,10 @@
 #include "BluetoothManager.h"
 
+#include "RadioWirings.h"
 #include "bluetoothRequests/ScanBluetoothRequest.h"
 
 #include <chrono>
 #include <utility>
-
-namespace {
-
-// Twice what BlueZ needs for a round: it looks for LE devices for 5.1 s before the classic ones
-// (seen with BlueZ 5.66).
-constexpr std::chrono::milliseconds scanLength{10000};
-
-}  // namespace
 
 ScanBluetoothRequest::ScanBluetoothRequest() : BluetoothRequest(nullptr) {
     requestName = "ScanBluetoothRequest";
@@ -38,7 +31,7 @@ void ScanBluetoothRequest::executeRequest() {
             result = REQUEST_FAILED;
             break;
         }
-        if (duration_cast<milliseconds>(steady_clock::now() - start) > scanLength) {
+        if (duration_cast<milliseconds>(steady_clock::now() - start) > corvane::scanLength) {
             result = REQUEST_SUCCESS;
             break;
         }

@@ -1,5 +1,6 @@
 #include "BluetoothManager.h"
 
+#include "RadioWirings.h"
 #include "bluetoothRequests/WaitBluetoothPairingRequest.h"
 
 #include <atomic>
@@ -9,7 +10,6 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds waitLength{60000};
 constexpr int discoverableSeconds = 300;
 
 BluetoothRequestAnswers waitUntilConnected(BluetoothManager& manager, const std::string& deviceName,
@@ -25,7 +25,7 @@ BluetoothRequestAnswers waitUntilConnected(BluetoothManager& manager, const std:
         manager.scanDevicesInfo();
         const bool found = manager.searchForDevicesName(CONNECTED_DEVICES, deviceName);
         // The time comes before the find: a device that turns up as the time runs out is too late.
-        if (duration_cast<milliseconds>(steady_clock::now() - start) > waitLength) {
+        if (duration_cast<milliseconds>(steady_clock::now() - start) > corvane::pairingLength) {
             return REQUEST_TIMEOUT;
         }
         if (found) return REQUEST_SUCCESS;
