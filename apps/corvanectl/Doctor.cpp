@@ -1,22 +1,19 @@
-#include "BoardNeeds.h"
-#include "Groups.h"
+#include "RadioWirings.h"
 #include "Session.h"
 #include "Text.h"
 #include "hwcommon/fileUtil.h"
 
-#include <gpiod.h>
-
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <optional>
-#include <set>
-#include <sstream>
 
+#include <fcntl.h>
+#include <linux/gpio.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -27,44 +24,27 @@ namespace {
 
 namespace fs = std::filesystem;
 
-enum class Verdict { ok, warning, problem, unused };
+enum class Verdict { ok, warning, problem };
 
 struct VerdictRow {
     const char* name;
     const char* label;
 };
 
-constexpr std::array<VerdictRow, 4> verdictRows{
-    {{"ok", "ok      "}, {"warning", "warning "}, {"problem", "PROBLEM "}, {"unused", "unused  "}}};
+constexpr std::array<VerdictRow, 3> verdictRows{
+    {{"ok", "ok      "}, {"warning", "warning "}, {"problem", "PROBLEM "}}};
 
 struct Finding {
     std::string lookedFor;
     std::string purpose;
     std::string found;
-    Verdict verdict;
-    std::string remedy;  // empty when all is well
+    Verdict verdict = Verdict::ok;
+    std::string remedy = {};  // empty when all is well
 };
 
-using Findings = std::vector<Finding>;
+constexpr char switchAgain[] = "corvanectl off, then corvanectl on; see the system log";
 
-struct Wiring {
-    const char* name;
-    std::vector<unsigned> lines;
-};
-
-const std::array<Wiring, 3>& wirings() {
-    static const std::array<Wiring, 3> table{{{"0: FN-link, three enable lines", {48, 153, 154}},
-                                              {"1: Laird ST60-SIPT", {}},
-                                              {"2: FN-link, one enable line", {49}}}};
-    return table;
-}
-
-/// What is known before anything is looked at.
-struct Board {
-    std::optional<unsigned> wiring;
-    std::optional<int> family;
-    bool on = false;  // by the persisted setting
-};
+std::string systemError() { return std::strerror(errno); }
 
 std::string firstLineOf(const fs::path& file) {
     std::ifstream stream(file);
@@ -73,355 +53,316 @@ std::string firstLineOf(const fs::path& file) {
     return line;
 }
 
-Finding good(const std::string& what, const std::string& purpose, const std::string& found) {
-    return {what, purpose, found, Verdict::ok, ""};
-}
+/// Looks at everything that the library relies on, but touches nothing.
+class Doctor {
+public:
+    explicit Doctor(Host& boardHost) : host(boardHost) {}
 
-/// The manager's rule: the Laird module for model C600, otherwise by the product family.
-unsigned wiringOf(const eepromXML& identity) {
-    if (identity.GetModelType() == MODEL_C600) return 1;
-    return identity.GetProductFamily() == familyWithoutAudioBridge ? 2 : 0;
-}
-
-void examineIdentity(Session& session, Board& board, Findings& findings) {
-    constexpr char what[] = "org.corvane.Hardware";
-    constexpr char purpose[] = "the hardware service, tells the board's identity";
-    try {
-        const eepromXML& identity = session.identity();
-        board.wiring = wiringOf(identity);
-        board.family = identity.GetProductFamily();
-        std::string found = GetModelNameStringExternal(identity.GetModelType()) + ", family " +
-                            std::to_string(identity.GetProductFamily()) + ", revision " +
-                            std::to_string(identity.GetBoardRevision()) + ", serial number " +
-                            inQuotes(identity.GetSerialNumberString(true));
-        if (identity.IsValid()) {
-            findings.push_back(good(what, purpose, found));
-        } else {
-            findings.push_back({what, purpose, found + "; incomplete", Verdict::warning,
-                                "correct the identity: see the log with --log-level error"});
+    std::vector<Finding> examine() {
+        judge(geteuid() == 0 ? "" : "not root",
+              {"user", "may load modules and use raw HCI", "root"}, "run as root");
+        identity();
+        setting();
+        tools();
+        files();
+        if (wiring != nullptr) {
+            modules();
+            lines();
         }
-        findings.push_back(
-            good("wiring", "how the radio is powered and attached", wirings()[*board.wiring].name));
-    } catch (const Failure& failure) {
-        findings.push_back({what, purpose, failure.what(), Verdict::problem,
-                            failure.status == ExitStatus::noBus ? "start dbus-daemon"
-                                                                : "start the hardware service"});
+        bus();
+        rfkill();
+        return std::move(findings);
     }
-}
 
-void examineBus(Session& session, const Board& board, Findings& findings) {
-    struct Name {
-        const char* name;
-        const char* purpose;
-        Verdict missing;
-        const char* remedy;
-    };
-    const Verdict missing = board.on ? Verdict::problem : Verdict::ok;
-    const std::array<Name, 3> names{
-        {{"org.freedesktop.DBus", "the message bus itself", Verdict::problem, "start dbus-daemon"},
-         {"org.bluez", "BlueZ", missing, "corvanectl off, then corvanectl on"},
-         {"org.corvane.BluetoothHid", "the HID service", missing,
-          "corvanectl off, then corvanectl on; see the system log for /bin/hw_bluez_hid"}}};
-    for (const Name& name : names) {
-        const std::string what = name.name;
+private:
+    /// @param lack  what is wrong; empty when `good` was found
+    void judge(const std::string& lack, Finding good, const std::string& remedy,
+               Verdict verdict = Verdict::problem) {
+        if (!lack.empty()) {
+            good.found = lack;
+            good.verdict = verdict;
+            good.remedy = remedy;
+        }
+        findings.push_back(std::move(good));
+    }
+
+    void identity() {
+        Finding finding{hardwareName, "the hardware service, tells the board's identity", ""};
         try {
-            if (session.isOnTheBus(what)) {
-                findings.push_back(good(what, name.purpose, "on the bus"));
-            } else {
-                const bool fine = name.missing == Verdict::ok;
-                findings.push_back(
-                    {what, name.purpose,
-                     std::string("not on the bus") + (fine ? ", as long as Bluetooth is off" : ""),
-                     name.missing, fine ? "" : name.remedy});
-            }
+            const eepromXML& board = host.identity();
+            family = board.GetProductFamily();
+            wiring = &corvane::radioWirings.at(
+                corvane::radioWiringOf(board.GetModelType(), [this] { return family; }));
+            finding.found = escaped(GetModelNameStringExternal(board.GetModelType())) +
+                            ", family " + std::to_string(family) + ", revision " +
+                            std::to_string(board.GetBoardRevision()) + ", serial number " +
+                            inQuotes(board.GetSerialNumberString(false));
+            judge(board.IsValid() ? "" : finding.found + "; incomplete", finding,
+                  "correct the identity: see the log with --log-level error", Verdict::warning);
+            judge("", {"wiring", "how the radio is powered and attached", wiring->name}, "");
         } catch (const Failure& failure) {
-            findings.push_back(
-                {what, name.purpose, failure.what(), Verdict::problem, "start dbus-daemon"});
+            judge(failure.what(), finding,
+                  failure.status == ExitStatus::noBus ? "start dbus-daemon"
+                                                      : "start the hardware service");
         }
     }
-}
 
-/// Whether a policy of the system bus names a service.
-std::string policyFor(const std::string& name) {
-    for (const char* folder : {"/etc/dbus-1/system.d", "/usr/share/dbus-1/system.d"}) {
+    void setting() {
+        Finding finding{"setting", "its content: 1 for on, 0 for off",
+                        "not set since the last boot"};
+        std::string lack;
+        if (hwcommon::fileUtil::exists(corvane::flagFile)) {
+            std::string text;
+            if (!hwcommon::fileUtil::getFileContent(corvane::flagFile, text)) {
+                lack = "cannot be read";
+            }
+            char* end = nullptr;
+            on = std::strtol(text.c_str(), &end, 10) == 1;
+            finding.found = on ? "on" : "off";
+            if (end == text.c_str()) lack = "no number: " + inQuotes(text.substr(0, 40));
+        }
+        judge(lack, finding, std::string("rm ") + corvane::flagFile);
+    }
+
+    void tools() {
+        struct Tool {
+            const char* name;
+            const char* package;
+        };
+        const char* const variable = std::getenv("PATH");
+        const std::string path = variable == nullptr ? "/usr/bin:/bin" : variable;
+        for (const Tool& tool :
+             {Tool{"rfkill", "rfkill"}, Tool{"insmod", "kmod"}, Tool{"modprobe", "kmod"},
+              Tool{"uname", "coreutils"}, Tool{"hciconfig", "bluez, with its deprecated tools"},
+              Tool{"start-stop-daemon", "dpkg"}, Tool{"killall", "psmisc"}, Tool{"cp", "coreutils"},
+              Tool{"diff", "diffutils"}, Tool{"grep", "grep"}}) {
+            std::string found;
+            for (std::size_t at = 0; found.empty() && at < path.size();) {
+                const std::size_t end = std::min(path.find(':', at), path.size());
+                const std::string file = path.substr(at, end - at) + '/' + tool.name;
+                if (access(file.c_str(), X_OK) == 0) found = file;
+                at = end + 1;
+            }
+            judge(found.empty() ? "not in PATH" : "",
+                  {tool.name, "a command that the library runs", found},
+                  std::string("install the package ") + tool.package +
+                      ", or busybox with this applet");
+        }
+    }
+
+    /// Looks for a file of a kind. What `wrongKind` says counts where it is there.
+    void file(const char* path, const char* purpose, mode_t kind, int mode, const char* wrongKind,
+              const char* remedy) {
+        struct stat status {};
+        std::string lack;
+        if (stat(path, &status) == 0 && (status.st_mode & S_IFMT) != kind) {
+            lack = wrongKind;
+        } else if (access(path, mode) != 0) {
+            lack = systemError();
+        }
+        judge(lack, {path, purpose, "there"}, remedy);
+    }
+
+    void program(const char* path, const char* purpose, const char* remedy) {
+        file(path, purpose, S_IFREG, X_OK, "not a program", remedy);
+    }
+
+    void files() {
+        program(corvane::killAndWait, "stops the daemons",
+                "install the board's script that ends a program by name and waits for its end");
+        program(corvane::bluezDaemon.program, "the BlueZ daemon",
+                "install BlueZ, its daemon at this path");
+        program(corvane::hidDaemon.program, "the HID daemon",
+                "install the board's HID daemon at this path");
+        if (family != corvane::familyWithoutAudioBridge) {
+            program(corvane::audioBridge.program, "the audio bridge",
+                    "install bluealsa at this path");
+        }
+        file(corvane::serialLine, "the controller's serial line", S_IFCHR, R_OK | W_OK,
+             "not a character device",
+             "enable the serial port in the device tree; it has to appear, or be linked, at this "
+             "path");
+        file(corvane::systemLog, "the system log", S_IFREG, R_OK, "not a file",
+             "run a system log daemon that writes there, kernel messages included");
+        file(corvane::systemBusSocket, "the bus that the audio bridge is told", S_IFSOCK, W_OK,
+             "not a socket", "start dbus-daemon for the system bus");
+        for (const char* path : {corvane::systemLogSnapshot, corvane::flagFile,
+                                 corvane::bluezDaemon.pidFile, corvane::hidDaemon.pidFile,
+                                 corvane::audioBridge.pidFile, corvane::realtekAttach.pidFile}) {
+            struct stat status {};
+            const std::string folder = fs::path(path).parent_path();
+            const bool there = lstat(path, &status) == 0;
+            std::string lack;
+            if (access(folder.c_str(), W_OK) != 0) lack = folder + ": " + systemError();
+            if (there && !S_ISREG(status.st_mode)) lack = "not a file";
+            judge(lack, {path, "written by the library", there ? "there" : "not there yet"},
+                  "make the folder writable, or remove what others left at this path");
+        }
+        const bool adapter = fs::exists(corvane::hciDevice);
+        judge(on && !adapter ? "not there" : "",
+              {corvane::hciDevice, "the adapter",
+               adapter ? "there" : "not there, as long as Bluetooth is off"},
+              switchAgain);
+    }
+
+    void modules() {
+        const bool laird = wiring->waitsForWifi;
+        utsname kernel{};
+        uname(&kernel);
+        const std::array<const char*, 3> paths{corvane::bluetoothModule, wiring->serialDriver,
+                                               corvane::rfcommModule};
+        constexpr std::array<const char*, 3> purposes{"Bluetooth in the kernel",
+                                                      "the serial driver", "serial connections"};
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            const char* const path = paths.at(i);
+            const std::string file =
+                std::string("/usr/lib/modules/") + kernel.release + "/kernel/" + path;
+            // Two drivers of one name: what is loaded does not tell which.
+            std::string name = fs::path(path).stem();
+            if (name == "hci_uart_rtk" && !fs::exists("/sys/module/" + name)) name = "hci_uart";
+            const bool loaded = fs::exists("/sys/module/" + name);
+            std::string lack = access(file.c_str(), R_OK) == 0 ? "" : systemError();
+            if (!lack.empty() && loaded) lack += ", but loaded or built in";
+            judge(lack, {file, purposes.at(i), loaded ? "there, loaded" : "there, not loaded"},
+                  "install the modules of the kernel that runs, not compressed, and run depmod",
+                  loaded ? Verdict::warning : Verdict::problem);
+        }
+        if (!laird) {
+            program(corvane::realtekAttach.program, "attaches the Realtek controller",
+                    "install the radio module's attach program at this path");
+            return;
+        }
+        program(corvane::hciattachProgram, "attaches the controller",
+                "install BlueZ with its deprecated tools, hciattach at this path");
+        judge(fs::exists(corvane::wifiInterface) ? "" : "not there",
+              {corvane::wifiInterface, "the Wi-Fi, waited for before the modules", "there"},
+              "load the Wi-Fi's driver before");
+    }
+
+    /// The chips count their lines one behind the other.
+    void lines() {
+        for (std::size_t i = 0; i < wiring->lineCount; ++i) {
+            unsigned offset = wiring->lines.at(i).pin;
+            Finding finding{"GPIO " + std::to_string(offset), "powers the radio", ""};
+            std::string lack = "no such line";
+            std::string remedy =
+                "load the GPIO controller's driver, with character devices; chips count in order";
+            for (unsigned number = 0;; ++number) {
+                const std::string path = "/dev/gpiochip" + std::to_string(number);
+                const int chip = open(path.c_str(), O_RDWR | O_CLOEXEC);
+                gpiochip_info info{};
+                if (chip == -1 || ioctl(chip, GPIO_GET_CHIPINFO_IOCTL, &info) == -1) break;
+                gpioline_info line{};
+                line.line_offset = offset;
+                const bool here = offset < info.lines;
+                const bool known = here && ioctl(chip, GPIO_GET_LINEINFO_IOCTL, &line) == 0;
+                close(chip);
+                if (!here) {
+                    offset -= info.lines;
+                    continue;
+                }
+                const bool output = (line.flags & GPIOLINE_FLAG_IS_OUT) != 0;
+                finding.found = path + " line " + std::to_string(offset) +
+                                (output ? ", output" : ", input") + ", free";
+                lack = !known ? path + ": " + systemError()
+                       : (line.flags & GPIOLINE_FLAG_KERNEL) != 0
+                           ? "held by " + inQuotes(line.consumer)
+                           : "";
+                remedy =
+                    "a line serves one holder: leave the program that holds it, unless that is "
+                    "the host application";
+                break;
+            }
+            const bool held = lack.compare(0, 4, "held") == 0;
+            judge(lack, finding, remedy, held ? Verdict::warning : Verdict::problem);
+        }
+    }
+
+    void bus() {
+        struct Name {
+            const char* name;
+            const char* purpose;
+            bool always;
+        };
+        for (const Name& row :
+             {Name{"org.freedesktop.DBus", "the message bus itself", true},
+              Name{bluezName, "BlueZ", false}, Name{hidName, "the HID service", false}}) {
+            Finding finding{row.name, row.purpose, "on the bus"};
+            try {
+                const bool there = host.isOnTheBus(row.name);
+                if (!there) finding.found = "not on the bus, as long as Bluetooth is off";
+                judge(there || (!on && !row.always) ? "" : "not on the bus", finding, switchAgain);
+            } catch (const Failure& failure) {
+                judge(failure.what(), finding, "start dbus-daemon");
+            }
+        }
+        for (const std::string name : {"org.bluez", "org.corvane."}) {
+            std::string policy;
+            for (const char* folder : {"/etc/dbus-1/system.d", "/usr/share/dbus-1/system.d"}) {
+                std::error_code error;
+                for (const auto& entry : fs::directory_iterator(folder, error)) {
+                    if (contentOf(entry.path()).find('"' + name) != std::string::npos) {
+                        policy = entry.path();
+                    }
+                }
+            }
+            judge(policy.empty() ? "none" : "",
+                  {"bus policy for " + name, "who may own and call it", policy},
+                  "install its policy file to /usr/share/dbus-1/system.d", Verdict::warning);
+        }
+    }
+
+    void rfkill() {
+        Finding finding{"rfkill", "blocks a radio", "no Bluetooth radio attached"};
         std::error_code error;
-        for (const auto& entry : fs::directory_iterator(folder, error)) {
-            std::ifstream stream(entry.path());
-            std::ostringstream text;
-            text << stream.rdbuf();
-            if (text.str().find('"' + name) != std::string::npos) return entry.path();
+        for (const auto& entry : fs::directory_iterator("/sys/class/rfkill", error)) {
+            if (firstLineOf(entry.path() / "type") != "bluetooth") continue;
+            const bool hard = firstLineOf(entry.path() / "hard") == "1";
+            const bool soft = firstLineOf(entry.path() / "soft") == "1";
+            finding.lookedFor = "rfkill " + escaped(firstLineOf(entry.path() / "name"));
+            finding.found = "not blocked";
+            judge(hard   ? "blocked by hardware"
+                  : soft ? "blocked by software"
+                         : "",
+                  finding,
+                  hard ? "use the switch or line that blocks it" : "rfkill unblock bluetooth",
+                  hard || on ? Verdict::problem : Verdict::warning);
+            return;
         }
+        judge("", finding, "");
     }
-    return "";
-}
 
-void examinePolicy(Findings& findings) {
-    for (const char* name : {"org.bluez", "org.corvane."}) {
-        const std::string file = policyFor(name);
-        const std::string what = std::string("bus policy for ") + name;
-        if (!file.empty()) {
-            findings.push_back(good(what, "who may own and call it", file));
-        } else {
-            findings.push_back({what, "who may own and call it", "none", Verdict::warning,
-                                "install its policy file to /usr/share/dbus-1/system.d"});
-        }
-    }
-}
-
-Finding examineTool(const BoardNeed& need) {
-    const char* const path = std::getenv("PATH");
-    std::istringstream folders(path == nullptr ? "/usr/bin:/bin" : path);
-    for (std::string folder; std::getline(folders, folder, ':');) {
-        const std::string file = folder + '/' + need.path;
-        if (access(file.c_str(), X_OK) == 0) return good(need.path, need.purpose, file);
-    }
-    return {need.path, need.purpose, "not in PATH", Verdict::problem, need.remedy};
-}
-
-std::string systemError() { return std::strerror(errno); }
-
-Finding examineModule(const BoardNeed& need) {
-    utsname kernel{};
-    uname(&kernel);
-    const std::string file =
-        std::string("/usr/lib/modules/") + kernel.release + "/kernel/" + need.path;
-    // Two drivers of one name: what is loaded does not tell which.
-    std::string module = fs::path(need.path).stem();
-    if (module == "hci_uart_rtk" && !fs::exists("/sys/module/hci_uart_rtk")) module = "hci_uart";
-    const bool loaded = fs::exists("/sys/module/" + module);
-    if (access(file.c_str(), R_OK) == 0) {
-        return good(file, need.purpose, loaded ? "there, loaded" : "there, not loaded");
-    }
-    const std::string found = systemError();
-    if (loaded) {
-        return {file, need.purpose, found + ", but loaded or built in", Verdict::warning,
-                need.remedy};
-    }
-    return {file, need.purpose, found, Verdict::problem, need.remedy};
-}
-
-Finding examineFile(const BoardNeed& need) {
-    Finding wrong{need.path, need.purpose, "", Verdict::problem, need.remedy};
-    const auto with = [](Finding finding, const std::string& found) {
-        finding.found = found;
-        return finding;
-    };
-    struct stat status {};
-    const bool there = stat(need.path, &status) == 0;
-    const std::string missing = there ? "" : systemError();
-    switch (need.kind) {
-        case NeedKind::tool:
-        case NeedKind::module:
-            break;
-        case NeedKind::program:
-            if (!there) return with(wrong, missing);
-            if (!S_ISREG(status.st_mode)) return with(wrong, "not a file");
-            if (access(need.path, X_OK) != 0) return with(wrong, "not executable");
-            return good(need.path, need.purpose, "there");
-        case NeedKind::character:
-            if (!there) return with(wrong, missing);
-            if (!S_ISCHR(status.st_mode)) return with(wrong, "not a character device");
-            return good(need.path, need.purpose, "there");
-        case NeedKind::log:
-            if (!there) return with(wrong, missing);
-            if (!S_ISREG(status.st_mode)) return with(wrong, "not a file");
-            if (access(need.path, R_OK) != 0) return with(wrong, systemError());
-            return good(need.path, need.purpose, std::to_string(status.st_size) + " bytes");
-        case NeedKind::ours: {
-            const std::string folder = fs::path(need.path).parent_path();
-            if (access(folder.c_str(), W_OK) != 0)
-                return with(wrong, folder + ": " + systemError());
-            struct stat link {};
-            if (lstat(need.path, &link) == 0 && !S_ISREG(link.st_mode)) {
-                return with(wrong, "not a file");
-            }
-            return good(need.path, need.purpose, there ? "there" : "not there yet");
-        }
-        case NeedKind::present:
-            if (there) return good(need.path, need.purpose, "there");
-            return {need.path, need.purpose, missing,
-                    *need.remedy == '\0' ? Verdict::ok : Verdict::problem, need.remedy};
-    }
-    return wrong;
-}
-
-Finding examineNeed(const BoardNeed& need, const Board& board) {
-    Finding finding = need.kind == NeedKind::tool     ? examineTool(need)
-                      : need.kind == NeedKind::module ? examineModule(need)
-                                                      : examineFile(need);
-    const bool unused =
-        (board.wiring && (need.wirings & (1U << *board.wiring)) == 0) ||
-        (board.family == familyWithoutAudioBridge && need.path == std::string(audioBridge));
-    if (board.on && need.path == std::string(adapter) && !fs::exists(adapter)) {
-        finding.verdict = Verdict::problem;
-        finding.remedy = "corvanectl off, then corvanectl on; see the system log";
-    }
-    if (unused) {
-        finding.verdict = Verdict::unused;
-        finding.remedy = "";
-    } else if (!board.wiring && need.wirings != allWirings && finding.verdict == Verdict::problem) {
-        finding.verdict = Verdict::warning;
-        finding.found += "; not every board needs it";
-    }
-    return finding;
-}
-
-void examineSetting(Board& board, Findings& findings) {
-    constexpr char file[] = "/tmp/bluetoothEnabled";
-    constexpr char purpose[] = "its content: 1 for on, 0 for off";
-    std::string text;
-    if (!hwcommon::fileUtil::exists(file)) {
-        findings.push_back(good("setting", purpose, "not set since the last boot"));
-        return;
-    }
-    if (!hwcommon::fileUtil::getFileContent(file, text)) {
-        findings.push_back(
-            {"setting", purpose, "cannot be read", Verdict::problem, std::string("rm ") + file});
-        return;
-    }
-    try {
-        board.on = std::stoi(text) == 1;
-        findings.push_back(good("setting", purpose, board.on ? "on" : "off"));
-    } catch (const std::logic_error&) {
-        findings.push_back({"setting", purpose, "no number: " + inQuotes(text.substr(0, 40)),
-                            Verdict::problem, std::string("rm ") + file});
-    }
-}
-
-void examineLines(const Board& board, Findings& findings) {
-    if (!board.wiring) return;
-    const auto& lines = wirings()[*board.wiring].lines;
-    constexpr char purpose[] = "powers the radio";
-    unsigned first = 0;
-    std::set<unsigned> found;
-    for (unsigned number = 0;; ++number) {
-        const std::string path = "/dev/gpiochip" + std::to_string(number);
-        const std::unique_ptr<gpiod_chip, decltype(&gpiod_chip_close)> chip(
-            gpiod_chip_open(path.c_str()), &gpiod_chip_close);
-        if (!chip) break;
-        const unsigned count = gpiod_chip_num_lines(chip.get());
-        for (const unsigned pin : lines) {
-            if (pin < first || pin - first >= count) continue;
-            found.insert(pin);
-            gpiod_line* const line = gpiod_chip_get_line(chip.get(), pin - first);
-            const std::string what = "GPIO " + std::to_string(pin);
-            const std::string where = path + " line " + std::to_string(pin - first);
-            if (line == nullptr) {
-                findings.push_back({what, purpose, where + ": " + systemError(), Verdict::problem,
-                                    "make the chip readable; run as root"});
-                continue;
-            }
-            const char* const consumer = gpiod_line_consumer(line);
-            const bool output = gpiod_line_direction(line) == GPIOD_LINE_DIRECTION_OUTPUT;
-            const std::string state = where + (output ? ", output" : ", input");
-            if (!gpiod_line_is_used(line)) {
-                findings.push_back(good(what, purpose, state + ", free"));
-            } else {
-                findings.push_back(
-                    {what, purpose,
-                     state + ", held by " + inQuotes(consumer == nullptr ? "the kernel" : consumer),
-                     Verdict::warning,
-                     "a line serves one holder: leave the program that holds it, "
-                     "unless that is the host application"});
-            }
-        }
-        first += count;
-    }
-    for (const unsigned pin : lines) {
-        if (found.count(pin) > 0) continue;
-        findings.push_back({"GPIO " + std::to_string(pin), purpose,
-                            "no such line; the chips have " + std::to_string(first),
-                            Verdict::problem,
-                            "load the GPIO controller's driver; the chips count in their order"});
-    }
-}
-
-void examineRfkill(const Board& board, Findings& findings) {
-    constexpr char purpose[] = "blocks a radio";
-    std::error_code error;
-    bool any = false;
-    for (const auto& entry : fs::directory_iterator("/sys/class/rfkill", error)) {
-        if (firstLineOf(entry.path() / "type") != "bluetooth") continue;
-        any = true;
-        const std::string what =
-            "rfkill " + escaped(firstLineOf(entry.path() / "name")) + " (bluetooth)";
-        if (firstLineOf(entry.path() / "hard") == "1") {
-            findings.push_back({what, purpose, "blocked by hardware", Verdict::problem,
-                                "use the switch or line that blocks it"});
-        } else if (firstLineOf(entry.path() / "soft") != "1") {
-            findings.push_back(good(what, purpose, "not blocked"));
-        } else {
-            findings.push_back({what, purpose, "blocked by software",
-                                board.on ? Verdict::problem : Verdict::warning,
-                                board.on ? "rfkill unblock bluetooth"
-                                         : "corvanectl on lifts it, or: rfkill unblock bluetooth"});
-        }
-    }
-    if (!any) findings.push_back(good("rfkill", purpose, "no Bluetooth radio attached"));
-}
-
-void examineUser(Findings& findings) {
-    if (geteuid() == 0) {
-        findings.push_back(good("user", "may load modules and use raw HCI", "root"));
-    } else {
-        findings.push_back({"user", "may load modules and use raw HCI", "not root",
-                            Verdict::problem, "run as root"});
-    }
-}
-
-std::string asText(const Findings& findings) {
-    std::string text;
-    for (const Finding& finding : findings) {
-        const VerdictRow& row = verdictRows.at(static_cast<std::size_t>(finding.verdict));
-        text +=
-            row.label + finding.lookedFor + " (" + finding.purpose + "): " + finding.found + '\n';
-        if (!finding.remedy.empty()) text += "        -> " + finding.remedy + '\n';
-    }
-    return text;
-}
-
-std::string counted(std::size_t count, const char* word) {
-    return std::to_string(count) + ' ' + word + (count == 1 ? "" : "s");
-}
+    Host& host;
+    std::vector<Finding> findings;
+    const corvane::RadioWiring* wiring = nullptr;  // of a board whose identity is known
+    int family = 0;
+    bool on = false;  // by the persisted setting
+};
 
 }  // namespace
 
 Result examineBoard(Session& session, const Invocation& /*invocation*/) {
-    Findings findings;
-    examineUser(findings);
-    Board board;
-    examineIdentity(session, board, findings);
-    examineSetting(board, findings);
-    examineLines(board, findings);
-    for (const BoardNeed& need : boardNeeds) findings.push_back(examineNeed(need, board));
-    examineBus(session, board, findings);
-    examinePolicy(findings);
-    examineRfkill(board, findings);
-
-    const auto count = [&](Verdict verdict) {
-        return static_cast<std::size_t>(
-            std::count_if(findings.begin(), findings.end(),
-                          [&](const Finding& finding) { return finding.verdict == verdict; }));
-    };
-    const std::size_t problems = count(Verdict::problem);
-    const std::size_t warnings = count(Verdict::warning);
+    const std::vector<Finding> findings = Doctor(session.host).examine();
+    std::array<std::size_t, verdictRows.size()> counts{};
     Result result;
-    result.data["problems"] = problems;
-    result.data["warnings"] = warnings;
-    result.data["findings"] = Json::array();
-    for (const Finding& finding : findings) {
-        result.data["findings"].push_back(
-            {{"looked_for", finding.lookedFor},
-             {"purpose", finding.purpose},
-             {"found", finding.found},
-             {"verdict", verdictRows.at(static_cast<std::size_t>(finding.verdict)).name},
-             {"remedy", finding.remedy}});
+    Json list = Json::array();
+    for (const Finding& each : findings) {
+        const VerdictRow& row = verdictRows.at(static_cast<std::size_t>(each.verdict));
+        ++counts.at(static_cast<std::size_t>(each.verdict));
+        list.push_back({{"looked_for", each.lookedFor},
+                        {"purpose", each.purpose},
+                        {"found", each.found},
+                        {"verdict", row.name},
+                        {"remedy", each.remedy.empty() ? Json() : Json(each.remedy)}});
+        result.text += row.label + each.lookedFor + " (" + each.purpose + "): " + each.found + '\n';
+        if (!each.remedy.empty()) result.text += "        -> " + each.remedy + '\n';
     }
-    result.text =
-        asText(findings) + counted(problems, "problem") + ", " + counted(warnings, "warning");
+    const auto [good, warnings, problems] = counts;
+    result.data = {{"problems", problems}, {"warnings", warnings}, {"findings", list}};
+    result.text += counted(problems, "problem") + ", " + counted(warnings, "warning");
     if (problems > 0) {
         result.status = ExitStatus::boardUnfit;
-        result.problem = "the board needs mending: " + counted(problems, "problem");
+        result.problem = "problems found: " + std::to_string(problems);
     }
     return result;
 }

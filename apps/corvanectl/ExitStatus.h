@@ -30,44 +30,28 @@ enum class ExitStatus : int {
 
 struct ExitStatusRow {
     ExitStatus status;
-    const char* name;     ///< as in the field "outcome" of --json
-    const char* meaning;  ///< for help and manual
+    const char* name;  ///< as in the field "outcome" of --json
 };
 
 constexpr std::array<ExitStatusRow, 18> exitStatusRows{{
-    {ExitStatus::success, "success", "Every command did its work."},
-    {ExitStatus::unexpected, "unexpected", "An error that corvanectl has no number for."},
-    {ExitStatus::usage, "usage",
-     "An option, a command or an argument is unknown, missing or malformed. Nothing was run when "
-     "it stands on the command line."},
-    {ExitStatus::noBus, "no-bus", "The system bus cannot be reached."},
-    {ExitStatus::badSetting, "bad-setting",
-     "The flag file /tmp/bluetoothEnabled holds no number. Nothing was switched."},
-    {ExitStatus::noIdentity, "no-identity",
-     "The hardware service does not tell which board this is. The radio was not touched."},
-    {ExitStatus::refused, "refused", "BlueZ or the library refused the operation."},
-    {ExitStatus::noDevice, "no-device", "No device of that name is in the list concerned."},
-    {ExitStatus::incomplete, "incomplete",
-     "Switching on or off, or airplane mode, went through with errors."},
-    {ExitStatus::busy, "busy", "Another request is still running."},
-    {ExitStatus::requestTimeout, "request-timeout", "The request answered: timeout."},
-    {ExitStatus::requestCancelled, "request-cancelled", "The request answered: cancelled."},
-    {ExitStatus::requestConnectFailed, "request-connect-failed",
-     "The request answered: paired, but not connected."},
-    {ExitStatus::requestFailed, "request-failed",
-     "The request answered: failed. A request that is cancelled may end so, too."},
-    {ExitStatus::requestDeviceNotFound, "request-device-not-found",
-     "The request answered: not among the paired devices after pairing."},
-    {ExitStatus::notLogged, "not-logged", "The pattern did not turn up in the system log in time."},
-    {ExitStatus::boardUnfit, "board-unfit", "doctor found something that has to be mended."},
-    {ExitStatus::interrupted, "interrupted", "Left by Ctrl-C."},
+    {ExitStatus::success, "success"},
+    {ExitStatus::unexpected, "unexpected"},
+    {ExitStatus::usage, "usage"},
+    {ExitStatus::noBus, "no-bus"},
+    {ExitStatus::badSetting, "bad-setting"},
+    {ExitStatus::noIdentity, "no-identity"},
+    {ExitStatus::refused, "refused"},
+    {ExitStatus::noDevice, "no-device"},
+    {ExitStatus::incomplete, "incomplete"},
+    {ExitStatus::busy, "busy"},
+    {ExitStatus::requestTimeout, "request-timeout"},
+    {ExitStatus::requestCancelled, "request-cancelled"},
+    {ExitStatus::requestConnectFailed, "request-connect-failed"},
+    {ExitStatus::requestFailed, "request-failed"},
+    {ExitStatus::requestDeviceNotFound, "request-device-not-found"},
+    {ExitStatus::notLogged, "not-logged"},
+    {ExitStatus::boardUnfit, "board-unfit"},
+    {ExitStatus::interrupted, "interrupted"},
 }};
-
-constexpr const char* nameOf(ExitStatus status) {
-    for (const ExitStatusRow& row : exitStatusRows) {
-        if (row.status == status) return row.name;
-    }
-    return "unexpected";
-}
 
 }  // namespace corvanectl

@@ -3,7 +3,7 @@
 #include "Command.h"
 
 #include <log4cplus/appender.h>
-#include <log4cplus/loglevel.h>
+#include <log4cplus/spi/loggingevent.h>
 
 #include <functional>
 #include <mutex>
@@ -12,13 +12,7 @@
 
 namespace corvanectl {
 
-struct LogRecord {
-    log4cplus::LogLevel level;
-    std::string message;
-    std::string file;  ///< the last part of the path
-    int line;
-    std::string function;
-};
+using LogRecord = log4cplus::spi::InternalLoggingEvent;
 
 /// The errors of one command. A request that tries again and again can log thousands.
 struct LoggedErrors {
@@ -37,22 +31,23 @@ public:
     ~LogRecords() override { destructorImpl(); }
     void close() override {}
 
-    /// Forgets the errors and takes a listener (may be empty) for what follows.
-    void restart(Listener newListener);
+    /// Forgets the errors.
+    void restart();
+
+    /// Takes a listener for what follows; may be empty.
+    void listen(Listener newListener);
 
     /// The errors since the last restart().
     LoggedErrors errors();
 
 protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& event) override;
+    void append(const LogRecord& record) override;
 
 private:
     std::mutex mutex;
     LoggedErrors kept;
     Listener listener;
 };
-
-Json toJson(const LogRecord& record);
 
 /// Where the records go besides.
 struct LogOptions {

@@ -1,62 +1,73 @@
-#include "Groups.h"
+#include "RadioWirings.h"
 #include "Session.h"
-#include "Table.h"
 #include "Text.h"
 #include "hwcommon/fileUtil.h"
 
-#include <algorithm>
+#include <functional>
+#include <thread>
 
 namespace corvanectl {
 
 namespace {
 
-constexpr char flagFile[] = "/tmp/bluetoothEnabled";
-constexpr char adapter[] = "/sys/class/bluetooth/hci0";
-constexpr char bluez[] = "org.bluez";
-constexpr char hidService[] = "org.corvane.BluetoothHid";
+using corvane::hciDevice;
+using hwcommon::fileUtil;
 
 const char* onOrOff(bool on) { return on ? "on" : "off"; }
 
-/// How many of the errors count against the command.
-std::size_t countingErrors(const LoggedErrors& errors, bool poweredExpected) {
-    if (!poweredExpected) return errors.total;
-    // Where BlueZ does not run, powering the adapter down has to fail, in two records.
-    const auto expected =
-        std::count_if(errors.first.begin(), errors.first.end(), [](const LogRecord& record) {
-            return record.message.find("Powered") != std::string::npos;
-        });
-    return errors.total - static_cast<std::size_t>(expected);
+std::string boardName(const eepromXML& board) {
+    return GetModelNameStringExternal(board.GetModelType()) + " " +
+           board.GetSerialNumberString(false);
 }
 
-std::string loggedErrors(std::size_t number) {
-    return "the library logged " + std::to_string(number) + (number == 1 ? " error" : " errors");
+/// What the radio shows that is not as it was asked for.
+std::vector<std::string> faults(Host& host, bool enable) {
+    std::vector<std::string> wrong;
+    const auto setting = host.setting();
+    if (setting != enable) {
+        wrong.push_back(std::string("the setting still says ") + onOrOff(setting.value_or(false)));
+    }
+    if (host.isOnTheBus(bluezName) != enable) {
+        wrong.emplace_back(enable ? "BlueZ is not on the bus" : "BlueZ is still on the bus");
+    } else if (!enable) {
+        if (fileUtil::exists(hciDevice)) wrong.emplace_back("hci0 is still there");
+    } else if (const auto adapter = Host::adapterState()) {
+        if (!adapter->powered) wrong.emplace_back("the adapter is not powered");
+        if (!adapter->pairable) wrong.emplace_back("the adapter is not pairable");
+        if (adapter->alias != boardName(host.identity())) {
+            wrong.push_back("the adapter's name is " + inQuotes(adapter->alias));
+        }
+    } else {
+        wrong.emplace_back("BlueZ has no adapter");
+    }
+    return wrong;
+}
+
+/// BlueZ and the kernel follow a moment behind: looks again while something is wrong.
+std::vector<std::string> lastingFaults(Host& host, bool enable) {
+    using std::chrono::milliseconds;
+    constexpr milliseconds pause{100};
+    constexpr int looks = 20;
+    std::vector<std::string> wrong = faults(host, enable);
+    for (int i = 1; i < looks && !wrong.empty(); ++i) {
+        std::this_thread::sleep_for(pause);
+        wrong = faults(host, enable);
+    }
+    return wrong;
 }
 
 Result switchTo(Session& session, bool enable, bool forced) {
-    BluetoothManager& manager = session.manager();
-    const bool before = session.setting();
-    const bool bluezBefore = session.isOnTheBus(bluez);
-    const bool already = hwcommon::fileUtil::exists(flagFile) && before == enable;
-
+    Host& host = session.host;
+    session.console.showSteps();
+    BluetoothManager& manager = host.manager();
+    const bool already = host.setting() == enable;
+    if (!already) manager.setEnabled(enable, forced);
+    const std::vector<std::string> wrong = lastingFaults(host, enable);
     Result result;
-    result.data["already"] = already;
-    if (!already) {
-        session.showSteps();
-        manager.setEnabled(enable, forced);
-    }
-    const bool bluezAfter = session.isOnTheBus(bluez);
-    const bool setting = session.setting();
-    result.data["setting"] = onOrOff(setting);
-    result.data["bluez"] = bluezAfter;
-
-    const std::size_t errors = countingErrors(session.errors(), !enable && !bluezBefore);
-    std::vector<std::string> wrong;
-    if (errors > 0) wrong.push_back(loggedErrors(errors));
-    if (setting != enable)
-        wrong.push_back(std::string("the setting still says ") + onOrOff(setting));
-    if (bluezAfter != enable) {
-        wrong.emplace_back(enable ? "BlueZ is not on the bus" : "BlueZ is still on the bus");
-    }
+    result.data = {{"already", already},
+                   {"setting", onOrOff(host.setting().value_or(false))},
+                   {"bluez", host.isOnTheBus(bluezName)},
+                   {"adapter", fileUtil::exists(hciDevice)}};
     if (wrong.empty()) {
         result.text = std::string("Bluetooth is ") + (already ? "already " : "") + onOrOff(enable) +
                       (already ? "; nothing was done" : "");
@@ -65,9 +76,8 @@ Result switchTo(Session& session, bool enable, bool forced) {
     result.status = ExitStatus::incomplete;
     result.problem = (already ? std::string("already ") + onOrOff(enable) + " by the setting, yet "
                               : std::string("switched ") + onOrOff(enable) + ", but ") +
-                     joined(wrong) +
-                     (enable ? "; doctor examines the board, then try off and on again"
-                             : "; doctor examines the board, then try on and off again");
+                     joined(wrong) + "; doctor examines the board, then try " + onOrOff(!enable) +
+                     " and " + onOrOff(enable) + " again";
     return result;
 }
 
@@ -82,26 +92,26 @@ Result switchOff(Session& session, const Invocation& invocation) {
 }
 
 Result showStatus(Session& session, const Invocation& /*invocation*/) {
-    BluetoothManager& manager = session.manager();
-    const eepromXML& board = session.identity();
-    const bool set = hwcommon::fileUtil::exists(flagFile);
-    const bool setting = session.setting();
-    const bool adapterThere = hwcommon::fileUtil::exists(adapter);
-    const bool bluezThere = session.isOnTheBus(bluez);
-    const bool hidThere = session.isOnTheBus(hidService);
-    const std::string model = GetModelNameStringExternal(board.GetModelType());
-    const std::string serial = board.GetSerialNumberString(true);
-    if (bluezThere) session.refresh();
+    Host& host = session.host;
+    BluetoothManager& manager = host.manager();
+    const eepromXML& board = host.identity();
+    const auto setting = host.setting();
+    const bool adapter = fileUtil::exists(hciDevice);
+    const bool bluez = host.isOnTheBus(bluezName);
+    const bool hid = host.isOnTheBus(hidName);
 
     Result result;
-    result.data["setting"] = set ? onOrOff(setting) : "never set";
-    result.data["adapter"] = adapterThere;
-    result.data["bluez"] = bluezThere;
-    result.data["hid_service"] = hidThere;
-    putName(result.data, "model", model);
-    putName(result.data, "serial", serial);
+    result.data = {{"setting", nullptr},
+                   {"adapter", adapter},
+                   {"bluez", bluez},
+                   {"hid_service", hid},
+                   {"model", GetModelNameStringExternal(board.GetModelType())},
+                   {"serial", board.GetSerialNumberString(false)},
+                   {"devices", nullptr}};
+    if (setting) result.data["setting"] = onOrOff(*setting);
     std::string counts = "unknown, BlueZ is not on the bus";
-    if (bluezThere) {
+    if (bluez) {
+        host.refresh();
         const auto count = [&](BluetoothDeviceListType type) {
             return manager.getBluetoothDeviceListSize(type);
         };
@@ -112,36 +122,73 @@ Result showStatus(Session& session, const Invocation& /*invocation*/) {
                  std::to_string(count(PAIRED_DEVICES)) + " paired, " +
                  std::to_string(count(CONNECTED_DEVICES)) + " connected";
     }
-    result.text = pairs({{"Setting", set ? onOrOff(setting) : "off (not set since the last boot)"},
-                         {"Board", escaped(model) + (serial.empty() ? "" : " " + escaped(serial))},
-                         {"Adapter hci0", adapterThere ? "there" : "not there"},
-                         {"BlueZ", bluezThere ? "on the bus" : "not on the bus"},
-                         {"HID service", hidThere ? "on the bus" : "not on the bus"},
-                         {"Devices", counts}});
+    result.text =
+        pairs({{"Setting", setting ? onOrOff(*setting) : "off (not set since the last boot)"},
+               {"Board", escaped(boardName(board))},
+               {"Adapter hci0", adapter ? "there" : "not there"},
+               {"BlueZ", bluez ? "on the bus" : "not on the bus"},
+               {"HID service", hid ? "on the bus" : "not on the bus"},
+               {"Devices", counts}});
     return result;
 }
 
 Result airplane(Session& session, const Invocation& invocation) {
     const bool on = invocation.arguments.front() == "on";
-    BluetoothManager& manager = session.manager();
-    session.showSteps();
-    manager.setAirplaneMode(on);
-    session.noteAirplane(on);
-    const bool adapterThere = hwcommon::fileUtil::exists(adapter);
+    Host& host = session.host;
+    session.console.showSteps();
+    host.manager().setAirplaneMode(on);
+    host.inAirplaneMode = on;
+    const bool adapter = fileUtil::exists(hciDevice);
 
     Result result;
-    result.data["airplane"] = onOrOff(on);
-    result.data["adapter"] = adapterThere;
-    const std::size_t errors = session.errors().total;
+    result.data = {{"airplane", onOrOff(on)}, {"adapter", adapter}};
     std::vector<std::string> wrong;
-    if (errors > 0) wrong.push_back(loggedErrors(errors));
-    if (on && adapterThere) wrong.emplace_back("hci0 is still there: switch off first");
-    if (wrong.empty()) {
-        result.text = std::string("Airplane mode is ") + onOrOff(on);
-        return result;
+    if (host.errorCount() > 0) {
+        wrong.push_back("the library logged " + counted(host.errorCount(), "error"));
     }
-    result.status = ExitStatus::incomplete;
-    result.problem = std::string("airplane mode is ") + onOrOff(on) + ", but " + joined(wrong);
+    if (on && adapter) wrong.emplace_back("hci0 is still there: switch off first");
+    const std::string mode = std::string("irplane mode is ") + onOrOff(on);
+    if (wrong.empty()) {
+        result.text = "A" + mode;
+    } else {
+        result.status = ExitStatus::incomplete;
+        result.problem = "a" + mode + ", but " + joined(wrong);
+    }
+    return result;
+}
+
+Result watchLog(Session& session, const Invocation& invocation) {
+    const std::string& pattern = invocation.arguments.front();
+    const std::string& timeout = invocation.arguments.back();
+    Result inner;
+    const bool found = session.host.manager().execAndWaitForSystemLog(
+        [&] {
+            inner = session.runQuietly(*invocation.inner);
+            session.console.waitFor("Waiting for " + inQuotes(pattern),
+                                    std::chrono::milliseconds(std::stoul(timeout)));
+            return inner.status == ExitStatus::success;
+        },
+        pattern, static_cast<unsigned>(std::stoul(timeout)));
+
+    Result result;
+    result.data = {{"found", found},
+                   {"command",
+                    {{"name", invocation.inner->command->name},
+                     {"status", static_cast<int>(inner.status)},
+                     {"result", inner.data}}}};
+    result.text = inner.text;
+    if (inner.status != ExitStatus::success) {
+        result.status = inner.status;
+        result.problem = std::string(invocation.inner->command->name) + ": " + inner.problem +
+                         "; the log was not watched";
+    } else if (found) {
+        result.text += (inner.text.empty() ? "" : "\n") + std::string("Found ") + inQuotes(pattern);
+    } else {
+        result.status = ExitStatus::notLogged;
+        result.problem = inQuotes(pattern) + " did not turn up in " + corvane::systemLog +
+                         " within " + timeout +
+                         " ms; is it a pattern of grep, and does the system log run?";
+    }
     return result;
 }
 

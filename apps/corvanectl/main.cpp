@@ -1,30 +1,21 @@
-#include "Help.h"
-#include "Interrupt.h"
-#include "Output.h"
-#include "Pages.h"
-#include "Parse.h"
+#include "Prompt.h"
 #include "Session.h"
-#include "Shell.h"
 #include "Text.h"
 
 #include <CLI/CLI.hpp>
 
-#include <clocale>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <optional>
-
-#include <langinfo.h>
-#include <unistd.h>
+#include <iostream>
 
 namespace {
 
 using namespace corvanectl;
 
 constexpr char description[] =
-    "Switches the appliance's Bluetooth radio, finds, pairs and connects devices.\n"
-    "Without a command it reads commands from standard input, one a line; on a terminal that is a "
-    "shell.\n\n"
+    "Switches the appliance's Bluetooth radio, finds, pairs and connects devices. Without a "
+    "command it reads commands from standard input, one a line; on a terminal that is a shell.\n\n"
     "A command is its name followed by its arguments as they are, or one argument that holds the "
     "whole line:\n"
     "  corvanectl on scan 'connect \"Living room\"' off\n"
@@ -60,30 +51,28 @@ void runArguments(Session& session, const std::vector<std::string>& words) {
     }
 }
 
-/// Names are UTF-8. Most boards without locales have this one; see table() for those that have not.
-void chooseLocale() {
-    std::setlocale(LC_CTYPE, "");
-    if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) std::setlocale(LC_CTYPE, "C.UTF-8");
-}
-
-/// What the options say, beside the session's own.
-struct Start {
-    Options options;
-    std::string generate;
+/// Usage first, and lines that break between words, as wide as the terminal.
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_help(const CLI::App* app, std::string name,
+                          CLI::AppFormatMode mode) const override {
+        std::string statuses;
+        for (const ExitStatusRow& row : exitStatusRows) {
+            statuses += (statuses.empty() ? "" : ", ") +
+                        std::to_string(static_cast<int>(row.status)) + ' ' + row.name;
+        }
+        return wrapped("Usage: " + name + " [OPTION]... [COMMAND]...\n\n" + make_description(app) +
+                           make_groups(app, mode) + "\nCommands:\n" + commandList() +
+                           "\nExit status, that of the first failure: " + statuses + '\n',
+                       Console::widthOrUsual());
+    }
 };
 
-void declareOptions(CLI::App& app, Start& start) {
-    Options& options = start.options;
+void declareOptions(CLI::App& app, Options& options) {
     app.prefix_command();
-    app.footer(commandsHelp);
+    app.formatter(std::make_shared<HelpFormatter>());
     app.set_help_flag("-h,--help", "Print this help and leave");
-    app.set_version_flag(
-        "--version",
-        [] {
-            return std::string("corvanectl " CORVANE_VERSION " (libCorvane " CORVANE_VERSION
-                               ", ABI " CORVANE_ABI ")");
-        },
-        "Print the versions of corvanectl and libCorvane and leave");
+    app.set_version_flag("--version", "", "Print the versions of corvanectl and libCorvane");
     app.add_flag("--json", options.json,
                  "Print one JSON object a command on standard output, and nothing else");
     app.add_flag("-k,--keep-going", options.keepGoing, "Go on after a command that failed");
@@ -93,67 +82,71 @@ void declareOptions(CLI::App& app, Start& start) {
                    "Show the log on standard error from this level on: trace, debug, info, error, "
                    "off")
         ->check(CLI::IsMember({"trace", "debug", "info", "error", "off"}))
-        ->type_name("LEVEL");
-    app.add_option("--log-file", options.log.file, "Append the log to a file")->type_name("FILE");
+        ->option_text("LEVEL");
+    app.add_option("--log-file", options.log.file, "Append the log to a file")->option_text("FILE");
     app.add_option("--log-config", options.log.config,
-                   "Set the log up by a log4cplus properties file")
-        ->type_name("FILE");
-    app.add_option("--generate", start.generate,
-                   "Print the manual page or a completion script: man, bash, zsh")
-        ->check(CLI::IsMember({"man", "bash", "zsh"}))
-        ->type_name("PAGE");
+                   "Set the log up by a log4cplus properties file; also CORVANE_LOG_CONFIG")
+        ->envname("CORVANE_LOG_CONFIG")
+        ->option_text("FILE");
+    app.add_option("--command-log", options.commandLog,
+                   "Append to a file what commands and daemons print that the library starts")
+        ->option_text("FILE");
 }
 
-void print(const CLI::App& app, const std::string& page) {
-    const std::string text = page == "man"    ? manualPage(app)
-                             : page == "bash" ? bashCompletion(app)
-                                              : zshCompletion(app);
-    std::fputs(text.c_str(), stdout);
+ExitStatus run(CLI::App& app, const Options& options, Console& console,
+               const log4cplus::SharedAppenderPtr& records) {
+    const std::vector<std::string> words = app.remaining();
+    if (!words.empty() && words.front().compare(0, 1, "-") == 0) {
+        throw Failure(ExitStatus::usage,
+                      "unknown option " + inQuotes(words.front()) + "; --help lists the options");
+    }
+    if (!options.commandLog.empty()) Streams::logCommandsTo(options.commandLog);
+    setUpLogging(options.log, records);
+    LineSource input(fileno(Streams::input()));
+    Session session(options, console, words.empty() ? &input : nullptr);
+    const bool terminal = terminalColumns(Streams::input()) > 0 && Console::width() > 0;
+    Interrupt::install();
+    if (!words.empty()) {
+        runArguments(session, words);
+    } else if (terminal && !options.json) {
+        runShell(session, input);
+        session.leave(ExitStatus::success);
+    } else {
+        runLines(session, input);
+    }
+    session.leave(session.status());
 }
 
-/// @return the status to leave with; none: go on
-std::optional<int> parse(CLI::App& app, int argc, const char* const* argv) {
+ExitStatus start(int argc, char** argv) {
+    const log4cplus::helpers::SharedObjectPtr<LogRecords> records(new LogRecords);
+    Options options;
+    CLI::App app{description, "corvanectl"};
+    declareOptions(app, options);
+    // Known before the options are read, for what is wrong with them.
+    Console console(std::any_of(argv, argv + argc,
+                                [](const char* word) { return std::strcmp(word, "--json") == 0; }),
+                    *records);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::Success& asked) {
-        return app.exit(asked);
+        console.json = options.json;
+        return run(app, options, console, log4cplus::SharedAppenderPtr(records.get()));
+    } catch (const CLI::CallForHelp&) {
+        const std::string help = app.help();
+        console.print(help.substr(0, help.find_last_not_of('\n') + 1), {{"help", help}});
+    } catch (const CLI::CallForVersion&) {
+        console.print("corvanectl " CORVANE_VERSION " (libCorvane " CORVANE_VERSION
+                      ", ABI " CORVANE_ABI ")",
+                      {{"corvanectl", CORVANE_VERSION},
+                       {"libCorvane", CORVANE_VERSION},
+                       {"abi", CORVANE_ABI}});
     } catch (const CLI::ParseError& error) {
-        std::fprintf(stderr, "corvanectl: %s; see --help\n", escaped(error.what()).c_str());
-        return static_cast<int>(ExitStatus::usage);
-    }
-    return std::nullopt;
-}
-
-int run(int argc, char** argv) {
-    CLI::App app{description, "corvanectl"};
-    Start start;
-    declareOptions(app, start);
-    if (const auto status = parse(app, argc, argv)) return *status;
-    if (!start.generate.empty()) {
-        print(app, start.generate);
-        return 0;
-    }
-
-    const bool terminal = isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;
-    Interrupt::install();
-    Output::claim();
-    LineSource input(STDIN_FILENO);
-    const std::vector<std::string> words = app.remaining();
-    try {
-        Session session(start.options, words.empty() ? &input : nullptr);
-        if (!words.empty()) {
-            runArguments(session, words);
-        } else if (terminal && !start.options.json) {
-            runShell(session, input);
-            session.leave(ExitStatus::success);
-        } else {
-            runLines(session, input);
-        }
-        session.leave(session.status());
+        console.report({ExitStatus::usage, escaped(error.what()) + "; see --help"});
+        return ExitStatus::usage;
     } catch (const Failure& failure) {
-        std::fprintf(stderr, "corvanectl: %s\n", failure.what());
-        return static_cast<int>(failure.status);
+        console.report(failure);
+        return failure.status;
     }
+    return ExitStatus::success;
 }
 
 }  // namespace
@@ -161,9 +154,10 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     try {
         chooseLocale();
-        return run(argc, argv);
+        Streams::claim();
+        return static_cast<int>(start(argc, argv));
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "corvanectl: unexpected error: %s\n", error.what());
+        std::cerr << "corvanectl: unexpected error: " << error.what() << '\n';
         return static_cast<int>(ExitStatus::unexpected);
     }
 }

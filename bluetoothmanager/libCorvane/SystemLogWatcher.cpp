@@ -78,9 +78,8 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
     }
 
     // Quoted, so that a single quote in the pattern ends neither the word nor the command.
-    const std::string command =
-        std::string("diff ") + corvane::systemLog + " " + snapshotFile + " | grep " +
-        corvane::quoted(pattern);
+    const std::string command = std::string("diff ") + corvane::systemLog + " " + snapshotFile +
+                                " | grep " + corvane::quoted(pattern);
     while (true) {
         // What a stranger keeps in the snapshot's place is not compared: it may be a FIFO.
         if (const corvane::PipePtr pipe{comparable ? popen(command.c_str(), "r") : nullptr}) {
@@ -97,8 +96,8 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
             std::chrono::duration_cast<nanoseconds>(steady_clock::now() - start).count() / 1000000;
         if (std::int64_t{timeout} < elapsed) {
             CORVANE_ERROR("execAndWaitForSystemLog"
-                          << " : Timeout while waiting for '" << pattern
-                          << "' in " << corvane::systemLog);
+                          << " : Timeout while waiting for '" << pattern << "' in "
+                          << corvane::systemLog);
             return false;
         }
         if (waitCondition.wait(pollInterval, false) != corvane::waitTimedOut) return false;

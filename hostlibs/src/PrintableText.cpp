@@ -1,5 +1,7 @@
 #include "PrintableText.h"
 
+#include "UnprintableCharacters.h"
+
 #include <array>
 #include <cstdint>
 
@@ -12,22 +14,6 @@ struct Character {
     std::size_t length;  // bytes
     bool printable;
 };
-
-struct Range {
-    std::uint32_t first;
-    std::uint32_t last;
-};
-
-// The Unicode Standard: general categories Cc, Zl and Zp, and the property Bidi_Control.
-constexpr std::array<Range, 5> unprintable{
-    {{0x00, 0x1F}, {0x7F, 0x9F}, {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}}};
-
-bool isPrintable(std::uint32_t codePoint) {
-    for (const Range& range : unprintable) {
-        if (codePoint >= range.first && codePoint <= range.last) return false;
-    }
-    return true;
-}
 
 /// The bytes that follow a lead byte, and the smallest code point that needs them.
 struct Form {
@@ -56,7 +42,7 @@ Character firstCharacter(std::string_view text) {
         }
         const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
         if (codePoint < form.smallest || codePoint > 0x10FFFF || surrogate) return invalid;
-        return {form.length, isPrintable(codePoint)};
+        return {form.length, !isUnprintable(codePoint)};
     }
     return invalid;
 }

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <cstdlib>
-#include <sstream>
 
 namespace corvane::test {
 namespace {
@@ -12,20 +11,19 @@ using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using testing::StartsWith;
-using Milliseconds = std::chrono::milliseconds;
 
 constexpr char failed[] = "org.bluez.Error.Failed";
 
-// Switching ------------------------------------------------------------------------------------
+// Switching
 
 TEST_F(Corvanectl, SwitchesOnAndOffAndTellsWhenThereIsNothingToDo) {
     bluez.release("org.bluez");
+    // What BlueZ refuses does no harm when the adapter shows the wanted state all the same.
+    bluez.fail("/org/bluez/hci0", "Set", failed, "Busy", 1);
     const Ran on = run({"on", "on", "status"});
     EXPECT_EQ(on.status, 0) << on.errors;
     EXPECT_THAT(on.output, ContainsRegex("Bluetooth is on\nBluetooth is already on; nothing was "
-                                         "done\nSetting: +on\n"));
-    EXPECT_THAT(on.output, HasSubstr("Corvane C100 AB12-CD34"));
+                                         "done\nSetting: +on\nBoard: +Corvane C100 AB12CD34\n"));
     EXPECT_EQ(read("tmp/bluetoothEnabled"), "1");
 
     const Ran off = run({"off", "forced", "off"});
@@ -34,20 +32,12 @@ TEST_F(Corvanectl, SwitchesOnAndOffAndTellsWhenThereIsNothingToDo) {
     EXPECT_EQ(read("tmp/bluetoothEnabled"), "0");
 }
 
-TEST_F(Corvanectl, SwitchingOffWhereBluezDoesNotRunIsNoFailure) {
-    bluez.release("org.bluez");
-    const Ran off = run({"off"});
-    EXPECT_EQ(off.status, 0) << off.errors;
-}
-
-TEST_F(Corvanectl, SwitchingWithErrorsInTheLogIsIncomplete) {
-    bluez.fail("/org/bluez", "RegisterAgent", failed, "no agent today");
+TEST_F(Corvanectl, JudgesOnByWhatTheAdapterShows) {
+    setAdapter("<true>", "<false>", "<'board'>");
     const Ran on = run({"on"});
     EXPECT_EQ(on.status, 8);
-    EXPECT_THAT(on.errors, HasSubstr("switched on, but the library logged 2 errors; doctor"));
-    EXPECT_THAT(on.errors, HasSubstr("no agent today"));
-    EXPECT_EQ(read("tmp/bluetoothEnabled"), "1");
-
+    EXPECT_THAT(on.errors, HasSubstr("switched on, but the adapter is not pairable, the adapter's "
+                                     "name is \"board\"; doctor"));
     // The setting says on, but BlueZ has died since.
     bluez.release("org.bluez");
     const Ran again = run({"on"});
@@ -60,9 +50,8 @@ TEST_F(Corvanectl, AirplaneModeNeedsTheAdapterGone) {
     EXPECT_EQ(stuck.status, 8);
     EXPECT_THAT(stuck.errors, HasSubstr("hci0 is still there: switch off first"));
     std::filesystem::remove(root / "sys/class/bluetooth/hci0");
-    const Ran run2 = run({"airplane on", "airplane", "off"});
-    EXPECT_EQ(run2.status, 0) << run2.errors;
-    EXPECT_EQ(run2.output, "Airplane mode is on\nAirplane mode is off\n");
+    EXPECT_EQ(run({"airplane on", "airplane", "off"}).output,
+              "Airplane mode is on\nAirplane mode is off\n");
 }
 
 TEST_F(Corvanectl, LeavesTheServicesRunningUnlessTold) {
@@ -72,7 +61,25 @@ TEST_F(Corvanectl, LeavesTheServicesRunningUnlessTold) {
     EXPECT_THAT(commands(), HasSubstr("killall bluealsa;/sbin/kill_and_wait.sh hw_bluez_hid;"));
 }
 
-// What stops it before anything is done ----------------------------------------------------------
+// Descriptors
+
+TEST_F(Corvanectl, ReadersOfItsOutputDoNotWaitForTheDaemonsThatItStarts) {
+    setenv("CORVANE_TEST_DAEMON", "", 1);
+    // The shell's reader ends when nobody holds the pipe any more.
+    const Ran piped = run({"on"}, "", "\"$@\" 2>&1 | cat");
+    EXPECT_EQ(piped.output, "Bluetooth is on\n");
+    EXPECT_TRUE(daemonRuns());
+    ASSERT_EQ(run({"--command-log", root / "chatter", "off"}).status, 0);
+    EXPECT_THAT(read("chatter"), HasSubstr("Device setup complete"));
+    EXPECT_EQ(run({"--command-log", "/nowhere/log", "on"}).status, 2);
+}
+
+TEST_F(Corvanectl, WorksWithClosedDescriptors) {
+    EXPECT_EQ(run({"scan"}, "", "\"$@\" <&-").status, 0);
+    EXPECT_EQ(run({"off", "on"}, "", "\"$@\" <&- >&- 2>&-").status, 0);
+}
+
+// What stops it before anything is done
 
 TEST_F(Corvanectl, RefusesAMalformedSetting) {
     write("tmp/bluetoothEnabled", "on please");
@@ -81,23 +88,22 @@ TEST_F(Corvanectl, RefusesAMalformedSetting) {
         EXPECT_EQ(refused.status, 4) << command;
         EXPECT_THAT(refused.errors, HasSubstr("/tmp/bluetoothEnabled holds no number"));
     }
-    EXPECT_EQ(read("tmp/bluetoothEnabled"), "on please");
     EXPECT_THAT(commands(), Not(HasSubstr("rfkill")));
 }
 
 TEST_F(Corvanectl, DoesNotTouchTheRadioOfAnUnknownBoard) {
+    const auto refusal = [this] {
+        const Ran ran = run({"on"});
+        return std::to_string(ran.status) + ran.errors;
+    };
     setIdentity("<identity/>");
-    const Ran unknown = run({"on"});
-    EXPECT_EQ(unknown.status, 5);
-    EXPECT_THAT(unknown.errors, HasSubstr("names no model"));
+    EXPECT_THAT(refusal(), ContainsRegex("^5.*names no model"));
+    setIdentity("");
+    EXPECT_THAT(refusal(), ContainsRegex("^5.*gives an empty one"));
     bluez.release("org.corvane.Hardware");
-    const Ran missing = run({"on"});
-    EXPECT_EQ(missing.status, 5);
-    EXPECT_THAT(missing.errors, HasSubstr("start the hardware service"));
+    EXPECT_THAT(refusal(), ContainsRegex("^5.*not on the system bus.*start the hardware service"));
     bus.stop();
-    const Ran noBus = run({"on"});
-    EXPECT_EQ(noBus.status, 3);
-    EXPECT_THAT(noBus.errors, HasSubstr("no system bus"));
+    EXPECT_THAT(refusal(), ContainsRegex("^3.*no system bus"));
     EXPECT_THAT(commands(), IsEmpty());
 }
 
@@ -112,6 +118,7 @@ class CorvanectlMisuse : public Corvanectl, public testing::WithParamInterface<M
 TEST_P(CorvanectlMisuse, IsRefusedBeforeTheFirstCommandRuns) {
     std::vector<std::string> words{"on"};
     words.insert(words.end(), GetParam().words.begin(), GetParam().words.end());
+    if (words[1] == "--nosuch") words.erase(words.begin());
     const Ran refused = run(words);
     EXPECT_EQ(refused.status, 2);
     EXPECT_THAT(refused.errors, HasSubstr(GetParam().message));
@@ -122,36 +129,34 @@ TEST_P(CorvanectlMisuse, IsRefusedBeforeTheFirstCommandRuns) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, CorvanectlMisuse,
     testing::Values(
-        Misuse{"Unknown", {"scna"}, "unknown command \"scna\"; did you mean scan?"},
-        Misuse{"Empty", {""}, "unknown command \"\""},
+        Misuse{"Unknown", {"scna"}, "unknown command \"scna\"; help lists"},
+        Misuse{"UnknownOption", {"--nosuch", "on"}, "unknown option \"--nosuch\""},
         Misuse{"Hostile", {"\x1b[2J\xff"}, "unknown command \"\\x1b[2J\\xff\""},
         Misuse{"LateOption", {"--json"}, "options stand before the first command"},
-        Misuse{"NoName", {"pair"}, "pair: the device's name is missing; use: pair NAME"},
-        Misuse{"EmptyName", {"pair", ""}, "pair: the device's name is missing"},
-        Misuse{"NoChoice", {"airplane"}, "airplane: the argument is missing; use: airplane on|off"},
-        Misuse{"WrongChoice", {"airplane", "maybe"}, "airplane: unknown argument \"maybe\""},
-        Misuse{"TooMany", {"pair Living room"}, "\"room\" is one argument too many"},
+        Misuse{"NoName", {"pair"}, "pair: NAME is required; use: pair NAME"},
+        Misuse{"EmptyName", {"pair", ""}, "pair: NAME: must not be empty"},
+        Misuse{"WrongChoice", {"airplane", "maybe"}, "maybe not in {on,off}"},
+        Misuse{"WrongList", {"devices", "nosuch"}, "nosuch not in {all,paired,connected}"},
+        Misuse{"TooMany", {"pair Living room"}, "one argument too many, room"},
         Misuse{"OpenQuote", {"pair \"Living"}, "a quote is not closed"},
         Misuse{"BadEscape", {"pair \"\\xZZ\""}, "malformed escape"},
-        Misuse{"OpenEscape", {"pair \"\\u{1f600\""}, "malformed escape"},
-        Misuse{"NoTimeout", {"watch-log", "x"}, "watch-log: an argument is missing"},
-        Misuse{"BadTimeout", {"watch-log", "x", "-1", "--", "on"}, "TIMEOUT \"-1\" is no number"},
-        Misuse{"NoSeparator", {"watch-log x 5 on"}, "\"on\" stands where -- has to"},
-        Misuse{"NoInner", {"watch-log x 5 --"}, "watch-log: the command is missing"}),
+        Misuse{"OpenEscape", {"pair \"\\u{1f600\""}, "\\u{...} does not name"},
+        Misuse{"BadTimeout", {"watch-log", "x", "-1", "--", "on"}, "TIMEOUT: Value -1 not in"},
+        Misuse{"NoSeparator", {"watch-log x 5 on"}, "expected -- behind the timeout"},
+        Misuse{"NoInner", {"watch-log x 5 --"}, "the command is missing"},
+        Misuse{"ZeroByte", {"watch-log \"a\\x00b\" 5 -- on"}, "\"a\\x00b\" holds a zero byte"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(Corvanectl, RefusesOptionsThatCannotWork) {
-    EXPECT_EQ(run({"--nonsense", "status"}).status, 2);
     EXPECT_EQ(run({"--log-level", "loud", "status"}).status, 2);
-    const Ran file = run({"--log-file", "/nowhere/log", "status"});
-    EXPECT_EQ(file.status, 2);
-    EXPECT_THAT(file.errors, HasSubstr("\"/nowhere/log\": No such file or directory"));
-    const Ran config = run({"--log-config", "/nowhere/log.properties", "status"});
-    EXPECT_EQ(config.status, 2);
-    EXPECT_THAT(config.errors, HasSubstr("/nowhere/log.properties"));
+    for (const char* option : {"--log-file", "--log-config"}) {
+        const Ran refused = run({option, "/nowhere/log", "status"});
+        EXPECT_EQ(refused.status, 2);
+        EXPECT_THAT(refused.errors, HasSubstr("\"/nowhere/log\": No such file or directory"));
+    }
 }
 
-// Sequences --------------------------------------------------------------------------------------
+// Sequences
 
 TEST_F(Corvanectl, StopsAtTheFirstFailureUnlessToldToGoOn) {
     const std::string lines = "# a comment\n\nforget Nobody\nforget Phone\nnonsense\nquit\nscan\n";
@@ -171,26 +176,21 @@ TEST_F(Corvanectl, TakesNamesAsTheyAreOrQuotedInALine) {
     bluez.setDevices({{phone.address, "a \"b\" \\ 'c'", 0x5A020C}, {speaker.address, "on", 0}});
     EXPECT_EQ(run({"trust", "a \"b\" \\ 'c'", "trust", "on"}).status, 0);
     EXPECT_EQ(run({R"(trust "a \"b\" \\ 'c'")", "trust on"}).status, 0);
-    EXPECT_EQ(run({}, R"(trust 'a "b" \ '\'c\')"
-                      "\n")
-                  .status,
-              0);
+    EXPECT_EQ(run({}, "trust 'a \"b\" \\ '\\'c\\'\n").status, 0);
     EXPECT_EQ(bluez.countCalls("'Trusted'"), 5);
 }
 
-// Devices ----------------------------------------------------------------------------------------
+// Devices
 
 TEST_F(Corvanectl, ListsDevicesInWords) {
     const Ran all = run({"devices"});
-    EXPECT_EQ(all.status, 0) << all.errors;
     EXPECT_THAT(all.output,
-                ContainsRegex("00:11:22:33:44:01 +Phone +Phone, smartphone +0x004C +0xABCD"));
-    EXPECT_THAT(all.output, ContainsRegex("Living room +Audio/video, loudspeaker +- +- +paired, "
-                                          "playback"));
-    EXPECT_THAT(all.output, ContainsRegex("Keyboard +Peripheral, keyboard +- +- +paired, connec"));
-    const Ran paired = run({"devices", "connected"});
-    EXPECT_THAT(paired.output, Not(HasSubstr("Phone")));
-    EXPECT_THAT(paired.output, HasSubstr("Keyboard"));
+                ContainsRegex("00:11:22:33:44:01 +Phone +Phone, smartphone +0x004C +0xABCD\n"
+                              ".*Living room +Audio/video, loudspeaker +- +- +paired, playback"));
+    const Ran connected = run({"devices", "connected", "find", "Living room"});
+    EXPECT_THAT(connected.output, Not(HasSubstr("Phone")));
+    EXPECT_THAT(connected.output, ContainsRegex("Keyboard +Peripheral, keyboard +- +- +paired, c"));
+    EXPECT_THAT(connected.output, ContainsRegex("Class: +0x240414\nKind: +Audio/video, loudspea"));
     bluez.setDevices({});
     EXPECT_EQ(run({"devices all"}).output, "No devices\n");
     bluez.fail("/", "GetManagedObjects", failed, "busy");
@@ -201,8 +201,6 @@ TEST_F(Corvanectl, ActsOnADeviceOfThatName) {
     EXPECT_EQ(run({"pair", "Phone", "trust", "Phone", "forget", "Phone"}).status, 0);
     EXPECT_EQ(bluez.countCalls("dev_00_11_22_33_44_01 org.bluez.Device1.Pair"), 1);
     EXPECT_EQ(bluez.countCalls("RemoveDevice"), 1);
-    EXPECT_THAT(run({"find", "Living room"}).output,
-                ContainsRegex("Class: +0x240414\nKind: +Audio/video, loudspeaker"));
     bluez.fail(phone.path(), "Pair", "org.bluez.Error.AuthenticationRejected", "rejected by peer");
     const Ran refused = run({"pair", "Phone"});
     EXPECT_EQ(refused.status, 6);
@@ -210,56 +208,33 @@ TEST_F(Corvanectl, ActsOnADeviceOfThatName) {
     EXPECT_THAT(refused.errors, HasSubstr("rejected by peer"));
 }
 
-// Requests: every answer has its status
-// ------------------------------------------------------------
-
-TEST_F(Corvanectl, ScansAndTellsWhetherBluezDidDiscover) {
-    const Ran scan = run({"scan"});
-    EXPECT_EQ(scan.status, 0) << scan.errors;
-    EXPECT_EQ(scan.output, "Scanned; BlueZ knows 3 devices\n");
-    EXPECT_THAT(scan.errors, IsEmpty());  // no progress where nobody looks
-    bluez.fail("*", "StartDiscovery", "org.bluez.Error.NotReady", "not ready");
-    const Ran blind = run({"scan"});
-    EXPECT_EQ(blind.status, 6);
-    EXPECT_THAT(blind.errors, HasSubstr("not ready"));
-}
-
-TEST_F(Corvanectl, ConnectsAndDisconnectsPairedDevices) {
-    const Ran connected = run({"connect", "Living room"});
-    EXPECT_EQ(connected.status, 0) << connected.errors;
-    bluez.reply("/org/corvane/BluetoothHid", "Connect", "('no such device',)");
-    bluez.fail(speaker.path(), "Connect", failed, "gone");
-    EXPECT_EQ(run({"connect", "Living room"}).status, 14);
+TEST_F(Corvanectl, EveryAnswerOfARequestHasItsStatus) {
+    EXPECT_EQ(run({"scan"}).output, "Scanned; BlueZ knows 3 devices\n");
+    EXPECT_EQ(run({"connect", "Living room"}).status, 0);
     EXPECT_EQ(run({"connect", "Phone"}).status, 7);  // not paired
+    EXPECT_EQ(run({"disconnect", "Living room"}).status, 7);
+    EXPECT_EQ(run({"wait-pair", "Living room"}).status, 0);
+    EXPECT_EQ(run({"wait-pair", "Phone"}).status, 11);
     const Ran odd = run({"connect", "Keyboard"});
     EXPECT_EQ(odd.status, 14);
     EXPECT_THAT(odd.errors, HasSubstr("this one is: Peripheral, keyboard"));
-
-    Device playing = speaker;
-    playing.connected = true;
-    bluez.setDevices({playing});
-    EXPECT_EQ(run({"disconnect", "Living room"}).status, 0);
-    EXPECT_EQ(run({"disconnect", "Phone"}).status, 7);
-}
-
-TEST_F(Corvanectl, WaitsForPairingToEveryAnswer) {
-    EXPECT_EQ(run({"wait-pair", "Living room"}).status, 0);
-    EXPECT_EQ(run({"wait-pair", "Phone"}).status, 11);
-    EXPECT_EQ(run({"wait-pair", "Keyboard"}).status, 14);
+    bluez.fail(speaker.path(), "Connect", failed, "gone");
+    EXPECT_EQ(run({"wait-pair", "Living room"}).status, 13);
+    bluez.reply("/org/corvane/BluetoothHid", "Connect", "('no such device',)");
+    EXPECT_EQ(run({"connect", "Living room"}).status, 14);
+    bluez.fail("*", "StartDiscovery", "org.bluez.Error.NotReady", "not ready");
+    EXPECT_EQ(run({"scan"}).status, 6);
     Device unpaired = speaker;
     unpaired.paired = false;
     bluez.setDevices({unpaired});
     EXPECT_EQ(run({"wait-pair", "Living room"}).status, 15);
-    bluez.setDevices({speaker});
-    bluez.fail(speaker.path(), "Connect", failed, "refused");
-    EXPECT_EQ(run({"wait-pair", "Living room"}).status, 13);
 }
 
 TEST_F(Corvanectl, ALineThatSaysCancelCancels) {
     setenv("CORVANE_TEST_SPEED", "0", 1);
-    const Ran cancelled = run({}, "wait-pair Phone\ncancel\n");
-    EXPECT_THAT(cancelled.status, testing::AnyOf(12, 14));
-    EXPECT_THAT(cancelled.errors, HasSubstr("(REQUEST_"));
+    const Ran early = run({}, "wait-pair Phone\ncancel\n");
+    EXPECT_EQ(early.status, 12);
+    EXPECT_THAT(early.errors, HasSubstr("\"Phone\" was cancelled\n"));
     EXPECT_EQ(run({"cancel"}).output, "No request is running\n");
 
     // A disconnection that fails is tried until then.
@@ -267,36 +242,26 @@ TEST_F(Corvanectl, ALineThatSaysCancelCancels) {
     playing.connected = true;
     bluez.setDevices({playing});
     bluez.fail(speaker.path(), "Disconnect", failed, "not now");
-    const Ran gaveUp = run({"--json"}, "disconnect \"Living room\"\ncancel\n");
-    EXPECT_EQ(gaveUp.status, 14);
-    EXPECT_EQ(gaveUp.json().at(0).at("result").at("answer"), "REQUEST_FAILED");
+    EXPECT_EQ(run({}, "disconnect \"Living room\"\ncancel\n").status, 12);
 }
 
-// The system log
-// -----------------------------------------------------------------------------------
+// Logs
 
 TEST_F(Corvanectl, WatchesTheSystemLogAroundACommand) {
     write("log-answer", "> it is up\n");
     const Ran found = run({"watch-log", "is up", "1000", "--", "devices connected", "cancel"});
     EXPECT_EQ(found.status, 0) << found.errors;
-    EXPECT_THAT(found.output, HasSubstr("Keyboard"));
     EXPECT_THAT(found.output, HasSubstr("Found \"is up\"\nNo request is running\n"));
     EXPECT_THAT(commands(), HasSubstr("| grep 'is up'"));
-
     write("log-answer", "");
     const Ran late = run({"watch-log", "is up", "10", "--", "cancel"});
     EXPECT_EQ(late.status, 16);
     EXPECT_THAT(late.errors, HasSubstr("did not turn up in /var/log/messages within 10 ms"));
     EXPECT_EQ(run({"watch-log", "is up", "10", "--", "find", "Nobody"}).status, 7);
-    EXPECT_EQ(run({"watch-log", "it's", "10", "--", "cancel"}).status, 2);
 }
 
-// The log
-// ------------------------------------------------------------------------------------------
-
 TEST_F(Corvanectl, LogsWhereItIsToldTo) {
-    const std::string file = root / "log";
-    const Ran quiet = run({"--log-file", file, "find", "Living room"});
+    const Ran quiet = run({"--log-file", root / "log", "find", "Living room"});
     EXPECT_THAT(quiet.errors, IsEmpty());
     EXPECT_THAT(read("log"), HasSubstr("is a playback device"));
     const Ran loud = run({"--log-level", "trace", "wait-pair", "Keyboard"});
@@ -304,9 +269,28 @@ TEST_F(Corvanectl, LogsWhereItIsToldTo) {
     write("log.properties",
           "log4cplus.rootLogger=DEBUG, F\nlog4cplus.appender.F=log4cplus::FileAppender\n"
           "log4cplus.appender.F.File=" +
-              file + "2\n");
+              (root / "log2").string() + "\n");
     EXPECT_EQ(run({"--log-config", root / "log.properties", "find", "Living room"}).status, 0);
     EXPECT_THAT(read("log2"), HasSubstr("is a playback device"));
+}
+
+TEST_F(Corvanectl, ReportsWhatAnEngineerNeedsWithoutNamesOnDemand) {
+    bluez.reply("/", "GetManagedObjects",
+                "({objectpath '/org/bluez/hci0/dev_00_11_22_33_44_01': {'org.bluez.Device1': "
+                "{'Address': <'00:11:22:33:44:01'>, 'Name': <'Anna\\'s phone'>}}},)");
+    for (const bool hidden : {false, true}) {
+        std::vector<std::string> words{"report", root / "r.tar"};
+        if (hidden) words.emplace_back("--anonymous");
+        const Ran ran = run(words);
+        ASSERT_EQ(ran.status, 0) << ran.errors;
+        const Ran content = run({}, "", "tar -xOf " + (root / "r.tar").string());
+        EXPECT_THAT(content.output, HasSubstr("org.bluez.Device1"));
+        EXPECT_THAT(content.output, HasSubstr(" warning"));  // doctor's last line
+        EXPECT_EQ(content.output.find("Anna's phone") == std::string::npos, hidden);
+        EXPECT_EQ(content.output.find("11:22:33:44:01") == std::string::npos, hidden);
+        EXPECT_EQ(content.output.find("11_22_33_44_01") == std::string::npos, hidden);
+    }
+    EXPECT_THAT(run({"report", "/nowhere/r.tar"}).errors, ContainsRegex("/nowhere/r.tar.: tar"));
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 //                      what a command whose output is read prints
 // CORVANE_TEST_SPEED   so many times as fast run the steady clock and the waits on a condition
 //                      (default 1); 0: the clock stands still, and no request's time is ever over
-// CORVANE_TEST_BARE    set: the machine has no locales
+// CORVANE_TEST_DAEMON  set: starting the HID daemon leaves a process behind, its number in "daemon"
 //
 // Starting and stopping bluetoothd makes the fake BlueZ own and release its bus name.
 
@@ -21,7 +21,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <clocale>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -78,31 +77,41 @@ void tellFake(const char* method, const char* name) {
 
 extern "C" {
 
-char* setlocale(int category, const char* name) noexcept {
-    if (std::getenv("CORVANE_TEST_BARE") != nullptr) return nullptr;
-    return next<decltype(setlocale)>("setlocale")(category, name);
-}
-
 int system(const char* command) {
     std::ofstream(below("commands"), std::ios_base::app) << command << '\n';
     // As the real ones do.
+    std::error_code ignored;
     constexpr char chatter[] = "Device setup complete\n";
     [[maybe_unused]] const auto written = write(STDOUT_FILENO, chatter, sizeof chatter - 1);
     if (std::strstr(command, "-x /usr/libexec/bluetooth/bluetoothd") != nullptr) {
         tellFake("Own", "org.bluez");
     } else if (std::strcmp(command, "/sbin/kill_and_wait.sh bluetoothd") == 0) {
         tellFake("Release", "org.bluez");
+    } else if (std::strstr(command, "/sbin/kill_and_wait.sh rtk_hciattach") != nullptr) {
+        std::filesystem::remove(below("sys/class/bluetooth/hci0"), ignored);
+    } else if (std::strstr(command, "--exec /bin/rtk_hciattach") != nullptr) {
+        std::filesystem::create_directory(below("sys/class/bluetooth/hci0"), ignored);
+    } else if (std::strstr(command, "-x /bin/hw_bluez_hid") != nullptr &&
+               std::getenv("CORVANE_TEST_DAEMON") != nullptr) {
+        const pid_t daemon = fork();
+        if (daemon == 0) execl("/bin/sleep", "sleep", "600", nullptr);
+        std::ofstream(below("daemon")) << daemon;
     }
     return 0;
 }
 
-FILE* popen(const char* command, const char* /*mode*/) {
+FILE* popen(const char* command, const char* mode) {
+    // Of corvanectl's own only the archiver really runs.
+    if (std::strncmp(command, "tar ", 4) == 0) return next<decltype(popen)>("popen")(command, mode);
     std::ofstream(below("commands"), std::ios_base::app) << command << '\n';
     FILE* const answer = std::fopen(below("log-answer").c_str(), "r");
     return answer != nullptr ? answer : std::tmpfile();
 }
 
-int pclose(FILE* file) { return std::fclose(file); }
+int pclose(FILE* file) {
+    // Those that really run have a process that ends by itself.
+    return std::fclose(file);
+}
 
 int lstat(const char* path, struct stat* status) noexcept {
     return next<decltype(lstat)>("lstat")(standIn(path).c_str(), status);

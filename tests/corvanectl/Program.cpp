@@ -145,12 +145,13 @@ Corvanectl::Corvanectl() {
     setenv("CORVANE_TEST_SPEED", "50", 1);
     setenv("HOME", root.c_str(), 1);
     setenv("TERM", "xterm", 1);
-    unsetenv("CORVANE_LOG_CONFIG");
+    for (const char* variable : {"CORVANE_LOG_CONFIG", "CORVANE_TEST_DAEMON"}) unsetenv(variable);
     fs::create_directories(root / "tmp");
     fs::create_directories(root / "sys/class/bluetooth/hci0");
     setIdentity(
         "<identity><model>1</model><family>3</family><revision>7</revision>"
         "<serial>AB12CD34</serial></identity>");
+    setAdapter("<true>", "<true>", "<'Corvane C100 AB12CD34'>");
     bluez.setDevices({phone, speaker, keyboard});
 }
 
@@ -158,8 +159,22 @@ void Corvanectl::setIdentity(const std::string& text) {
     bluez.reply("/org/corvane/Hardware", "GetHardwareInfo", "('" + text + "',)");
 }
 
-Ran Corvanectl::run(const std::vector<std::string>& arguments, const std::string& input) {
-    const std::vector<std::string> command = withProgram(arguments);
+void Corvanectl::setAdapter(const std::string& powered, const std::string& pairable,
+                            const std::string& alias) {
+    bluez.reply(
+        "/org/bluez/hci0", "GetAll",
+        "({'Powered': " + powered + ", 'Pairable': " + pairable + ", 'Alias': " + alias + "},)");
+}
+
+bool Corvanectl::daemonRuns() {
+    const std::string pid = read("daemon");
+    return !pid.empty() && kill(std::stoi(pid), SIGKILL) == 0;
+}
+
+Ran Corvanectl::run(const std::vector<std::string>& arguments, const std::string& input,
+                    const std::string& script) {
+    std::vector<std::string> command = withProgram(arguments);
+    if (!script.empty()) command.insert(command.begin(), {"/bin/sh", "-c", script, "sh"});
     const std::vector<char*> words = pointers(command);
     const fs::path in = root / "input";
     const fs::path out = root / "output";

@@ -63,7 +63,12 @@ protected:
     Corvanectl();
 
     /// Runs it with arguments, and lines on standard input.
-    Ran run(const std::vector<std::string>& arguments, const std::string& input = "");
+    /// @param script  runs in a shell instead, with the program and its arguments as "$@"
+    Ran run(const std::vector<std::string>& arguments, const std::string& input = "",
+            const std::string& script = "");
+
+    /// Whether a daemon runs that CORVANE_TEST_DAEMON made it start. Ends it.
+    bool daemonRuns();
 
     std::unique_ptr<Terminal> onTerminal(const std::vector<std::string>& arguments,
                                          unsigned short columns = 100);
@@ -76,6 +81,10 @@ protected:
     std::string commands() const { return read("commands"); }
 
     void setIdentity(const std::string& text);
+
+    /// What the adapter shows, each as a variant in GVariant's text form.
+    void setAdapter(const std::string& powered, const std::string& pairable,
+                    const std::string& alias);
 
     PrivateBus bus;
     FakeBluez bluez{bus.address()};

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <cstdlib>
 
 #include <unistd.h>
@@ -9,7 +10,6 @@
 namespace corvane::test {
 namespace {
 
-using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -31,18 +31,19 @@ TEST_F(Corvanectl, ShellRunsCommandsAndShowsTheRadiosState) {
 }
 
 TEST_F(Corvanectl, ShellCompletesCommandsChoicesAndDeviceNames) {
+    bluez.setDevices({phone, speaker, {keyboard.address, "Living room 2"}});
     const auto shell = onTerminal({});
     ASSERT_TRUE(shell->shows("> "));
     shell->type("devi\t\r");
-    ASSERT_TRUE(shell->shows("Living room"));
+    ASSERT_TRUE(shell->shows("Living room 2"));
     shell->type("airplane o\t");
     ASSERT_TRUE(shell->shows("off\r\non"));
+    // The quote that the name needs comes by itself; what two names share stops before they differ.
     shell->type(
         "\x15"
-        "find Liv\t\r");
-    ASSERT_TRUE(shell->shows("0x240414"));
-    ASSERT_TRUE(shell->shows("> "));
-    shell->type("\x10\r");  // the history's last
+        "find Liv\t");
+    ASSERT_TRUE(shell->shows("\"Living room"));
+    shell->type("\"\r");
     ASSERT_TRUE(shell->shows("0x240414"));
     ASSERT_TRUE(shell->shows("> "));
     shell->type("quit\r");
@@ -62,7 +63,7 @@ TEST_F(Corvanectl, CtrlCCancelsTheRequestAndASecondOneLeaves) {
     ASSERT_TRUE(shell->shows("Scanning"));
     ASSERT_TRUE(shell->shows("s left"));
     shell->interrupt();
-    ASSERT_TRUE(shell->shows("the scan "));
+    ASSERT_TRUE(shell->shows("the scan was cancelled\r\n"));
     ASSERT_TRUE(shell->shows("> "));
     shell->type("half a line");
     shell->interrupt();
@@ -75,7 +76,7 @@ TEST_F(Corvanectl, CtrlCCancelsTheRequestAndASecondOneLeaves) {
     shell->type("wait-pair Phone\r");
     ASSERT_TRUE(shell->shows("Waiting for pairing"));
     shell->type("cancel\rdevices\r");
-    ASSERT_TRUE(shell->shows("REQUEST_"));
+    ASSERT_TRUE(shell->shows("was cancelled"));
     ASSERT_TRUE(shell->shows("Living room"));  // typed ahead, and run
     ASSERT_TRUE(shell->shows("> "));
 
@@ -96,7 +97,7 @@ TEST_F(Corvanectl, CtrlCEndsASequenceOfCommands) {
     const auto sequence = onTerminal({"scan", "devices"});
     ASSERT_TRUE(sequence->shows("s left"));
     sequence->interrupt();
-    EXPECT_THAT(sequence->end(), AnyOf(12, 14));
+    EXPECT_EQ(sequence->end(), 12);
     EXPECT_THAT(sequence->screen(), Not(HasSubstr("Living room")));
 }
 
@@ -109,21 +110,36 @@ TEST_F(Corvanectl, ShellGoesOnWithoutABoard) {
     ASSERT_TRUE(shell->shows("-> start the hardware service"));
 }
 
-TEST_F(Corvanectl, TablesFitTheTerminalAsItIsNow) {
-    bluez.setDevices({{phone.address, std::string(100, 'n'), 0x5A020C}});
+TEST_F(Corvanectl, SaysWhatACommandWaitsFor) {
+    setenv("CORVANE_TEST_SPEED", "1", 1);
+    setIdentity("<identity><model>6</model><family>3</family><serial>S</serial></identity>");
+    std::filesystem::remove(root / "sys/class/bluetooth/hci0");
+    ASSERT_TRUE(onTerminal({"status"})->shows("Waiting for the Wi-Fi's /sys/class/net/wlan0"));
+    bluez.ignore(phone.path(), "Pair");
+    std::filesystem::create_directory(root / "sys/class/bluetooth/hci0");
+    EXPECT_TRUE(onTerminal({"pair", "Phone"})->shows("pair  2 s"));
+}
+
+TEST_F(Corvanectl, TablesKeepNamesWholeInANarrowTerminal) {
+    const std::string name = "A loudspeaker";
+    bluez.setDevices({{phone.address, name, 0x240414, true, true}});
     const auto shell = onTerminal({}, 120);
     ASSERT_TRUE(shell->shows("> "));
-    shell->resize(70);
-    shell->type("devices\r");
-    ASSERT_TRUE(shell->shows("nnn"));
-    ASSERT_TRUE(shell->shows("> "));
-    const std::string& screen = shell->screen();
-    const std::size_t start = screen.find("ADDRESS");
-    const std::size_t end = screen.find("corvane (", start);
-    std::size_t width = 0;
-    for (std::size_t i = start; i < end; ++i) {
-        width = screen[i] == '\n' || screen[i] == '\r' ? 0 : width + 1;
-        EXPECT_LE(width, 70U);
+    for (const unsigned short columns : std::array<unsigned short, 3>{80, 60, 40}) {
+        shell->resize(columns);
+        const std::size_t start = shell->screen().size();
+        shell->type("devices\r");
+        ASSERT_TRUE(shell->shows("ADDRESS"));
+        ASSERT_TRUE(shell->shows("corvane ("));
+        const std::string shown = shell->screen().substr(start);
+        EXPECT_THAT(shown, HasSubstr(name));
+        EXPECT_THAT(shown, HasSubstr("(no room for "));
+        EXPECT_THAT(shown, HasSubstr(columns > 40 ? "..." : "KIND"));
+        std::size_t width = 0;
+        for (const char c : shown.substr(shown.find("ADDRESS"))) {
+            width = c == '\n' || c == '\r' ? 0 : width + 1;
+            EXPECT_LE(width, columns);
+        }
     }
 }
 

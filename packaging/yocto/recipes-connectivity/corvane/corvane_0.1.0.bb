@@ -18,7 +18,7 @@ EXTERNALSRC_BUILD ?= "${WORKDIR}/build"
 CORVANE_HOSTLIBS ?= "${S}/hostlibs"
 
 PACKAGECONFIG ??= "corvanectl reference-hostlibs"
-PACKAGECONFIG[corvanectl] = "-DCORVANE_BUILD_APPS=ON,-DCORVANE_BUILD_APPS=OFF,cli11 libedit libgpiod nlohmann-json util-linux"
+PACKAGECONFIG[corvanectl] = "-DCORVANE_BUILD_APPS=ON,-DCORVANE_BUILD_APPS=OFF,cli11 libedit nlohmann-json"
 PACKAGECONFIG[reference-hostlibs] = ",,libgpiod tinyxml2"
 
 EXTRA_OECMAKE = "-DCORVANE_BUILD_TESTS=OFF -DCORVANE_HOSTLIBS=${CORVANE_HOSTLIBS}"
@@ -26,7 +26,7 @@ EXTRA_OECMAKE = "-DCORVANE_BUILD_TESTS=OFF -DCORVANE_HOSTLIBS=${CORVANE_HOSTLIBS
 PACKAGES =+ "${PN}-hostlibs ${PN}ctl"
 
 FILES:${PN}-hostlibs = "${libdir}/libcorvanehost${SOLIBS} ${datadir}/dbus-1/system.d"
-FILES:${PN}ctl = "${bindir}/corvanectl ${datadir}/bash-completion ${datadir}/zsh"
+FILES:${PN}ctl = "${bindir}/corvanectl ${datadir}/bash-completion ${datadir}/corvanectl ${datadir}/zsh"
 FILES:${PN}-dev += "${datadir}/dbus-1/interfaces"
 
 # hciconfig and hciattach, which the library runs, are tools that BlueZ calls deprecated: the distribution builds them by

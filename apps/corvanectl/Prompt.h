@@ -1,6 +1,5 @@
 #pragma once
 
-#include "LineSource.h"
 #include "Session.h"
 
 namespace corvanectl {
@@ -10,14 +9,5 @@ namespace corvanectl {
 /// is kept in ~/.corvanectl_history.
 /// @param input  reads the same terminal, for what is typed while a command runs
 void runShell(Session& session, LineSource& input);
-
-/// A completion of the word that ends at the end of `line`.
-struct Completion {
-    std::size_t wordStart = 0;            ///< where in the line that word begins
-    std::vector<std::string> candidates;  ///< complete words, in quotes where they need them
-};
-
-/// What may stand in place of the last word. Device names are those of the last scan.
-Completion complete(Session& session, const std::string& line);
 
 }  // namespace corvanectl

@@ -1,0 +1,203 @@
+#include "Host.h"
+
+#include "Bluez.h"
+#include "RadioWirings.h"
+#include "Text.h"
+#include "hwcommon/DBusHardwareProxy.h"
+#include "hwcommon/DBusProxy.h"
+#include "hwcommon/fileUtil.h"
+
+#include <algorithm>
+#include <future>
+#include <thread>
+
+namespace corvanectl {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+Failure noBus(const char* reason) {
+    return {ExitStatus::noBus, std::string("no system bus: ") + reason +
+                                   "; start dbus-daemon, and see the address in "
+                                   "DBUS_SYSTEM_BUS_ADDRESS where it is set"};
+}
+
+Failure noIdentity(const std::string& reason, const char* remedy) {
+    return {ExitStatus::noIdentity, "no board identity: " + reason +
+                                        ", and without it the wrong lines could be driven; " +
+                                        remedy};
+}
+
+}  // namespace
+
+sdbus::IConnection& Host::bus() {
+    try {
+        if (!connection) connection = sdbus::createSystemBusConnection();
+    } catch (const sdbus::Error& error) {
+        throw noBus(error.what());
+    }
+    return *connection;
+}
+
+const eepromXML& Host::identity() {
+    if (board) return *board;
+    const bool served = isOnTheBus(hardwareName);
+    const std::string text =
+        served ? hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo() : std::string();
+    if (!served) {
+        throw noIdentity("org.corvane.Hardware is not on the system bus",
+                         "start the hardware service");
+    }
+    if (text.empty()) {
+        throw noIdentity("org.corvane.Hardware gives an empty one, or does not answer",
+                         "correct the identity, or start the hardware service anew");
+    }
+    eepromXML parsed(text);
+    if (parsed.GetModelType() == MODEL_UNKNOWN) {
+        throw noIdentity("the one from org.corvane.Hardware names no model",
+                         ("correct the identity: " + inQuotes(text.substr(0, 200))).c_str());
+    }
+    return board.emplace(std::move(parsed));
+}
+
+BluetoothManager& Host::manager() {
+    if (!constructed) {
+        const eepromXML& known = identity();
+        const auto family = [&] { return known.GetProductFamily(); };
+        const auto& wiring =
+            corvane::radioWirings.at(corvane::radioWiringOf(known.GetModelType(), family));
+        if (wiring.waitsForWifi && !hwcommon::fileUtil::exists(corvane::hciDevice) &&
+            !hwcommon::fileUtil::exists(corvane::wifiInterface)) {
+            tell(std::string("Waiting for the Wi-Fi's ") + corvane::wifiInterface,
+                 milliseconds(corvane::wifiPolls * corvane::wifiPoll));
+        }
+        try {
+            BluetoothManager::getInstance();
+        } catch (const sdbus::Error& error) {
+            throw noBus(error.what());
+        }
+        constructed = true;
+    }
+    return BluetoothManager::getInstance();
+}
+
+hwcommon::DBusBluetoothHidProxy* Host::hid() {
+    if (!hidProxy) hidProxy.emplace(bus());
+    return &*hidProxy;
+}
+
+bool Host::isOnTheBus(const std::string& busName) {
+    return hwcommon::DBusProxy(bus()).waitUntilDBusNameExist(busName, 0);
+}
+
+std::optional<bool> Host::setting() {
+    if (!hwcommon::fileUtil::exists(corvane::flagFile)) return std::nullopt;
+    // The manager lets the exceptions of the number conversion pass.
+    try {
+        return manager().getEnabled();
+    } catch (const std::logic_error& error) {
+        throw Failure(ExitStatus::badSetting, std::string("the flag file ") + corvane::flagFile +
+                                                  " holds no number (" + error.what() +
+                                                  "); remove it, then switch on or off anew");
+    }
+}
+
+std::shared_ptr<GVariant> Host::ask(const char* path, const char* interface, const char* method,
+                                    GVariant* arguments) {
+    GDBusConnection* const bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (bus == nullptr) return nullptr;
+    g_dbus_connection_set_exit_on_close(bus, FALSE);
+    GVariant* const reply =
+        g_dbus_connection_call_sync(bus, bluezName, path, interface, method, arguments, nullptr,
+                                    G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr);
+    g_object_unref(bus);
+    if (reply == nullptr) return nullptr;
+    return {reply, &g_variant_unref};
+}
+
+std::optional<AdapterState> Host::adapterState() {
+    const auto reply = ask(corvane::bluez::adapterPath, "org.freedesktop.DBus.Properties", "GetAll",
+                           g_variant_new("(s)", corvane::bluez::adapterInterface));
+    if (!reply || g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a{sv})")) == FALSE) {
+        return std::nullopt;
+    }
+    const std::shared_ptr<GVariant> all(g_variant_get_child_value(reply.get(), 0),
+                                        &g_variant_unref);
+    gboolean powered = FALSE;
+    gboolean pairable = FALSE;
+    const char* alias = "";
+    g_variant_lookup(all.get(), "Powered", "b", &powered);
+    g_variant_lookup(all.get(), "Pairable", "b", &pairable);
+    g_variant_lookup(all.get(), "Alias", "&s", &alias);
+    return AdapterState{powered != FALSE, pairable != FALSE, alias};
+}
+
+void Host::refresh() {
+    BluetoothManager& source = manager();
+    const std::size_t before = errorCount();
+    if (!source.scanDevicesInfo() || errorCount() > before) {
+        throw Failure(ExitStatus::refused,
+                      "BlueZ did not give its devices; is Bluetooth on? See status");
+    }
+}
+
+std::vector<Device> Host::devices(BluetoothDeviceListType type) {
+    BluetoothManager& source = manager();
+    std::vector<Device> result;
+    for (const BluetoothConnectionInfo& info : source.getBluetoothDeviceList(type)) {
+        const auto isIn = [&](BluetoothDeviceListType other) {
+            const auto& list = source.getBluetoothDeviceList(other);
+            return std::any_of(list.begin(), list.end(), [&](const BluetoothConnectionInfo& each) {
+                return each.macAddress == info.macAddress;
+            });
+        };
+        result.push_back(
+            {info, isIn(PAIRED_DEVICES), isIn(CONNECTED_DEVICES), source.isPlaybackDevice(info)});
+    }
+    return result;
+}
+
+Device Host::device(BluetoothDeviceListType type, const std::string& name) {
+    refresh();
+    const std::vector<Device> list = devices(type);
+    const auto found = std::find_if(list.begin(), list.end(),
+                                    [&](const Device& each) { return each.info.name == name; });
+    if (found != list.end()) return *found;
+    constexpr const char* hints[] = {
+        " known ones; scan finds devices, devices lists their names",
+        " paired ones; pair it first, devices paired lists their names",
+        " connected ones; devices connected lists their names"};
+    throw Failure(ExitStatus::noDevice, "no device named " + inQuotes(name) + " among the " +
+                                            std::to_string(list.size()) + hints[type]);
+}
+
+Host::Answer Host::perform(const RequestMaker& make, const std::string& what, milliseconds limit) {
+    constexpr milliseconds look{20};
+    // Shared: the request's thread may outlive the wait.
+    const auto promise = std::make_shared<std::promise<BluetoothRequestAnswers>>();
+    const auto request =
+        make([promise](BluetoothRequestAnswers answer) { promise->set_value(answer); });
+    if (!manager().makeRequest(request)) {
+        throw Failure(ExitStatus::busy,
+                      "another request is still running; wait for its end or cancel it");
+    }
+    tell(what, limit);
+    auto answer = promise->get_future();
+    bool cancelled = false;
+    while (answer.wait_for(milliseconds(0)) != std::future_status::ready) {
+        if (!cancelled &&
+            (Interrupt::happened() || (lines != nullptr && lines->takeIf("cancel")))) {
+            request->cancelRequest();
+            cancelled = true;
+            tell("Cancelling, Ctrl-C again leaves", milliseconds(0));
+        }
+        std::this_thread::sleep_for(look);
+    }
+    // A request that has answered may count as running a moment longer, and the next one would be
+    // refused.
+    while (request->isStillRunning()) std::this_thread::sleep_for(milliseconds(1));
+    return {answer.get(), cancelled};
+}
+
+}  // namespace corvanectl

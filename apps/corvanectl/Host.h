@@ -1,0 +1,114 @@
+#pragma once
+
+#include "BluetoothManager.h"
+
+#include "Command.h"
+#include "Input.h"
+#include "LogRecords.h"
+#include "hwcommon/DBusBluetoothHidProxy.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace corvanectl {
+
+constexpr char bluezName[] = "org.bluez";
+constexpr char hardwareName[] = "org.corvane.Hardware";
+constexpr char hidName[] = "org.corvane.BluetoothHid";
+
+/// A device and what the lists say of it.
+struct Device {
+    BluetoothConnectionInfo info;
+    bool paired = false;
+    bool connected = false;
+    bool playback = false;
+};
+
+/// What the adapter shows when it is read back.
+struct AdapterState {
+    bool powered = false;
+    bool pairable = false;
+    std::string alias;
+};
+
+/// Drives the radio: the library's manager, the board's identity, the bus. Says nothing to the
+/// user, but tells what it waits for. Used from the main thread.
+class Host {
+public:
+    /// Told what is waited for, and how long at most; 0 when nobody knows.
+    using Teller = std::function<void(const std::string& what, std::chrono::milliseconds limit)>;
+
+    /// @param input  where a line "cancel" may come from while a request runs; null for nowhere
+    Host(LogRecords& logRecords, LineSource* input, Teller tellWait)
+        : records(logRecords), lines(input), tell(std::move(tellWait)) {}
+
+    /// The manager; the first call constructs it. Throws Failure (noBus, noIdentity) before the
+    /// radio is touched.
+    BluetoothManager& manager();
+    bool managerIsUp() const { return constructed; }
+
+    /// The board's identity, read at the first call. Throws Failure (noBus, noIdentity).
+    const eepromXML& identity();
+
+    /// The host's HID service.
+    hwcommon::DBusBluetoothHidProxy* hid();
+
+    /// Whether a bus name has an owner now. Throws Failure (noBus).
+    bool isOnTheBus(const std::string& busName);
+
+    /// The persisted setting; none when it was not set since the last boot. Throws Failure
+    /// (badSetting).
+    std::optional<bool> setting();
+
+    /// The adapter's properties; none when BlueZ does not give them.
+    static std::optional<AdapterState> adapterState();
+
+    /// What a method without arguments of a BlueZ object returns, or null.
+    static std::shared_ptr<GVariant> ask(const char* path, const char* interface,
+                                         const char* method, GVariant* arguments);
+
+    /// Refills the lists from BlueZ. Throws Failure (refused) when BlueZ did not answer.
+    void refresh();
+
+    /// The devices of a list as the last refresh() left it.
+    std::vector<Device> devices(BluetoothDeviceListType type);
+
+    /// Refills the lists and finds a device. Throws Failure (refused, noDevice).
+    Device device(BluetoothDeviceListType type, const std::string& name);
+
+    /// The library's errors since the command began.
+    std::size_t errorCount() { return records.errors().total; }
+
+    struct Answer {
+        BluetoothRequestAnswers answer;
+        bool cancelled;  ///< by us
+    };
+    using Callback = std::function<void(BluetoothRequestAnswers)>;
+    using RequestMaker = std::function<std::shared_ptr<BluetoothRequest>(Callback)>;
+
+    /// Runs a request to its answer. Ctrl-C and a line "cancel" cancel it. Throws Failure (busy).
+    Answer perform(const RequestMaker& make, const std::string& what,
+                   std::chrono::milliseconds limit);
+
+    /// What this process did last about airplane mode; the manager does not tell.
+    bool inAirplaneMode = false;
+
+private:
+    sdbus::IConnection& bus();
+
+    LogRecords& records;
+    LineSource* const lines;
+    const Teller tell;
+    bool constructed = false;
+    std::unique_ptr<sdbus::IConnection> connection;
+    std::optional<hwcommon::DBusBluetoothHidProxy> hidProxy;
+    std::optional<eepromXML> board;
+};
+
+}  // namespace corvanectl
