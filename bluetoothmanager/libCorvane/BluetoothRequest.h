@@ -58,8 +58,8 @@ public:
 protected:
     std::atomic<bool> cancelFlag;
     /// Deliberate: a plain bool, written by the request's thread and read by others without
-    /// synchronisation, as the interface was laid down. Named in the thread sanitizer's
-    /// suppressions.
+    /// synchronisation. It is only polled, and a value read late does no harm. Named in the thread
+    /// sanitizer's suppressions.
     bool runningFlag;
     std::string requestName;
     std::function<void(BluetoothRequestAnswers)> answerCallback;
