@@ -21,8 +21,9 @@ BluetoothManager::BluetoothManager() {
     }
     dbusProxy = std::make_unique<hwcommon::DBusProxy>(*sdbusConnection);
     modelType = eeprom->GetModelType();
-    hardwareVariant = static_cast<int>(corvane::radioWiringOf(
-        modelType, [] { return Capabilities::getInstance().getProductFamily(); }));
+    hardwareVariant = static_cast<int>(corvane::radioWiringOf(static_cast<int>(modelType), [] {
+        return Capabilities::getInstance().getProductFamily();
+    }));
     if (const int lack = corvane::lackOfDescriptors(1); lack != 0) {
         throw std::system_error(lack, std::generic_category(), "BluetoothManager");
     }

@@ -1,12 +1,14 @@
 #include "Program.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -125,6 +127,19 @@ testing::AssertionResult Terminal::shows(const std::string& text) {
         }
         if (!readMore()) return testing::AssertionFailure() << "no \"" << text << "\" in:\n" << all;
     }
+}
+
+bool Terminal::waits() const {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (std::chrono::steady_clock::now() < deadline) {
+        std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+        std::string stat;
+        std::getline(file, stat);
+        const std::size_t name = stat.rfind(')');
+        if (name != std::string::npos && stat.compare(name, 3, ") S") == 0) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
 }
 
 int Terminal::end() {

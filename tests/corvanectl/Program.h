@@ -42,6 +42,10 @@ public:
     /// Waits until the text has come, behind what earlier calls have found.
     testing::AssertionResult shows(const std::string& text);
 
+    /// Waits until the program waits itself: for input, when it has shown all else. A signal that
+    /// comes a moment earlier does not end libedit's read.
+    bool waits() const;
+
     /// Waits for the end. @return the exit status, -1 when it does not come
     int end();
 

@@ -66,6 +66,8 @@ TEST_F(Corvanectl, CtrlCCancelsTheRequestAndASecondOneLeaves) {
     ASSERT_TRUE(shell->shows("the scan was cancelled\r\n"));
     ASSERT_TRUE(shell->shows("> "));
     shell->type("half a line");
+    ASSERT_TRUE(shell->shows("half a line"));
+    ASSERT_TRUE(shell->waits());
     shell->interrupt();
     ASSERT_TRUE(shell->shows("Ctrl-C again leaves"));
     ASSERT_TRUE(shell->shows("> "));
