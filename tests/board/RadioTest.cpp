@@ -188,6 +188,7 @@ TEST_F(Radio, PairsAndForgetsADevice) {
 }
 
 TEST_F(Radio, AScanWithBlueZStoppedStillAnswersAfterItsTime) {
+    if (board::wiring() != 1) GTEST_SKIP() << "slow, and the same on each wiring";
     board::run("/sbin/kill_and_wait.sh bluetoothd");
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(Started::make<ScanBluetoothRequest>().answer(), REQUEST_SUCCESS);
@@ -225,22 +226,18 @@ TEST_F(Radio, ForcedOffLowersTheLineThatWifiShares) {
     for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 0) << line;
 }
 
-TEST_F(Radio, RoundsLeaveOnlyTheDescriptorsThatAreLeftOpenOnPurpose) {
+TEST_F(Radio, ASecondRoundLeavesOnlyTheDescriptorsThatStayOpenOnPurpose) {
     // The first round settles what is opened once (log, bus).
     manager().setEnabled(true, false);
     manager().setEnabled(false, false);
     const std::multiset<std::string> before = board::openDescriptors();
-    constexpr unsigned rounds = 2;  // a descriptor that leaks does so in each
-    for (unsigned round = 0; round < rounds; ++round) {
-        SCOPED_TRACE(round);
-        records.clear();
-        manager().setEnabled(true, false);
-        expectSwitchedOn(records);
-        manager().setEnabled(false, false);
-    }
+    records.clear();
+    manager().setEnabled(true, false);
+    expectSwitchedOn(records);
+    manager().setEnabled(false, false);
     // Three for each switching on: the class's, the scan mode's and the link mode's.
     const std::multiset<std::string> after = board::openDescriptors();
-    EXPECT_EQ(after.size(), before.size() + 3 * rounds)
+    EXPECT_EQ(after.size(), before.size() + 3)
         << "before: " << testing::PrintToString(before)
         << "\nafter: " << testing::PrintToString(after);
     EXPECT_TRUE(board::waitFor([] { return board::zombies() == 0; })) << board::zombies();
