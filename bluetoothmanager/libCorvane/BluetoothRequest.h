@@ -52,7 +52,7 @@ public:
 
     /// The request's name. Deliberate: the requests that are built with a callback keep "Generic
     /// BluetoothRequest", all but the connect request; logs of the field are searched for these
-    /// names. Held by RequestNames.AreThoseThatTheConstructorsLeave.
+    /// names. Held by RequestNames.DependOnTheConstructor.
     std::string getRequestName();
 
 protected:

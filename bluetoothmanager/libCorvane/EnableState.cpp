@@ -20,7 +20,7 @@ void BluetoothManager::setEnabled(bool enable, bool forced) {
     CORVANE_DEBUG("setEnabled"
                   << " : " << enable << (forced ? " (forced)" : ""));
     // Deliberate: forced does not bypass this; it only widens what a real switch-off lowers. Held
-    // by SetEnabled.DoesNothingWhenTheSettingIsTheWantedOne.
+    // by SetEnabled.DoesNothingWhenTheSettingIsUnchanged.
     if (hwcommon::fileUtil::exists(flagFile) && getEnabled() == enable) return;
     corvane::runShell(std::string("rfkill ") + (enable ? "un" : "") + "block bluetooth");
     enableGpio(enable, forced);

@@ -116,7 +116,7 @@ GDBusConnection* acquireSystemBus() {
 
 // Deliberate: what construction took is not dropped. Switching off first after boot leaves the
 // connection in use, since every later operation needs it. Held by
-// BusReferences.OnlyThoseOfBringUpsAreDropped.
+// BusReferences.SwitchingOffDropsOnlyABringUpsReference.
 void releaseSystemBus(GDBusConnection* connection) {
     for (Kept& kept : keptConnections()) {
         if (kept.connection != connection || kept.references == 0) continue;

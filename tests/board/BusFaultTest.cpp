@@ -48,9 +48,9 @@ hwcommon::DBusBluetoothHidProxy* hidService() {
     return &proxy;
 }
 
-class DaemonEnds : public Fault, public testing::WithParamInterface<int> {};
+class DaemonKilled : public Fault, public testing::WithParamInterface<int> {};
 
-TEST_P(DaemonEnds, DuringBringUpAndIsLeftBehindByOffAndOn) {
+TEST_P(DaemonKilled, DuringBringUpIsCuredByOffAndOn) {
     manager().setEnabled(false, false);
     std::thread ending([] {
         EXPECT_TRUE(board::waitFor([] { return board::processes(daemonProgram) > 0; }));
@@ -68,12 +68,12 @@ TEST_P(DaemonEnds, DuringBringUpAndIsLeftBehindByOffAndOn) {
     recoversAfter();
 }
 
-INSTANTIATE_TEST_SUITE_P(AfterMilliseconds, DaemonEnds, testing::Values(0, 100, 250, 500),
+INSTANTIATE_TEST_SUITE_P(AfterMilliseconds, DaemonKilled, testing::Values(0, 100, 250, 500),
                          testing::PrintToStringParamName());
 
 using BusFault = Fault;
 
-TEST_F(BusFault, ADaemonThatCannotStartIsLoggedAndLeftBehindByOffAndOn) {
+TEST_F(BusFault, DaemonThatCannotStartIsCuredByOffAndOn) {
     manager().setEnabled(false, false);
     const std::string program = daemonProgram;
     onBoard("mv " + program + " /tmp");
@@ -123,9 +123,9 @@ struct RequestRow {
     bool endsByItself;  // otherwise it goes on until it is cancelled
 };
 
-class DaemonEndsUnder : public Fault, public testing::WithParamInterface<RequestRow> {};
+class DaemonHang : public Fault, public testing::WithParamInterface<RequestRow> {};
 
-TEST_P(DaemonEndsUnder, ARequestWhichIsAnsweredOnce) {
+TEST_P(DaemonHang, DuringARequestGivesOneAnswer) {
     knowDevices();
     onBoard(stopDaemon);
     Started request = GetParam().start();
@@ -144,7 +144,7 @@ TEST_P(DaemonEndsUnder, ARequestWhichIsAnsweredOnce) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Request, DaemonEndsUnder,
+    Request, DaemonHang,
     testing::Values(
         RequestRow{"Scan", [] { return Started::make<ScanBluetoothRequest>(); }, false},
         RequestRow{"Connect",
@@ -158,7 +158,7 @@ INSTANTIATE_TEST_SUITE_P(
                    [] { return Started::make<WaitBluetoothPairingRequest>("Speaker"); }, true}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(BusFault, TheHostOutlivesABusThatIsRestartedWhileItWaitsForAnAnswer) {
+TEST_F(BusFault, HostSurvivesABusRestartDuringACall) {
     knowDevices();
     ASSERT_TRUE(hidService() != nullptr);  // on the old bus
     onBoard(stopDaemon);
@@ -181,7 +181,7 @@ TEST_F(BusFault, TheHostOutlivesABusThatIsRestartedWhileItWaitsForAnAnswer) {
         << records.errors();
 }
 
-TEST_F(BusFault, AListThatIsBeingFilledEndsWithTheBus) {
+TEST_F(BusFault, ListsAreEmptyWhenTheBusStopsDuringAScan) {
     manager().setEnabled(true, false);
     onBoard(stopDaemon);
     std::thread ending([] {

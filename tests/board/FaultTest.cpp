@@ -69,11 +69,11 @@ struct BeforeRow : Trouble {
     const char* reason;  // why BlueZ does not switch it on
 };
 
-class BeforeBringUp : public Fault, public testing::WithParamInterface<BeforeRow> {};
+class FaultBeforeBringUp : public Fault, public testing::WithParamInterface<BeforeRow> {};
 
 }  // namespace
 
-TEST_P(BeforeBringUp, IsLoggedAndLeftBehindByOffAndOn) {
+TEST_P(FaultBeforeBringUp, IsLoggedAndCuredByOffAndOn) {
     manager().setEnabled(false, false);
     onBoard(GetParam().breaks);
     records.clear();
@@ -127,7 +127,7 @@ struct WhileOnRow : Trouble {
     Outcome power, scanMode, deviceClass, linkMode, search;
 };
 
-class WhileOn : public Fault, public testing::WithParamInterface<WhileOnRow> {
+class FaultWhileOn : public Fault, public testing::WithParamInterface<WhileOnRow> {
 protected:
     void expectOutcome(const char* step, bool works, const Outcome& expected) {
         EXPECT_EQ(works, expected.works) << step << "\n" << records.errors();
@@ -144,7 +144,7 @@ protected:
 
 }  // namespace
 
-TEST_P(WhileOn, ShowsInEachStepThatNeedsTheControllerAndIsLeftBehindByOffAndOn) {
+TEST_P(FaultWhileOn, FailsTheStepsThatNeedTheController) {
     manager().setEnabled(true, false);
     records.clear();
     onBoard(GetParam().breaks);
@@ -195,10 +195,10 @@ std::string nameOfLater(const testing::TestParamInfo<WhileOnRow>& row) { return 
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Controller, BeforeBringUp, testing::ValuesIn(beforeRows()), nameOf);
-INSTANTIATE_TEST_SUITE_P(Controller, WhileOn, testing::ValuesIn(whileOnRows()), nameOfLater);
+INSTANTIATE_TEST_SUITE_P(Controller, FaultBeforeBringUp, testing::ValuesIn(beforeRows()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Controller, FaultWhileOn, testing::ValuesIn(whileOnRows()), nameOfLater);
 
-TEST_F(Fault, AControllerThatVanishesDuringBringUpIsLeftBehindByOffAndOn) {
+TEST_F(Fault, VanishingControllerDuringBringUpIsCuredByOffAndOn) {
     manager().setEnabled(false, false);
     std::thread vanishing([] {
         EXPECT_TRUE(board::waitFor([] { return board::busNameOwned("org.bluez"); }));

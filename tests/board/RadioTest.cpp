@@ -58,7 +58,7 @@ protected:
     Records records;
 };
 
-TEST_F(Radio, OffAsTheFirstCommandRunsTheWholeSequence) {
+TEST_F(Radio, OffAsTheFirstCommandRunsEveryStep) {
     unlink(flagFile);
     manager().setEnabled(false, false);
     EXPECT_EQ(board::fileContent(flagFile), "0");
@@ -80,7 +80,7 @@ TEST_F(Radio, AirplaneModeUnloadsTheModulesAndLowersEveryLine) {
     EXPECT_NE(board::run("lsmod").find("\nbluetooth "), std::string::npos);
 }
 
-TEST_F(Radio, OnBringsUpWhatTheBoardThenShows) {
+TEST_F(Radio, OnConfiguresTheAdapterAndTheController) {
     const std::string trace = traced([] { manager().setEnabled(true, false); });
     const std::string classNow = board::controllerClass();
 
@@ -226,7 +226,7 @@ TEST_F(Radio, ForcedOffLowersTheLineThatWifiShares) {
     for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 0) << line;
 }
 
-TEST_F(Radio, ASecondRoundLeavesOnlyTheDescriptorsThatStayOpenOnPurpose) {
+TEST_F(Radio, SwitchingLeavesOnlyTheExpectedDescriptorsOpen) {
     // The first round settles what is opened once (log, bus).
     manager().setEnabled(true, false);
     manager().setEnabled(false, false);

@@ -110,7 +110,7 @@ protected:
     Records records;
 };
 
-TEST_F(Requests, TheRadioFindsTheDevices) {
+TEST_F(Requests, ScanFindsTheDevices) {
     // The emulated controller takes whoever paired first for the one who starts every later
     // pairing: a fresh one lets the phone be that.
     ASSERT_EQ(peers("refresh-radio"), "");
@@ -120,7 +120,7 @@ TEST_F(Requests, TheRadioFindsTheDevices) {
         {"Phone", "Speaker", "Headphones", "Keyboard", "Refuser", "Ghost", "Twin", "Twin"}));
 }
 
-TEST_F(Requests, APhoneThatPairsMeanwhileEndsTheWait) {
+TEST_F(Requests, WaitEndsWhenThePhonePairs) {
     Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
     ASSERT_TRUE(board::waitFor([] { return board::adapterProperty("Discoverable") == "true"; }));
     EXPECT_EQ(board::adapterProperty("DiscoverableTimeout"), "300");
@@ -133,7 +133,7 @@ TEST_F(Requests, APhoneThatPairsMeanwhileEndsTheWait) {
     EXPECT_TRUE(disconnects("Phone"));
 }
 
-TEST_F(Requests, AWaitIsCancelledBeforeItsTimeIsOver) {
+TEST_F(Requests, WaitCanBeCancelled) {
     Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
     ASSERT_TRUE(board::waitFor([&] { return wait.isRunning(); }));
     // Three passes or more are behind it then, each with a scan of the lists.
@@ -143,7 +143,7 @@ TEST_F(Requests, AWaitIsCancelledBeforeItsTimeIsOver) {
     EXPECT_TRUE(answer == REQUEST_CANCELLED || answer == REQUEST_FAILED) << answer;
 }
 
-TEST_F(Requests, AWaitForALoudspeakerPairsTrustsAndConnectsIt) {
+TEST_F(Requests, WaitPairsTrustsAndConnectsALoudspeaker) {
     ASSERT_TRUE(areNear({"Speaker"}));
     EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Speaker").answer(),
                     "wait-pair of a loudspeaker"),
@@ -154,7 +154,7 @@ TEST_F(Requests, AWaitForALoudspeakerPairsTrustsAndConnectsIt) {
     EXPECT_TRUE(connects("Speaker"));
 }
 
-TEST_F(Requests, AWaitTellsWhyAnAudioDeviceDidNotCome) {
+TEST_F(Requests, WaitTellsWhyAnAudioDeviceFailed) {
     ASSERT_TRUE(areNear({"Ghost"}));
     EXPECT_EQ(noted(Started::make<WaitBluetoothPairingRequest>("Ghost").answer(),
                     "wait-pair of a device that pairs but cannot be connected"),
@@ -169,7 +169,7 @@ TEST_F(Requests, AWaitTellsWhyAnAudioDeviceDidNotCome) {
               REQUEST_FAILED);
 }
 
-TEST_F(Requests, HeadphonesTakeTheLoudspeakersPlaceAndPlay) {
+TEST_F(Requests, HeadphonesReplaceTheLoudspeakerAndPlay) {
     ASSERT_TRUE(areNear({"Headphones"}));
     ASSERT_TRUE(manager().pairDevice(addressOf("Headphones").c_str())) << records.errors();
     ASSERT_TRUE(manager().scanDevicesInfo());
@@ -198,7 +198,7 @@ TEST_F(Requests, HeadphonesTakeTheLoudspeakersPlaceAndPlay) {
     EXPECT_GT(numberOf("peak", heard), 4000) << heard;
 }
 
-TEST_F(Requests, APhoneIsConnectedAndDisconnectedThroughTheHidService) {
+TEST_F(Requests, PhoneConnectsAndDisconnectsThroughHid) {
     ASSERT_TRUE(manager().scanDevicesInfo());
     ASSERT_TRUE(manager().searchForDevicesName(PAIRED_DEVICES, "Phone"));
     EXPECT_EQ(noted(Started::make<ConnectBluetoothRequest>(hidService(), "Phone").answer(),
@@ -212,7 +212,7 @@ TEST_F(Requests, APhoneIsConnectedAndDisconnectedThroughTheHidService) {
     EXPECT_TRUE(disconnects("Phone"));
 }
 
-TEST_F(Requests, AnAudioDeviceThatBlueZCannotConnectIsTriedThroughTheHidService) {
+TEST_F(Requests, AudioDeviceFallsBackToHid) {
     board::run(
         "start-stop-daemon -S -b -m -p /tmp/monitor.pid -x /bin/sh -- -c "
         "'exec dbus-monitor --system \"interface=org.corvane.BluetoothHid1\" > /tmp/monitor'");
@@ -228,7 +228,7 @@ TEST_F(Requests, AnAudioDeviceThatBlueZCannotConnectIsTriedThroughTheHidService)
     board::run("start-stop-daemon -K -p /tmp/monitor.pid");
 }
 
-TEST_F(Requests, AFailingDisconnectionIsTriedAgainUntilItIsCancelled) {
+TEST_F(Requests, DisconnectRetriesUntilCancelled) {
     // The loudspeaker is known, but not connected: its address is not among the connected ones.
     Started disconnect = Started::make<DisconnectBluetoothRequest>(hidService(), "Speaker");
     ASSERT_TRUE(board::waitFor([&] { return disconnect.isRunning(); }));
@@ -238,7 +238,7 @@ TEST_F(Requests, AFailingDisconnectionIsTriedAgainUntilItIsCancelled) {
     EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to disconnect device"));
 }
 
-TEST_F(Requests, AWaitForANameThatNeverComesTimesOut) {
+TEST_F(Requests, WaitTimesOutWhenNobodyPairs) {
     const auto start = steady_clock::now();
     Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
     EXPECT_EQ(noted(wait.answer(), "wait-pair, the phone did not come"), REQUEST_TIMEOUT);
@@ -248,7 +248,7 @@ TEST_F(Requests, AWaitForANameThatNeverComesTimesOut) {
     EXPECT_LT(took, seconds(240));
 }
 
-TEST_F(Requests, ADeviceThatVanishesInTheMiddleIsAFailureNotAHang) {
+TEST_F(Requests, VanishingDeviceFailsInsteadOfHanging) {
     peers("speaker vanish");
     const int answer = Started::make<ConnectBluetoothRequest>(hidService(), "Speaker").answer();
     EXPECT_EQ(noted(answer, "connect of a loudspeaker that has vanished"), REQUEST_FAILED);
@@ -277,7 +277,7 @@ bool callbackMayStartARequest(Arguments&&... arguments) {
     return value;
 }
 
-TEST_F(Requests, OnlyAConnectsCallbackMayStartTheNextRequest) {
+TEST_F(Requests, OnlyAConnectCallbackMayStartTheNextRequest) {
     EXPECT_FALSE(callbackMayStartARequest<ScanBluetoothRequest>());
     EXPECT_FALSE(callbackMayStartARequest<DisconnectBluetoothRequest>(nullptr, "nobody"));
     EXPECT_FALSE(callbackMayStartARequest<WaitBluetoothPairingRequest>("nobody"));

@@ -68,7 +68,7 @@ public:
 
 }  // namespace
 
-TEST_F(HostBus, GivesTheIdentityThatTheHardwareServiceAnswers) {
+TEST_F(HostBus, ReturnsTheHardwareServicesIdentity) {
     services.reply(hardware, "GetHardwareInfo",
                    "('<identity><model>6</model><family>1</family></identity>',)");
     EXPECT_THAT(DBusHardwareProxy(nullptr).getHardwareInfo(), HasSubstr("<model>6</model>"));
@@ -80,7 +80,7 @@ TEST_F(HostBus, GivesTheIdentityThatTheHardwareServiceAnswers) {
     EXPECT_EQ(Capabilities::getInstance().getProductFamily(), 1) << "keeps an answer";
 }
 
-TEST_F(HostBus, GivesNoIdentityWhenThereIsNoGoodAnswer) {
+TEST_F(HostBus, ReturnsNoIdentityWithoutAValidAnswer) {
     DBusHardwareProxy proxyOfHardware(nullptr);
     services.fail(hardware, "GetHardwareInfo", "org.corvane.Error.Eeprom", "no eeprom");
     EXPECT_EQ(proxyOfHardware.getHardwareInfo(), "");
@@ -118,7 +118,7 @@ TEST_F(HostBus, PassesAddressAndStatusOfTheHidService) {
               1);
 }
 
-TEST_F(HostBus, TakesAFailedHidCallForNoConnectionAndCallsAgainOnANewBus) {
+TEST_F(HostBus, ReportsAFailedHidCallAndUsesTheNextBus) {
     DBusBluetoothHidProxy hidProxy(*connection);
     services.fail(hid, "Connect", "org.corvane.Error.Busy", "Connect success");
     EXPECT_THAT(hidProxy.connectBtHidDevice(address),
@@ -189,7 +189,7 @@ TEST_F(LateAdapter, IsWaitedForBySignal) {
     EXPECT_EQ(services.countCalls("GetManagedObjects"), 1);
 }
 
-TEST_F(LateAdapter, IsNotMissedWhenItComesBeforeTheAnswer) {
+TEST_F(LateAdapter, IsNotMissedWhenItComesBeforeTheReply) {
     services.reply("/", "GetManagedObjects", "(@a{oa{sa{sv}}} {},)", 0, 1000ms);
     auto waiting = wait();
     awaitQuestion();
@@ -197,7 +197,7 @@ TEST_F(LateAdapter, IsNotMissedWhenItComesBeforeTheAnswer) {
     expectEnds(waiting);
 }
 
-TEST_F(LateAdapter, ThatNeverComesLeavesTheNameToCount) {
+TEST_F(LateAdapter, ThatNeverComesDoesNotFailTheWait) {
     const auto start = Clock::now();
     EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.bluez", 0)) << "no time to ask";
     EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.bluez", 300));
@@ -210,7 +210,7 @@ TEST_F(LateAdapter, ThatNeverComesLeavesTheNameToCount) {
     expectEnds(refused);
 }
 
-TEST_F(LateAdapter, OfTheNextOwnerIsWaitedForWhenTheFirstGoes) {
+TEST_F(LateAdapter, IsAwaitedFromTheNextOwnerToo) {
     auto waiting = wait();
     awaitQuestion();
     services.release("org.bluez");
@@ -223,7 +223,7 @@ TEST_F(LateAdapter, OfTheNextOwnerIsWaitedForWhenTheFirstGoes) {
     expectEnds(waiting);
 }
 
-TEST_F(HostBus, WaitsForANameForAsLongAsItWasTold) {
+TEST_F(HostBus, WaitsForANameUntilTheTimeout) {
     const auto start = Clock::now();
     EXPECT_FALSE(proxy.waitUntilDBusNameExist(lateName, 0));
     std::thread other([&] { services.own("org.corvane.Other"); });
@@ -252,7 +252,7 @@ TEST_F(HostBus, EndsEveryWaitWhenTheNameComes) {
     connection->leaveEventLoop();
 }
 
-TEST_F(HostBus, StopsWaitingWhenTheBusGoesAndWorksOnItsSuccessor) {
+TEST_F(HostBus, StopsWaitingWhenTheBusGoesAndUsesTheNextBus) {
     bool found = true;
     const auto start = Clock::now();
     std::thread waiter(
@@ -268,7 +268,7 @@ TEST_F(HostBus, StopsWaitingWhenTheBusGoesAndWorksOnItsSuccessor) {
 }
 
 #ifndef __SANITIZE_ADDRESS__  // the sanitizers' own checks need descriptors
-TEST_F(HostBus, FailsWithoutDescriptorsAndAnswersAgainWithThem) {
+TEST_F(HostBus, FailsWithoutDescriptorsAndRecovers) {
     const Folder folder;
     const std::string file = folder / "shortage";
     std::string content;
@@ -293,7 +293,7 @@ TEST_F(HostBus, FailsWithoutDescriptorsAndAnswersAgainWithThem) {
 }
 #endif
 
-TEST_F(HostBus, LeavesAnObserverUntoldWithoutThreads) {
+TEST_F(HostBus, CallsNoObserverWithoutThreads) {
     Observer observer;
     const NoThreads none;
     const DBusHardwareProxy watched(&observer);

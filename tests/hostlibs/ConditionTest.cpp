@@ -12,7 +12,7 @@
 
 using hwtools::Condition;
 
-TEST(Condition, TimesOutWithTheKernelsNumberAndNotBefore) {
+TEST(Condition, TimesOutWithTheKernelsErrorAndNotEarly) {
     EXPECT_EQ(Condition::timedOut, ETIMEDOUT);
     Condition condition(false);
     const auto start = std::chrono::steady_clock::now();
@@ -21,7 +21,7 @@ TEST(Condition, TimesOutWithTheKernelsNumberAndNotBefore) {
     EXPECT_EQ(condition.wait(0, false), ETIMEDOUT);
 }
 
-TEST(Condition, StaysNotifiedUntilAWaitForgetsIt) {
+TEST(Condition, StaysNotifiedUntilAWaitResetsIt) {
     Condition condition(true);
     EXPECT_EQ(condition.wait(UINT_MAX, false), 0);
     EXPECT_EQ(condition.wait(0, false), 0);

@@ -88,7 +88,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Files, AreReadBackAsTheyWereWritten) {
+TEST_F(Files, ReadBackAsWritten) {
     const std::string content("a\n\0b\r\n", 6);
     umask(077);
     ASSERT_TRUE(fileUtil::saveContentToFile(file, content));
@@ -100,7 +100,7 @@ TEST_F(Files, AreReadBackAsTheyWereWritten) {
     EXPECT_EQ(read("/proc/self/comm"), "corvane-hostlib\n");  // a file whose size is told as 0
 }
 
-TEST_F(Files, AreNotReadWhenTheyAreNoPlainSmallFiles) {
+TEST_F(Files, AreReadOnlyIfRegularAndSmall) {
     fs::create_symlink(file, folder / "link");
     fs::create_symlink("nowhere", folder / "dangling");
     ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0644), 0);
@@ -116,7 +116,7 @@ TEST_F(Files, AreNotReadWhenTheyAreNoPlainSmallFiles) {
     EXPECT_EQ(read(file), "failed, untouched");
 }
 
-TEST_F(Files, AreNotWrittenThroughAPlantedLink) {
+TEST_F(Files, AreNeverWrittenThroughALink) {
     fs::create_symlink(file, folder / "link");
     EXPECT_TRUE(fileUtil::saveContentToFile(folder / "link", "1"));
     EXPECT_EQ(read(file), "old");
@@ -127,7 +127,7 @@ TEST_F(Files, AreNotWrittenThroughAPlantedLink) {
     EXPECT_EQ(entries(), 2);
 }
 
-TEST_F(Files, AreWrittenAndReadWholeThoughSignalsInterruptEachCall) {
+TEST_F(Files, AreWholeEvenIfSignalsInterruptEachCall) {
     fault = Fault::INTERRUPTED;
     const bool saved = fileUtil::saveContentToFile(file, "a longer content");
     const std::string content = read(file);
@@ -136,7 +136,7 @@ TEST_F(Files, AreWrittenAndReadWholeThoughSignalsInterruptEachCall) {
     EXPECT_EQ(content, "a longer content");
 }
 
-TEST_F(Files, StayAsTheyWereWhenWritingFails) {
+TEST_F(Files, KeepTheirContentWhenWritingFails) {
     for (const Fault failure : {Fault::DISK_FULL, Fault::FSYNC_FAILS, Fault::RENAME_FAILS}) {
         fault = failure;
         const bool saved = fileUtil::saveContentToFile(file, "new");
@@ -147,7 +147,7 @@ TEST_F(Files, StayAsTheyWereWhenWritingFails) {
     }
 }
 
-TEST_F(Files, StayAsTheyWereWhenTheProcessIsKilled) {
+TEST_F(Files, KeepTheirContentWhenTheProcessIsKilled) {
     const pid_t child = fork();
     if (child == 0) {
         fault = Fault::KILLED;

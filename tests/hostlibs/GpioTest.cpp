@@ -161,7 +161,7 @@ protected:
 
 }  // namespace
 
-TEST_F(GpioLines, AreCountedOverTheChipsInNumericOrder) {
+TEST_F(GpioLines, AreNumberedAcrossChipsInNumericOrder) {
     EXPECT_EQ(manager.exportPin(3), 1);
     EXPECT_TRUE(line("gpiochip0", 3).requested);
     EXPECT_EQ(manager.exportPin(4), 1);
@@ -172,7 +172,7 @@ TEST_F(GpioLines, AreCountedOverTheChipsInNumericOrder) {
     EXPECT_EQ(manager.exportPin(4294967295U), 0);
 }
 
-TEST_F(GpioLines, BehindAChipThatCannotBeOpenedAreRefused) {
+TEST_F(GpioLines, AreRefusedBehindAChipThatCannotBeOpened) {
     setOpenError("gpiochip2", EACCES);
     EXPECT_EQ(manager.exportPin(2), 1);
     EXPECT_EQ(manager.exportPin(5), 0);
@@ -193,7 +193,7 @@ TEST_F(GpioLines, KeepTheirLevelWhenTheyBecomeOutputs) {
     EXPECT_EQ(manager.getValue(8), 0);
 }
 
-TEST_F(GpioLines, AreHeldBeyondTheManagerThatTookThem) {
+TEST_F(GpioLines, StayHeldAfterTheirManagerIsDestroyed) {
     {
         GPIOManager first;
         EXPECT_EQ(first.exportPin(9), 1);
@@ -205,7 +205,7 @@ TEST_F(GpioLines, AreHeldBeyondTheManagerThatTookThem) {
     EXPECT_EQ(gpios->done, (Done{"request", "output 0", "set 1"}));
 }
 
-TEST_F(GpioLines, ThatCouldNotBeHadAreTakenLaterAsWhatTheyWereToBe) {
+TEST_F(GpioLines, AreTakenOnceFreeWithTheirDirection) {
     line("gpiochip10", 4).busy = true;
     testing::internal::CaptureStderr();
     EXPECT_EQ(manager.exportPin(10), 0);

@@ -64,7 +64,7 @@ class Identity : public testing::TestWithParam<IdentityCase> {};
 
 }  // namespace
 
-TEST_P(Identity, IsReadAsFarAsItIsValid) {
+TEST_P(Identity, KeepsItsValidValues) {
     const IdentityCase& row = GetParam();
     const eepromXML record(row.text);
     EXPECT_EQ(record.IsValid(), row.valid);
@@ -106,7 +106,7 @@ INSTANTIATE_TEST_SUITE_P(
         noSerial("SerialEscape", "A\x1B[2J"), noSerial("SerialNotAscii", "A\xC3\xBC")),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(IdentityRecord, ForgetsTheFormerTextWhenAnotherIsAnalysed) {
+TEST(IdentityRecord, ForgetsThePreviousText) {
     eepromXML record(complete());
     EXPECT_FALSE(record.AnalyseXML(identity(model)));
     EXPECT_EQ(record.GetModelType(), MODEL_C600);

@@ -63,7 +63,7 @@ public:
 
 }  // namespace
 
-TEST(Interrupted, AConditionWaitsItsTimeOrUntilItIsNotified) {
+TEST(Interrupted, ConditionWaitsItsTimeOrUntilNotified) {
     const Timer timer;
     hwtools::Condition condition(false);
     const auto start = Clock::now();
@@ -77,7 +77,7 @@ TEST(Interrupted, AConditionWaitsItsTimeOrUntilItIsNotified) {
     notifier.join();
 }
 
-TEST(Interrupted, QuestionsToTheBusGetTheirAnswers) {
+TEST(Interrupted, BusCallsGetTheirReplies) {
     const corvane::test::PrivateBus bus;
     corvane::test::FakeBluez services(bus.address());
     services.reply("*", "GetHardwareInfo", "('<identity/>',)", 0, 300ms);
@@ -96,7 +96,7 @@ TEST(Interrupted, QuestionsToTheBusGetTheirAnswers) {
 }
 
 // Standard error is a pipe whose reader is late: a write blocks, and is interrupted.
-TEST(Interrupted, TheLogLosesNoRecord) {
+TEST(Interrupted, LogLosesNoRecord) {
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);
     const int standardError = dup(STDERR_FILENO);

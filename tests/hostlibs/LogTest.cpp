@@ -51,7 +51,7 @@ TEST_F(Log, ShowsEachPartOfARecordOnTheConsoleBeforeAndAfterMain) {
     EXPECT_THAT(output, Not(HasSubstr("too low")));
 }
 
-TEST_F(Log, FollowsTheConfigurationThatTheEnvironmentNames) {
+TEST_F(Log, UsesTheConfigurationNamedInTheEnvironment) {
     const std::string file = fileWith("late.properties",
                                       "log4cplus.rootLogger=DEBUG, A\n"
                                       "log4cplus.appender.A=log4cplus::ConsoleAppender\n");
@@ -70,7 +70,7 @@ TEST_F(Log, StaysOnTheConsoleWhenTheConfigurationIsMissingOrBroken) {
     }
 }
 
-TEST_F(Log, WritesDeviceNamesSoThatTheyCannotBreakForgeOrSteer) {
+TEST_F(Log, EscapesDeviceNames) {
     const std::string log = folder / "printable.log";
     ASSERT_TRUE(LogAppender::loadConfiguration(
         fileWith("printable.properties",

@@ -132,9 +132,9 @@ const std::vector<std::string> generalErrors{
 
 }  // namespace
 
-class OnTheBus : public ManagerTest, public testing::WithParamInterface<Operation> {};
+class BluezOperation : public ManagerTest, public testing::WithParamInterface<Operation> {};
 
-TEST_P(OnTheBus, SendsItsMessageAndReportsARefusalTwice) {
+TEST_P(BluezOperation, SendsItsMessageAndLogsARefusalTwice) {
     const Operation& operation = GetParam();
     bluez.setDevices({{address, "Phone"}});
     EXPECT_TRUE(operation.run(manager()));
@@ -160,12 +160,12 @@ TEST_P(OnTheBus, SendsItsMessageAndReportsARefusalTwice) {
     EXPECT_EQ(records[1].message, operation.record);
 }
 
-INSTANTIATE_TEST_SUITE_P(Call, OnTheBus, testing::ValuesIn(calls),
+INSTANTIATE_TEST_SUITE_P(Call, BluezOperation, testing::ValuesIn(calls),
                          [](const auto& row) { return std::string(row.param.name); });
-INSTANTIATE_TEST_SUITE_P(Write, OnTheBus, testing::ValuesIn(writes),
+INSTANTIATE_TEST_SUITE_P(Write, BluezOperation, testing::ValuesIn(writes),
                          [](const auto& row) { return std::string(row.param.name); });
 
-class FaultOfTheBus : public ManagerTest, public testing::WithParamInterface<Operation> {
+class BusFailure : public ManagerTest, public testing::WithParamInterface<Operation> {
 protected:
     const Operation& operation = GetParam();
     const std::string member =
@@ -179,7 +179,7 @@ protected:
     }
 };
 
-TEST_P(FaultOfTheBus, FailsTheOperationAndNoLaterOne) {
+TEST_P(BusFailure, FailsTheOperationButNoLaterOne) {
     constexpr char path[] = "/org/bluez*";
     // The record when every call fails, and so the step before does.
     const std::string first =
@@ -229,11 +229,11 @@ TEST_P(FaultOfTheBus, FailsTheOperationAndNoLaterOne) {
     EXPECT_TRUE(run());
 }
 
-INSTANTIATE_TEST_SUITE_P(Call, FaultOfTheBus, testing::ValuesIn(calls),
+INSTANTIATE_TEST_SUITE_P(Call, BusFailure, testing::ValuesIn(calls),
                          [](const auto& row) { return std::string(row.param.name); });
-INSTANTIATE_TEST_SUITE_P(Agent, FaultOfTheBus, testing::ValuesIn(agentSteps),
+INSTANTIATE_TEST_SUITE_P(Agent, BusFailure, testing::ValuesIn(agentSteps),
                          [](const auto& row) { return std::string(row.param.name); });
-INSTANTIATE_TEST_SUITE_P(Write, FaultOfTheBus, testing::ValuesIn(writes),
+INSTANTIATE_TEST_SUITE_P(Write, BusFailure, testing::ValuesIn(writes),
                          [](const auto& row) { return std::string(row.param.name); });
 
 class PropertyWrites : public ManagerTest {};
@@ -253,7 +253,7 @@ TEST_F(PropertyWrites, LogTheWriteThenTheProperty) {
 class BluezCalls : public ManagerTest {};
 
 // GDBus's own limit is 25 s; all wait at once.
-TEST_F(BluezCalls, ThatNobodyAnswersEndWithTheBussTimeLimit) {
+TEST_F(BluezCalls, FailAtTheBusTimeoutWithoutAReply) {
     manager();
     bluez.ignore("*", "*");
     std::vector<Operation> all = calls;
@@ -278,7 +278,7 @@ TEST_F(BluezCalls, ThatNobodyAnswersEndWithTheBussTimeLimit) {
     for (const Operation& operation : all) EXPECT_TRUE(operation.run(manager())) << operation.name;
 }
 
-TEST_F(BluezCalls, AddressesBecomePartsOfPathsByTheirColonsAlone) {
+TEST_F(BluezCalls, ReplaceOnlyTheColonsOfAnAddress) {
     const auto part = [this](const char* text) {
         return manager().convertMacAddressToBluezDbusFormat(text);
     };
@@ -290,7 +290,7 @@ TEST_F(BluezCalls, AddressesBecomePartsOfPathsByTheirColonsAlone) {
 
 // GDBus refuses to send such things with a critical warning and no error, or the bus closes the
 // connection of whoever sends them.
-TEST_F(BluezCalls, WhatCannotBeSentFailsLikeAnythingElse) {
+TEST_F(BluezCalls, FailForArgumentsThatCannotBeSent) {
     EXPECT_FALSE(manager().connectDevice("no address"));
     EXPECT_FALSE(manager().deletePairedDevice("no address"));
     EXPECT_FALSE(manager().deviceSetTrusted("no address", true));
@@ -317,7 +317,7 @@ TEST_F(BluezCalls, WhatCannotBeSentFailsLikeAnythingElse) {
         << "the longest name, on a connection that is still open";
 }
 
-TEST_F(BluezCalls, HandOverTheirArgumentsFloatingAndTakeNoReplyForAFailure) {
+TEST_F(BluezCalls, PassFloatingArgumentsAndFailWithoutAReply) {
     manager();
     std::vector<Operation> all = calls;
     all.insert(all.end(), writes.begin(), writes.end());

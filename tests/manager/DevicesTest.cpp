@@ -125,7 +125,7 @@ TEST_F(DeviceScan, EveryInterfaceWithDeviceInItsNameYieldsARecord) {
         << "nothing is carried over to the next record";
 }
 
-TEST_F(DeviceScan, NamesFromTheAirComeThroughByteForByte) {
+TEST_F(DeviceScan, KeepsNamesByteForByte) {
     std::vector<std::string> hostile;
     std::vector<Device> devices;
     for (const auto& [file, text] : hostileTexts("names")) {
@@ -142,7 +142,7 @@ TEST_F(DeviceScan, NamesFromTheAirComeThroughByteForByte) {
     EXPECT_EQ(manager().getBluetoothDeviceListNames(ALL_DEVICES), hostile);
 }
 
-TEST_F(DeviceScan, AFailedCallEmptiesTheListsAndIsLoggedOnce) {
+TEST_F(DeviceScan, EmptiesTheListsAndLogsOnceWhenTheCallFails) {
     listDevices({{address, "Phone", 0, true, true}});
     bluez.fail("/", "GetManagedObjects", "org.freedesktop.DBus.Error.NoReply", "late", 1);
     EXPECT_TRUE(manager().scanDevicesInfo());
@@ -167,7 +167,7 @@ TEST_F(DeviceScan, AFailedCallEmptiesTheListsAndIsLoggedOnce) {
                                    "ERROR Unable to get result for GetManagedObjects"));
 }
 
-TEST_F(DeviceScan, UsesTheListsInOrder) {
+TEST_F(DeviceScan, EmptiesThenFillsTheListsInOrder) {
     bluez.setDevices({{address, "Phone", 0, true, true}});
     manager();
     std::vector<int> used;
@@ -177,7 +177,7 @@ TEST_F(DeviceScan, UsesTheListsInOrder) {
     EXPECT_THAT(used, ElementsAre(0, 1, 2, 0, 1, 2)) << "emptied, then the device appended";
 }
 
-TEST_F(DeviceScan, EndsOnAThreadThatHasAMainContextOfItsOwn) {
+TEST_F(DeviceScan, WorksOnAThreadWithItsOwnMainContext) {
     bluez.setDevices({{address, "Phone"}});
     manager();
     std::thread([this] {
@@ -190,7 +190,7 @@ TEST_F(DeviceScan, EndsOnAThreadThatHasAMainContextOfItsOwn) {
     }).join();
 }
 
-TEST_F(DeviceScan, TakesAnyObjectForItsConnection) {
+TEST_F(DeviceScan, FailsCleanlyWhenTheConnectionIsAnotherObject) {
     manager();
     edges().standIn = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
@@ -252,7 +252,7 @@ TEST_F(DeviceLists, EveryNumberSelectsAList) {
 
 class Lookups : public ManagerTest {};
 
-TEST_F(Lookups, AnswerFromTheFirstRecordOfThatVeryName) {
+TEST_F(Lookups, UseTheFirstRecordWithExactlyThatName) {
     listDevices({{"00:00:00:00:00:01", "speaker", 0x000540, true},
                  {"00:00:00:00:00:02", "Speaker", 0x240414, false, true, "usb:v004Cp0001d0001"},
                  {"00:00:00:00:00:03", "Speaker", 0x5A020C, true},
@@ -269,7 +269,7 @@ TEST_F(Lookups, AnswerFromTheFirstRecordOfThatVeryName) {
     EXPECT_EQ(info->macAddress, "00:00:00:00:00:02") << "a copy outlives the next scan";
 }
 
-TEST_F(Lookups, AnswerNeutrallyForAnUnknownName) {
+TEST_F(Lookups, ReturnNeutralValuesForAnUnknownName) {
     for (const bool listed : {false, true}) {
         if (listed) listDevices({{"00:00:00:00:00:01", "Speaker", 0x240414}});
         for (const char* name : {"", "speaker", "Speake"}) {
@@ -303,7 +303,7 @@ struct ClassCase {
 
 class MajorClass : public ManagerTest, public testing::WithParamInterface<ClassCase> {};
 
-TEST_P(MajorClass, FollowsTheFiveBitsFromBit8) {
+TEST_P(MajorClass, IsReadFromBits8To12) {
     EXPECT_EQ(manager().getMajorDeviceClass(record("x", GetParam().deviceClass)),
               GetParam().expected);
 }
@@ -322,7 +322,7 @@ INSTANTIATE_TEST_SUITE_P(AssignedNumbers, MajorClass,
 
 class IsPlaybackDevice : public ManagerTest {};
 
-TEST_F(IsPlaybackDevice, IsAWearableHeadsetHandsFreeLoudspeakerOrHeadphones) {
+TEST_F(IsPlaybackDevice, AcceptsHeadsetHandsFreeLoudspeakerAndHeadphones) {
     for (std::uint32_t minor = 0; minor < 32; ++minor) {
         const bool expected = minor == 1 || minor == 2 || minor == 5 || minor == 6;
         EXPECT_EQ(manager().isPlaybackDevice(record("x", 0x200400 | (minor << 2))), expected)

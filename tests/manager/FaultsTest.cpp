@@ -51,7 +51,9 @@ protected:
     }
 };
 
-TEST_F(Faults, OfADaemonThatDiesInAnyStepOfSwitchingOnEndWithTheNextOne) {
+class SwitchingOn : public Faults {};
+
+TEST_F(SwitchingOn, RecoversAfterTheDaemonDiesInAnyStep) {
     const std::vector<const char*> steps{"Set Powered", "RegisterAgent", "RequestDefaultAgent",
                                          "Set Alias",   "Set Pairable",  "Set PairableTimeout"};
     for (const char* step : steps) {
@@ -101,7 +103,7 @@ struct DyingCase {
     bool goesOn = false;  // until BlueZ is back
 };
 
-class DyingDaemon : public Faults, public testing::WithParamInterface<DyingCase> {
+class DaemonDeath : public Faults, public testing::WithParamInterface<DyingCase> {
 protected:
     std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
     hwcommon::DBusBluetoothHidProxy hid{*connection};
@@ -123,7 +125,7 @@ std::shared_ptr<BluetoothRequest> scan(std::function<void(BluetoothRequestAnswer
     return std::make_shared<ScanBluetoothRequest>(std::move(callback));
 }
 
-TEST_P(DyingDaemon, InTheMiddleOfARequestLeavesItOneAnswerAndTheNextSwitchOnWorks) {
+TEST_P(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
     const DyingCase& row = GetParam();
     manager().setEnabled(true, false);
     listDevices(everyDevice);
@@ -153,7 +155,7 @@ TEST_P(DyingDaemon, InTheMiddleOfARequestLeavesItOneAnswerAndTheNextSwitchOnWork
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Request, DyingDaemon,
+    Request, DaemonDeath,
     testing::Values(DyingCase{"ScanAsItStarts", scan, "StartDiscovery", REQUEST_SUCCESS},
                     DyingCase{"ScanAsItStops", scan, "StopDiscovery", REQUEST_SUCCESS},
                     DyingCase{"ConnectSpeaker", named<ConnectBluetoothRequest>("Speaker"),
@@ -170,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(
                               "Pair", REQUEST_DEVICE_NOT_FOUND}),
     [](const auto& row) { return std::string(row.param.name); });
 
-class FaultsOfTheSystemBus : public Faults {
+class BusLoss : public Faults {
 protected:
     static int sockets() {
         int count = 0;
@@ -187,7 +189,7 @@ protected:
     }
 };
 
-TEST_F(FaultsOfTheSystemBus, AreLoggedAndOverAfterOffAndOn) {
+TEST_F(BusLoss, IsLoggedAndCuredByOffAndOn) {
     manager().setEnabled(true, false);
     listDevices(everyDevice);
     bluez.ignore(phone.path(), "Connect");
@@ -221,7 +223,7 @@ TEST_F(FaultsOfTheSystemBus, AreLoggedAndOverAfterOffAndOn) {
     expectRecovery();
 }
 
-TEST_F(FaultsOfTheSystemBus, WhileTheRadioIsOffAreOverWithTheNextSwitchOn) {
+TEST_F(BusLoss, WhileOffIsCuredByTheNextSwitchOn) {
     manager().setEnabled(true, false);
     manager().setEnabled(false, false);
     replaceBus();
@@ -231,7 +233,7 @@ TEST_F(FaultsOfTheSystemBus, WhileTheRadioIsOffAreOverWithTheNextSwitchOn) {
     expectRecovery();
 }
 
-TEST_F(FaultsOfTheSystemBus, InAnyStepOfSwitchingOnAreOverAfterOffAndOn) {
+TEST_F(BusLoss, InAnyStepOfSwitchingOnIsCuredByOffAndOn) {
     manager();
     for (const char* command : {"rfkill", "rtk_hciattach", "bluetoothd.pid", "hw_bluez_hid"}) {
         SCOPED_TRACE(command);
@@ -248,7 +250,7 @@ TEST_F(FaultsOfTheSystemBus, InAnyStepOfSwitchingOnAreOverAfterOffAndOn) {
     }
 }
 
-TEST_F(FaultsOfTheSystemBus, AreOverAlsoWhileTheHostHoldsGiosClosedConnection) {
+TEST_F(BusLoss, IsCuredWhileTheHostHoldsTheClosedConnection) {
     GDBusConnection* const hosts = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     manager().setEnabled(true, false);
     const int before = sockets();
@@ -268,7 +270,7 @@ TEST_F(FaultsOfTheSystemBus, AreOverAlsoWhileTheHostHoldsGiosClosedConnection) {
     g_object_unref(hosts);
 }
 
-TEST_F(FaultsOfTheSystemBus, AreOverAlsoAfterABringUpThatGotNoConnection) {
+TEST_F(BusLoss, IsCuredAfterABringUpWithoutAConnection) {
     const auto withoutConnection = [this] {
         manager().setEnabled(false, false);
         edges().busMissing = true;
@@ -289,7 +291,7 @@ TEST_F(FaultsOfTheSystemBus, AreOverAlsoAfterABringUpThatGotNoConnection) {
     EXPECT_TRUE(eventually([&] { return sockets() == before; })) << "our own is used again";
 }
 
-TEST_F(FaultsOfTheSystemBus, LeaveACallThatHasJustBegunItsConnection) {
+TEST_F(BusLoss, DoesNotFreeTheConnectionOfACallInFlight) {
     manager().setEnabled(true, false);
     listDevices(everyDevice);
     std::promise<void> begun;
@@ -314,11 +316,11 @@ TEST_F(FaultsOfTheSystemBus, LeaveACallThatHasJustBegunItsConnection) {
     expectRecovery();
 }
 
-class Shortage : public Faults {};
+class DescriptorShortage : public Faults {};
 
 #ifndef __SANITIZE_ADDRESS__  // the sanitizers' own checks need descriptors
 
-TEST_F(Shortage, OfDescriptorsFailsSwitchingOnUntilItIsOver) {
+TEST_F(DescriptorShortage, FailsSwitchingOnUntilItIsOver) {
     manager();
     {
         const FewDescriptors none;
@@ -333,7 +335,7 @@ TEST_F(Shortage, OfDescriptorsFailsSwitchingOnUntilItIsOver) {
     manager().setEnabled(false, false);
 }
 
-TEST_F(FaultsOfTheSystemBus, AndAShortageOfDescriptorsAreOverWithBoth) {
+TEST_F(BusLoss, DuringADescriptorShortageIsCuredAfterIt) {
     manager().setEnabled(true, false);
     replaceBus();
     for (unsigned left = 0; left < 10; ++left) {
@@ -345,7 +347,7 @@ TEST_F(FaultsOfTheSystemBus, AndAShortageOfDescriptorsAreOverWithBoth) {
 }
 
 // Without the services: their tests' own connection would have GDBus's thread running already.
-TEST(FirstUse, FailsWithoutDescriptorsAndSucceedsWithThem) {
+TEST(FirstUse, ThrowsWithoutDescriptorsAndSucceedsLater) {
     const PrivateBus bus;
     captureLog();
     const auto open = [] {
@@ -372,7 +374,7 @@ TEST(FirstUse, FailsWithoutDescriptorsAndSucceedsWithThem) {
 
 #endif
 
-TEST(FirstUse, WithoutThreadsHasNoBusUntilTheNextSwitchOn) {
+TEST(FirstUse, WithoutThreadsGetsTheBusAtTheNextSwitchOn) {
     const PrivateBus bus;
     captureLog();
     {
@@ -387,9 +389,9 @@ TEST(FirstUse, WithoutThreadsHasNoBusUntilTheNextSwitchOn) {
     EXPECT_THAT(edges().log().end()[-2].message, HasSubstr(noService)) << "the bus is reached";
 }
 
-class Air : public Faults {};
+class HostileDevices : public Faults {};
 
-TEST_F(Air, NoNameReachesAShellOrIsTakenForAnother) {
+TEST_F(HostileDevices, NamesReachNoShellAndMatchNoOther) {
     const std::vector<std::string> names{"$(reboot)",
                                          "`reboot`",
                                          "'; reboot; '",
@@ -419,7 +421,7 @@ TEST_F(Air, NoNameReachesAShellOrIsTakenForAnother) {
     EXPECT_THAT(happened({Kind::SHELL}), IsEmpty());
 }
 
-TEST_F(Air, AThousandDevicesThatComeAndGoAreListedAsInOneReply) {
+TEST_F(HostileDevices, ComeAndGoButEachScanShowsOneReply) {
     std::vector<Device> thousand;
     for (int i = 0; i < 1000; ++i) {
         char address[18];

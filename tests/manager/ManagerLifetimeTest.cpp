@@ -32,7 +32,7 @@ constexpr char fnLinkModules[] =
 
 class ManagerLifetime : public ManagerTest {};
 
-TEST_F(ManagerLifetime, ConstructionReadsTheIdentityThenTakesTheLinesThenLoadsTheModules) {
+TEST_F(ManagerLifetime, ConstructionTakesItsStepsInOrder) {
     BluetoothManager::getInstance();
     EXPECT_EQ(happened({Kind::BUS}).front(),
               "org.corvane.Hardware /org/corvane/Hardware "
@@ -64,7 +64,7 @@ TEST_F(ManagerLifetime, HostAndLibraryShareOneManager) {
     EXPECT_THAT(happened({Kind::SHELL}), ElementsAre(fnLinkModules));
 }
 
-TEST_F(ManagerLifetime, ModelSixIsWiringOneAndTheProductFamilyIsNotAsked) {
+TEST_F(ManagerLifetime, ModelSixSelectsWiringOneWithoutAskingForTheFamily) {
     useBoard(6, 1);
     edges().paths = {"/sys/class/net/wlan0"};
     BluetoothManager::getInstance();
@@ -72,19 +72,19 @@ TEST_F(ManagerLifetime, ModelSixIsWiringOneAndTheProductFamilyIsNotAsked) {
     EXPECT_EQ(bluez.countCalls("GetHardwareInfo"), 1);
 }
 
-TEST_F(ManagerLifetime, ProductFamilyOneIsWiringTwo) {
+TEST_F(ManagerLifetime, ProductFamilyOneSelectsWiringTwo) {
     useBoard(3, 1);
     BluetoothManager::getInstance();
     EXPECT_THAT(happened({Kind::GPIO}), ElementsAre("export 49", "direction 49 1"));
 }
 
-TEST_F(ManagerLifetime, WithoutAnIdentityTheBoardIsWiringZero) {
+TEST_F(ManagerLifetime, UsesWiringZeroWithoutAnIdentity) {
     bluez.release("org.corvane.Hardware");
     BluetoothManager::getInstance();
     EXPECT_EQ(happened({Kind::GPIO}).front(), "export 48");
 }
 
-TEST_F(ManagerLifetime, WaitsOnceForAHardwareServiceThatNeverAnswers) {
+TEST_F(ManagerLifetime, WaitsOnlyOnceForASilentHardwareService) {
     bluez.ignore("/org/corvane/Hardware", "*");
     const auto start = std::chrono::steady_clock::now();
     BluetoothManager::getInstance();
@@ -96,7 +96,7 @@ TEST_F(ManagerLifetime, WaitsOnceForAHardwareServiceThatNeverAnswers) {
 
 class StrangeIdentity : public ManagerTest, public testing::WithParamInterface<std::string> {};
 
-TEST_P(StrangeIdentity, IsWiringZeroAndReachesNoShell) {
+TEST_P(StrangeIdentity, SelectsWiringZeroAndReachesNoShell) {
     if (GetParam().empty()) {
         bluez.fail("/org/corvane/Hardware", "*", "org.corvane.Error.Eeprom", "`reboot`");
     } else {
@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "<revision>1; reboot</revision><serial>`reboot`</serial></identity>',)",
                     "('<identity>" + std::string(100000, 'x') + "</identity>',)"));
 
-TEST_F(ManagerLifetime, AFailedConstructionIsTriedAgain) {
+TEST_F(ManagerLifetime, RetriesAfterAFailedConstruction) {
     const std::string address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
     EXPECT_ANY_THROW(BluetoothManager::getInstance());
@@ -172,7 +172,7 @@ TEST_F(Descriptors, AreNotInheritedByChildren) {
     EXPECT_EQ(inherited(), before);
 }
 
-TEST_F(Descriptors, OfMissingStandardStreamsStayFree) {
+TEST_F(Descriptors, ZeroToTwoStayFreeWhenTheHostClosedThem) {
     EXPECT_EXIT(
         {
             for (int descriptor = 0; descriptor < 3; ++descriptor) close(descriptor);
@@ -187,7 +187,7 @@ TEST_F(Descriptors, OfMissingStandardStreamsStayFree) {
         ExitedWithCode(3), "");
 }
 
-TEST_F(Descriptors, OfTheHostKeepTheirRecordLocks) {
+TEST_F(Descriptors, RecordLocksOfTheHostSurvive) {
     EXPECT_EXIT(
         {
             FILE* const file = std::tmpfile();
@@ -257,7 +257,7 @@ TEST_F(WithoutABus, BringUpEndsBeforeTheAdapterAndWorksWhenTheBusIsBack) {
 
 class BusReferences : public ManagerTest {};
 
-TEST_F(BusReferences, OnlyThoseOfBringUpsAreDropped) {
+TEST_F(BusReferences, SwitchingOffDropsOnlyABringUpsReference) {
     manager();
     GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     const auto references = [shared] {
@@ -285,7 +285,7 @@ TEST_F(BusReferences, OnlyThoseOfBringUpsAreDropped) {
     EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 1U) << "the connection serves";
 }
 
-TEST_F(BusReferences, ABusOfAnotherAddressServesAfterOffAndOn) {
+TEST_F(BusReferences, OffAndOnFindsABusAtAnotherAddress) {
     manager().setBluetoothComponents(true);
     bus.stop();
     ASSERT_TRUE(eventually([&] { return !manager().adapterActivate(true); }));

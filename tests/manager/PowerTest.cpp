@@ -45,7 +45,7 @@ int openHci() {
 
 class EnableGpio : public OnWiring {};
 
-TEST_P(EnableGpio, RaisesEveryLineAndLeavesAloneANamedOneThatIsUp) {
+TEST_P(EnableGpio, RaisesEveryLineExceptNamedOnesAlreadyUp) {
     const std::vector<std::vector<std::string>> raised{
         {"DEBUG enableGpio : WIFIBT_EN = 1", "set 48 1", "set 153 1", "set 154 1"},
         {},
@@ -80,7 +80,7 @@ INSTANTIATE_TEST_SUITE_P(Wiring, EnableGpio, testing::Values(0, 1, 2));
 
 class GpioFailures : public ManagerTest {};
 
-TEST_F(GpioFailures, ShowInTheResultAndStopNothing) {
+TEST_F(GpioFailures, ShowInTheResultButStopNothing) {
     edges().failingGpio = {"set 48 1"};
     EXPECT_FALSE(manager().enableGpio(true, false));
     EXPECT_THAT(happened({Kind::GPIO}), ElementsAre("set 48 1", "set 153 1", "set 154 1"));
@@ -96,7 +96,7 @@ TEST_F(GpioFailures, ShowInTheResultAndStopNothing) {
 
 class Modules : public OnWiring {};
 
-TEST_P(Modules, AreLoadedOnlyWithoutAnAdapterAndUnloadedAlways) {
+TEST_P(Modules, AreLoadedOnlyWithoutAnAdapterButAlwaysUnloaded) {
     const bool laird = GetParam() == 1;
     edges().paths = {"/sys/class/net/wlan0"};
     manager().loadModules(true);
@@ -124,7 +124,7 @@ protected:
     }
 };
 
-TEST_F(LairdModules, AreLoadedAfterFiveSecondsEvenWithoutTheWifi) {
+TEST_F(LairdModules, AreLoadedAfterFiveSecondsEvenWithoutWifi) {
     manager().loadModules(true);
     auto events = happened({Kind::SLEEP, Kind::SHELL});
     ASSERT_EQ(events.size(), 22U);
@@ -176,7 +176,7 @@ TEST_F(HciUp, IsDoneAtOnceWhenTheDeviceIsUp) {
     EXPECT_EQ(openHci(), before);
 }
 
-TEST_F(HciUp, RaisesADeviceThatIsDownTenTimesThenGivesUp) {
+TEST_F(HciUp, TriesTenTimesToRaiseADevice) {
     edges().hciUp = false;
     manager();
     const auto before = openHci();
@@ -193,7 +193,7 @@ TEST_F(HciUp, RaisesADeviceThatIsDownTenTimesThenGivesUp) {
     EXPECT_EQ(openHci(), before);
 }
 
-TEST_F(HciUp, LooksForADeviceThatIsNotThereYet) {
+TEST_F(HciUp, LooksTenTimesForAMissingDevice) {
     edges().hciPresent = false;
     edges().interruptedSleeps = 1;
     EXPECT_FALSE(manager().hciUp());
@@ -221,7 +221,7 @@ TEST_F(RawHci, WritesTheClassAsGivenAndReturnsTheOneBefore) {
                                                    "hci_write_class_of_dev 0x002100 1000"));
 }
 
-TEST_F(RawHci, ClassFailuresAnswerZeroEachWithItsRecord) {
+TEST_F(RawHci, ReturnsZeroAndLogsEachClassFailure) {
     edges().adapterClass = 0x5A020C;
     const std::vector<std::pair<std::string, std::string>> rows{
         {"hci_open_dev", "ERROR Can not open the bluetooth device"},
@@ -245,13 +245,13 @@ TEST_F(RawHci, ScanModeIsAlwaysOff) {
     }
 }
 
-TEST_F(RawHci, LinkModeAcceptsAndInsistsOnMaster) {
+TEST_F(RawHci, LinkModeIsAcceptAndMaster) {
     EXPECT_TRUE(manager().preventRoleSwitch());
     EXPECT_THAT(happened({Kind::HCI}),
                 ElementsAre("socket 31 3 1 cloexec", "ioctl 0x400448E2 dev 0 opt 0x8001"));
 }
 
-TEST_F(RawHci, SocketFailuresHaveTheirRecords) {
+TEST_F(RawHci, LogsSocketFailures) {
     edges().failingHci = {"ioctl"};
     EXPECT_FALSE(manager().adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE));
     EXPECT_FALSE(manager().preventRoleSwitch());
@@ -287,7 +287,7 @@ TEST_F(RawHci, NoSignalInterruptsARequestToTheController) {
 }
 
 // Since Linux 5.15 such a descriptor keeps a controller that was detached, and its number with it.
-TEST_F(RawHci, TheNextAttachLetsGoOfControllersThatAreGoneWithoutClosingAnything) {
+TEST_F(RawHci, NextAttachReleasesDetachedControllers) {
     manager().adapterSetClass(0);
     manager().adapterSetClass(0);
     const auto before = openHci();
@@ -306,7 +306,7 @@ TEST_F(RawHci, TheNextAttachLetsGoOfControllersThatAreGoneWithoutClosingAnything
 
 class GetEnabled : public ManagerTest {};
 
-TEST_F(GetEnabled, IsTrueForTheNumberOneAlone) {
+TEST_F(GetEnabled, IsTrueOnlyForOne) {
     EXPECT_FALSE(manager().getEnabled()) << "no file";
     const std::vector<std::pair<const char*, bool>> rows{
         {"1", true},    {"0", false}, {"2", false}, {"-1", false},
@@ -320,7 +320,7 @@ TEST_F(GetEnabled, IsTrueForTheNumberOneAlone) {
     EXPECT_FALSE(manager().getEnabled());
 }
 
-TEST_F(GetEnabled, ThrowsForTextThatIsNoNumberAndNothingIsDone) {
+TEST_F(GetEnabled, ThrowsForNonNumbersBeforeAnythingIsDone) {
     for (const char* text : {"on", "", "-"}) {
         edges().flagFile = text;
         EXPECT_THROW(manager().getEnabled(), std::invalid_argument) << text;
@@ -334,7 +334,7 @@ TEST_F(GetEnabled, ThrowsForTextThatIsNoNumberAndNothingIsDone) {
 
 class SetEnabled : public ManagerTest {};
 
-TEST_F(SetEnabled, DoesNothingWhenTheSettingIsTheWantedOne) {
+TEST_F(SetEnabled, DoesNothingWhenTheSettingIsUnchanged) {
     edges().flagFile = "1";
     manager().setEnabled(true, true);
     edges().flagFile = "0";
@@ -370,7 +370,7 @@ TEST_F(SetEnabled, SwitchesOnInOrder) {
             "rewrite /tmp/bluetoothEnabled '1'"));
 }
 
-TEST_F(SetEnabled, SwitchesOffInOrderAlsoWhenNothingWasSetSinceBoot) {
+TEST_F(SetEnabled, SwitchesOffInOrderEvenIfNothingWasSetSinceBoot) {
     edges().levels = {{48, 1}, {153, 1}, {154, 1}};
     manager().setEnabled(false, true);
     EXPECT_THAT(
@@ -389,7 +389,7 @@ TEST_F(SetEnabled, PersistsTheRequestEvenWhenBringUpFails) {
 }
 
 // Such a file reads as off: on works, off is taken for done.
-TEST_F(SetEnabled, IsLedByAFileThatCannotBeWrittenOrRead) {
+TEST_F(SetEnabled, FollowsAFlagFileThatCannotBeWrittenOrRead) {
     edges().flagFile = "0";
     edges().flagWritable = false;
     const auto acts = [this](bool enable) {
@@ -409,7 +409,7 @@ TEST_F(SetEnabled, IsLedByAFileThatCannotBeWrittenOrRead) {
 
 class AirplaneMode : public ManagerTest {};
 
-TEST_F(AirplaneMode, LowersEveryLineAndUnloadsThenBack) {
+TEST_F(AirplaneMode, LowersLinesAndUnloadsModulesThenReverts) {
     edges().levels = {{48, 1}, {153, 1}, {154, 1}};
     manager().setAirplaneMode(true);
     EXPECT_THAT(happened({Kind::GPIO, Kind::SHELL}),

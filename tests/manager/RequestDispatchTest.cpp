@@ -66,7 +66,7 @@ TEST_F(MakeRequest, RefusesASecondRequestWhileTheFirstRuns) {
     EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
 }
 
-TEST_F(MakeRequest, ReleasesTheRequestBeforeWhenItTakesTheNext) {
+TEST_F(MakeRequest, ReleasesThePreviousRequestWhenItTakesTheNext) {
     auto first = startHeld();
     first->released = true;
     EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
@@ -79,7 +79,7 @@ TEST_F(MakeRequest, ReleasesTheRequestBeforeWhenItTakesTheNext) {
     EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
 }
 
-TEST_F(MakeRequest, RefusesNoRequestAndKeepsTheCurrentOne) {
+TEST_F(MakeRequest, RefusesANullRequestAndKeepsTheCurrentOne) {
     EXPECT_FALSE(manager().makeRequest(nullptr));
     EXPECT_THAT(log(), ElementsAre("ERROR makeRequest : no request given"));
     manager().cancelRequest();
@@ -89,7 +89,7 @@ TEST_F(MakeRequest, RefusesNoRequestAndKeepsTheCurrentOne) {
     EXPECT_EQ(answers.next(), REQUEST_CANCELLED);
 }
 
-TEST_F(MakeRequest, CancellingReachesTheRunningRequestOnceForAll) {
+TEST_F(MakeRequest, CancellingAffectsOnlyTheRunningRequest) {
     manager().cancelRequest();
     const auto first = startHeld();
     manager().cancelRequest();
@@ -120,7 +120,7 @@ TEST_F(MakeRequest, ThrowsWithoutAThreadAndTakesTheNextRequest) {
 
 class RequestNames : public testing::Test {};
 
-TEST_F(RequestNames, AreThoseThatTheConstructorsLeave) {
+TEST_F(RequestNames, DependOnTheConstructor) {
     const auto callback = [](BluetoothRequestAnswers) {};
     constexpr char generic[] = "Generic BluetoothRequest";
     EXPECT_EQ(ScanBluetoothRequest().getRequestName(), "ScanBluetoothRequest");
@@ -136,7 +136,7 @@ TEST_F(RequestNames, AreThoseThatTheConstructorsLeave) {
 class RequestsBackToBack : public ManagerTest {};
 
 // To be run under the address and the thread sanitizer as well.
-TEST_F(RequestsBackToBack, EachOfAHundredAnswersExactlyOnceWhateverIsCancelled) {
+TEST_F(RequestsBackToBack, AnswerExactlyOnceWhateverIsCancelled) {
     constexpr int rounds = 100;
     std::mt19937 random(20261122);  // the same run each time
     const auto chance = [&random](unsigned outOf) { return random() % outOf == 0; };

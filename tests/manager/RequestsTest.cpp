@@ -96,7 +96,7 @@ protected:
 
 class ScanRequest : public RequestTest {};
 
-TEST_F(ScanRequest, EndsJustBeyondTenSeconds) {
+TEST_F(ScanRequest, EndsJustAfterTenSeconds) {
     Clock::stop();
     bluez.fail("/org/bluez/hci0", "St*Discovery", refused, "No");
     const auto request = std::make_shared<ScanBluetoothRequest>(answers.callback());
@@ -146,7 +146,7 @@ TEST_F(ScanRequest, RunsWithoutACallback) {
 
 class ConnectRequest : public RequestTest {};
 
-TEST_F(ConnectRequest, GoesThroughHidForPhonesAndComputers) {
+TEST_F(ConnectRequest, UsesHidForPhonesAndComputers) {
     listDevices({phone, computer});
     EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, "Phone"), REQUEST_SUCCESS);
     bluez.reply("/org/corvane/BluetoothHid", "Connect", "('Connect success.',)");
@@ -220,7 +220,7 @@ TEST_F(ConnectRequest, CallbackMayStartTheNextRequest) {
 
 class DisconnectRequest : public RequestTest {};
 
-TEST_F(DisconnectRequest, DropsPhonesAndComputersFromHidToo) {
+TEST_F(DisconnectRequest, DisconnectsPhonesAndComputersFromHidToo) {
     listDevices({connected(phone), connected(computer), speaker});
     bluez.reply("/org/corvane/BluetoothHid", "Disconnect", "('whatever',)");
     EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Phone"), REQUEST_SUCCESS);
@@ -250,7 +250,7 @@ TEST_F(DisconnectRequest, RetriesUntilCancelled) {
     EXPECT_THAT(happened({Kind::SLEEP}), IsEmpty());
 }
 
-TEST_F(DisconnectRequest, TakesAddressAndClassFromTheirLists) {
+TEST_F(DisconnectRequest, UsesConnectedAddressesAndAnyKnownClass) {
     listDevices({headphones});
     start(std::make_shared<DisconnectBluetoothRequest>(answers.callback(), &hid, "Headphones"));
     ASSERT_TRUE(reached(deviceCall("", "Disconnect"), 2)) << "not connected: no address";
@@ -259,7 +259,7 @@ TEST_F(DisconnectRequest, TakesAddressAndClassFromTheirLists) {
     EXPECT_EQ(bluez.countCalls(deviceCall(headphones.address, "Disconnect")), 0);
 }
 
-TEST_F(DisconnectRequest, RefusesOtherClassesUnknownNamesAndACancelledStart) {
+TEST_F(DisconnectRequest, RefusesOtherClassesUnknownNamesAndEarlyCancels) {
     listDevices({keyboard, speaker});
     EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Keyboard"), REQUEST_FAILED);
     EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Nobody"), REQUEST_FAILED);
@@ -305,7 +305,7 @@ TEST_F(WaitRequest, TrustsBeforeItMakesTheAdapterDiscoverable) {
     EXPECT_EQ(bluez.countCalls(scan), 1) << "no waiting";
 }
 
-TEST_F(WaitRequest, APhoneThatConnectsOnTheThirdPassSucceeds) {
+TEST_F(WaitRequest, SucceedsWhenThePhoneConnectsOnTheThirdPass) {
     listDevices({phone});
     bluez.setDevices({connected(phone)});
     bluez.setDevices({phone}, 3);
@@ -315,7 +315,7 @@ TEST_F(WaitRequest, APhoneThatConnectsOnTheThirdPassSucceeds) {
     EXPECT_EQ(answers.count(), 1U);
 }
 
-TEST_F(WaitRequest, TimesOutBeyondAMinute) {
+TEST_F(WaitRequest, TimesOutAfterAMinute) {
     listDevices({computer});
     Clock::stop();
     const auto request =
@@ -330,7 +330,7 @@ TEST_F(WaitRequest, TimesOutBeyondAMinute) {
     EXPECT_EQ(answers.next(), REQUEST_TIMEOUT);
 }
 
-TEST_F(WaitRequest, ADeviceThatComesAsTheTimeRunsOutIsTooLate) {
+TEST_F(WaitRequest, TimesOutEvenIfTheLastPassFindsTheDevice) {
     startAndHold(connected(phone));
     Clock::advance(milliseconds(60001));
     bluez.letGo();
@@ -345,7 +345,7 @@ TEST_F(WaitRequest, CancelledDuringAPassAnswersCancelled) {
     EXPECT_EQ(bluez.countCalls(scan), 2) << "no further pass";
 }
 
-TEST_F(WaitRequest, ADeviceThatIsFoundOutweighsACancellation) {
+TEST_F(WaitRequest, PrefersAFoundDeviceToACancellation) {
     startAndHold(connected(phone));
     manager().cancelRequest();
     bluez.letGo();
@@ -402,14 +402,14 @@ INSTANTIATE_TEST_SUITE_P(Audio, WaitForAudio,
                                                    true, 0x240410, false, REQUEST_FAILED}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(WaitRequest, KeepsTheFailedPairingsAnswerAfterAConnection) {
+TEST_F(WaitRequest, AnswersFailedAfterAFailedPairingEvenIfItConnects) {
     listDevices({headphones});
     bluez.fail(headphones.path(), "Pair", refused, "No");
     EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), REQUEST_FAILED);
     EXPECT_EQ(bluez.countCalls(deviceCall(headphones.address, "Connect")), 1);
 }
 
-TEST_F(WaitRequest, ConnectsTheAddressThatThePairedListHas) {
+TEST_F(WaitRequest, ConnectsTheAddressFromThePairedList) {
     const Device after{"00:00:00:00:00:44", headphones.name, headphones.deviceClass, true};
     bluez.setDevices({after});
     EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), REQUEST_FAILED)
@@ -422,7 +422,7 @@ TEST_F(WaitRequest, StillRunsInItsCallback) {
     EXPECT_FALSE(nextIsTakenFromTheCallback<WaitBluetoothPairingRequest>("Nobody"));
 }
 
-TEST_F(WaitRequest, RunsWithoutNameAndCallback) {
+TEST_F(WaitRequest, RunsWithoutNameOrCallback) {
     const auto request = std::make_shared<WaitBluetoothPairingRequest>();
     start(request);
     EXPECT_TRUE(reached(scan));

@@ -50,7 +50,7 @@ struct BringUpCase {
 
 class BringUp : public ManagerTest, public testing::WithParamInterface<BringUpCase> {};
 
-TEST_P(BringUp, GoesAsFarAsEachFailureLetsIt) {
+TEST_P(BringUp, ContinuesAsFarAsEachFailureAllows) {
     const BringUpCase& row = GetParam();
     if (row.member != nullptr) bluez.fail("*", row.member, "org.bluez.Error.Failed", "No");
     if (row.hci != nullptr) edges().failingHci = {row.hci};
@@ -124,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 class Stack : public ManagerTest {};
 
-TEST_F(Stack, BringUpGoesOnWithoutTheBusNames) {
+TEST_F(Stack, BringUpContinuesWithoutTheBusNames) {
     edges().missingNames = {"org.bluez", "org.freedesktop.DBus"};
     EXPECT_TRUE(manager().setBluetoothComponents(true)) << "BlueZ came late, yet it answers";
     EXPECT_THAT(log(), ElementsAre("DEBUG setBluetoothComponents : 1", "INFO hci0 is up.",
@@ -143,7 +143,7 @@ TEST_F(Stack, TearDownAlwaysReturnsFalse) {
                                    "DEBUG Successfully set Powered property to 0"));
 }
 
-TEST_F(Stack, TheDaemonIsStoppedWithoutAWait) {
+TEST_F(Stack, StopsTheDaemonWithoutWaiting) {
     EXPECT_TRUE(manager().setBluetoothDaemon(false));
     EXPECT_THAT(happened({Kind::SHELL, Kind::SLEEP}),
                 ElementsAre("/sbin/kill_and_wait.sh bluetoothd"));
@@ -160,7 +160,7 @@ TEST_F(Stack, ProductFamilyOneRunsNoAudioBridge) {
                             "/sbin/kill_and_wait.sh hw_bluez_hid;"));
 }
 
-TEST_F(Stack, AModelNameStaysOneWordOfTheShell) {
+TEST_F(Stack, ModelNameStaysOneShellWord) {
     edges().modelName = "Bob's; reboot '";
     manager().setBluetoothServices(true);
     EXPECT_THAT(happened({Kind::SHELL}).front(),
@@ -184,7 +184,7 @@ protected:
     const std::string poll = "popen r diff /var/log/messages /tmp/messages_ref | grep 'up'";
 };
 
-TEST_F(SystemLogWatcher, FindsWhatIsThereAtTheFirstPollWithoutASleep) {
+TEST_F(SystemLogWatcher, FindsALineAtTheFirstPollWithoutSleeping) {
     manager();
     edges().pipes = {std::string(5000, 'x')};
     EXPECT_TRUE(watch("up", 1000));
@@ -204,7 +204,7 @@ TEST_F(SystemLogWatcher, PollsEveryQuarterOfASecondUntilItFinds) {
                     poll, "TRACE execAndWaitForSystemLog found : up", "pclose"));
 }
 
-TEST_F(SystemLogWatcher, TimesOutOnlyBeyondTheLimitCountedFromTheCall) {
+TEST_F(SystemLogWatcher, TimesOutAfterTheLimitCountedFromTheCall) {
     manager();
     EXPECT_FALSE(watch("up", 500));
     EXPECT_THAT(happened({Kind::SHELL, Kind::SLEEP, Kind::LOG}),
@@ -232,7 +232,7 @@ TEST_F(SystemLogWatcher, SkipsTheWaitWhenTheActionSaysSo) {
     EXPECT_THROW(manager().execAndWaitForSystemLog(nullptr, "up", 1000), std::bad_function_call);
 }
 
-TEST_F(SystemLogWatcher, EndsInSilenceWhenTheManagerGoes) {
+TEST_F(SystemLogWatcher, EndsWithoutARecordWhenTheManagerGoes) {
     manager();
     edges().notifiedAtWait = 1;
     EXPECT_FALSE(watch("up", 60000));
@@ -241,7 +241,7 @@ TEST_F(SystemLogWatcher, EndsInSilenceWhenTheManagerGoes) {
         ElementsAre(snapshot, "action", poll, "pclose", "wait 250", poll, "pclose", "wait 250"));
 }
 
-TEST_F(SystemLogWatcher, TakesAnInterruptedReadForNoAnswer) {
+TEST_F(SystemLogWatcher, ReadsOnAfterAnInterruption) {
     manager();
     edges().pipes = {"x"};
     edges().interruptedReads = 2;
@@ -280,7 +280,7 @@ protected:
     const std::filesystem::path& folder = ownFolder.path();
 };
 
-TEST_F(SystemLogFile, MayBeRotatedCutShortOrMissingInTheMiddleOfAWait) {
+TEST_F(SystemLogFile, MayBeReplacedOrMissingDuringAWait) {
     EXPECT_TRUE(finds("it came", [this] { write("messages", "it came\n", std::ios_base::app); }));
     EXPECT_FALSE(finds("it came", [] {})) << "that line is old now";
 
@@ -298,7 +298,7 @@ TEST_F(SystemLogFile, MayBeRotatedCutShortOrMissingInTheMiddleOfAWait) {
     EXPECT_EQ(errors().size(), 3U);
 }
 
-TEST_F(SystemLogFile, HasNoSnapshotWhereThereWasNothingToCopy) {
+TEST_F(SystemLogFile, MatchesNothingWithoutASnapshot) {
     const auto reappear = [this] { write("messages", "old: the line\n"); };
     std::filesystem::remove(folder / "messages");
     EXPECT_FALSE(finds("old: the line", reappear)) << "it is not new";
@@ -311,7 +311,7 @@ TEST_F(SystemLogFile, HasNoSnapshotWhereThereWasNothingToCopy) {
     EXPECT_EQ(read("messages_ref"), "old: the line\n") << "an earlier copy stays";
 }
 
-TEST_F(SystemLogFile, IsSearchedForPatternsWithQuotesAsForAnyOther) {
+TEST_F(SystemLogFile, IsSearchedForPatternsWithQuotes) {
     const auto log = [this](const std::string& line) {
         return [this, line] { write("messages", line + "\n", std::ios_base::app); };
     };
@@ -321,7 +321,7 @@ TEST_F(SystemLogFile, IsSearchedForPatternsWithQuotesAsForAnyOther) {
     EXPECT_FALSE(std::filesystem::exists(folder / "harm"));
 }
 
-TEST_F(SystemLogFile, IsNotCopiedThroughALinkOrIntoAPipeThatAStrangerPlanted) {
+TEST_F(SystemLogFile, IsNeverCopiedThroughAPlantedLinkOrPipe) {
     const auto snapshotIsGood = [this] {
         edges().forget();
         return finds("it came", [this] {

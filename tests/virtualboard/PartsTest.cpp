@@ -31,7 +31,7 @@ std::vector<Bytes> cut(board::H4Stream& stream, const Bytes& bytes) {
     return packets;
 }
 
-TEST(H4Stream, GivesWholePacketsOfEveryTypeHoweverTheirBytesArrive) {
+TEST(H4Stream, ReturnsWholePacketsHoweverBytesArrive) {
     const Bytes command{1, 0x03, 0x0C, 0};
     const Bytes data{2, 42, 0x20, 3, 0, 7, 8, 9};
     const Bytes voice{3, 1, 0, 2, 5, 5};
@@ -47,7 +47,7 @@ TEST(H4Stream, GivesWholePacketsOfEveryTypeHoweverTheirBytesArrive) {
     EXPECT_THAT(cut(stream, all), ElementsAre(command, data, voice, event, isochronous, power));
 }
 
-TEST(H4Stream, SkipsNoiseAndForgetsAHeadOnRequest) {
+TEST(H4Stream, SkipsNoiseAndResetsOnRequest) {
     board::H4Stream stream;
     const Bytes event{4, 0x13, 1, 0};
     EXPECT_THAT(cut(stream, {0, 0x77, 4, 0x13, 1, 0}), ElementsAre(event));
@@ -56,7 +56,7 @@ TEST(H4Stream, SkipsNoiseAndForgetsAHeadOnRequest) {
     EXPECT_THAT(cut(stream, event), ElementsAre(event));
 }
 
-TEST(Frames, SurviveAnyCutAndWhatLiesBetweenThem) {
+TEST(Frames, SurviveAnySplitAndNoiseBetweenThem) {
     const std::string line = "noise" + encodeFrame(FrameType::Output, std::string("a\xC5\0b", 4)) +
                              "\n" + encodeFrame(FrameType::Exit, std::string(1, '\x07')) +
                              encodeFrame(FrameType::Input, "");
@@ -91,7 +91,7 @@ TEST(Frames, CarryACommandLineWithEmptyAndOddArguments) {
     EXPECT_ANY_THROW(encodeFrame(FrameType::Run, request.encode()));
 }
 
-TEST(AgentClient, HoldsInputBackUntilTheBoardHasTakenSome) {
+TEST(AgentClient, HoldsInputBackUntilTheBoardHasReadSome) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     board::Poller poller;

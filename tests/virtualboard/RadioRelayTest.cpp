@@ -128,7 +128,7 @@ TEST_F(RadioRelay, HasPowerOnlyWhileEachLineIsAnOutputAndHigh) {
     EXPECT_EQ(boardSends(reset), "");
 }
 
-TEST_F(RadioRelay, PassesNothingThatAControllerWithoutPowerHasSent) {
+TEST_F(RadioRelay, DropsWhatAnUnpoweredControllerSends) {
     start(2);
     const std::string event("\x04\x13\x01\x00", 4);
     poller.send(remote.ours.get(), event);
@@ -141,7 +141,7 @@ TEST_F(RadioRelay, PassesNothingThatAControllerWithoutPowerHasSent) {
     EXPECT_EQ(toBoard, event);
 }
 
-TEST_F(RadioRelay, StartsAfreshBehindAPacketThatLostItsPower) {
+TEST_F(RadioRelay, StartsAfreshAfterAPacketCutByPowerLoss) {
     start(2);
     drive(gpio2, 17);
     settle();
@@ -153,7 +153,7 @@ TEST_F(RadioRelay, StartsAfreshBehindAPacketThatLostItsPower) {
     EXPECT_EQ(boardSends(reset), reset);
 }
 
-TEST_F(RadioRelay, AlwaysHasPowerWhereNoLineIsWired) {
+TEST_F(RadioRelay, AlwaysHasPowerWithoutEnableLines) {
     start(1);
     settle();
     EXPECT_EQ(toRemote, on);
@@ -166,7 +166,7 @@ struct Misbehaviour {
     std::string toRemote, toBoard;  // after a reset command of the board
 };
 
-TEST_F(RadioRelay, MisbehavesUntilItIsToldToBeNormal) {
+TEST_F(RadioRelay, MisbehavesUntilSetBackToNormal) {
     start(1);
     settle();
     const std::string answer("\x04\x0E\x04\x01\x03\x0C\x00", 7);

@@ -19,7 +19,7 @@ void DisconnectBluetoothRequest::executeRequest() {
     BluetoothManager& manager = BluetoothManager::getInstance();
     // Deliberate: the address comes from the connected devices and the class from all of them; a
     // device that dropped by itself is then still tried, with an empty address. Held by
-    // DisconnectRequest.TakesAddressAndClassFromTheirLists.
+    // DisconnectRequest.UsesConnectedAddressesAndAnyKnownClass.
     const std::string address = manager.getDeviceMacAddress(CONNECTED_DEVICES, deviceName);
     const BluetoothMajorDeviceClassType majorClass =
         manager.getMajorDeviceClass(ALL_DEVICES, deviceName);

@@ -37,7 +37,7 @@ BluetoothRequestAnswers pairAudioDevice(BluetoothManager& manager, const std::st
                                         const std::string& address) {
     // Deliberate: a failed pairing goes on to the connection, and its answer stands even when that
     // succeeds: the device may be connected, but its pairing is not to be relied on. Held by
-    // WaitRequest.KeepsTheFailedPairingsAnswerAfterAConnection.
+    // WaitRequest.AnswersFailedAfterAFailedPairingEvenIfItConnects.
     const BluetoothRequestAnswers pairing =
         manager.pairDevice(address.c_str()) ? REQUEST_SUCCESS : REQUEST_FAILED;
     manager.scanDevicesInfo();
