@@ -20,8 +20,9 @@ namespace {
 
 constexpr char propertiesInterface[] = "org.freedesktop.DBus.Properties";
 
-// The bus closes the connection of whoever exceeds these: names of 255 bytes (D-Bus specification,
-// "Valid Names") and messages of 32 MiB (dbus-daemon's default), here less a header's worth.
+// The bus disconnects a sender that exceeds these limits: names of 255 bytes (D-Bus specification,
+// "Valid Names") and messages of 32 MiB (dbus-daemon's default); 4096 bytes are left for the
+// header.
 constexpr std::size_t longestName = 255;
 constexpr std::size_t largestMessage = (32U << 20U) - 4096;
 
@@ -29,8 +30,8 @@ std::string devicePath(const char* devicePart) {
     return std::string(bluez::devicePathPrefix) + devicePart;
 }
 
-/// An error for what GDBus would answer with a critical warning, or the bus by closing the
-/// connection.
+/// Makes an error. We check for what GDBus would answer with a critical warning, or the bus by
+/// closing the connection.
 ErrorPtr ownError(GIOErrorEnum code, const std::string& text) {
     return ErrorPtr(g_error_new_literal(G_IO_ERROR, code, text.c_str()));
 }
@@ -126,8 +127,8 @@ int BluetoothManager::bluezDeviceCallMethod(const char* method, const char* devi
 }
 
 int BluetoothManager::bluezAgentCallMethod(const char* method, const char* capability) {
-    // Nothing is served at this path: with the capability NoInputNoOutput the kernel pairs without
-    // asking the agent.
+    // No object exists at this path: with NoInputNoOutput the kernel pairs without asking the
+    // agent.
     static constexpr char agentPath[] = "/org/corvane";
     const auto arguments = [capability] {
         return *capability == '\0'
@@ -159,8 +160,8 @@ int BluetoothManager::bluezDeviceSetProperty(const char* devicePart, const char*
     const ErrorPtr error = setProperty(current(dbusConnection), devicePath(devicePart),
                                        bluez::deviceInterface, property, value);
     if (!error) return 0;
-    // Deliberate: the property is left to the caller's record here, unlike for the adapter; log
-    // searches in the field rely on both forms. Held by PropertyWrites.LogTheWriteThenTheProperty.
+    // Deliberate: unlike for the adapter, only the caller's record names the property; searches of
+    // field logs rely on both forms. Held by PropertyWrites.LogTheWriteThenTheProperty.
     CORVANE_ERROR("bluezDeviceSetProperty"
                   << " : " << messageOf(*error));
     return 1;

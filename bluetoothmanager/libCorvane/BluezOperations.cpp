@@ -47,8 +47,7 @@ bool BluetoothManager::agentRegister(bool enable) {
         return false;
     }
     if (bluezAgentCallMethod("RequestDefaultAgent", "") != 0) {
-        // Deliberate: the registration stays, a registered agent that is not the default one still
-        // serves our own pairings. Held by
+        // Deliberate: the agent stays registered, because it still serves our own pairings. Held by
         // AgentRegister.LeavesTheRegistrationWhenItCannotBeTheDefault.
         CORVANE_ERROR("Not able to request default agent");
         return false;
@@ -92,7 +91,7 @@ bool BluetoothManager::adapterSetPairableTimeout(int seconds) {
 }
 
 bool BluetoothManager::adapterSetName(const gchar* name) {
-    // The alias is what others see; BlueZ's own Name cannot be written.
+    // Other devices see the alias; BlueZ's Name is read-only.
     const bool valid = name != nullptr && g_utf8_validate(name, -1, nullptr) != FALSE;
     GVariant* value = valid ? g_variant_new_string(name) : nullptr;
     if (bluezAdapterSetProperty("Alias", value) == 0) return true;

@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what hosts use. Everything else of the shared library is hidden.
+/// Exports what hosts use. The shared library hides everything else.
 #define CORVANE_EXPORT __attribute__((visibility("default")))

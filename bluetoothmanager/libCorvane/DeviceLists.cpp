@@ -6,7 +6,7 @@
 
 std::vector<BluetoothConnectionInfo>& BluetoothManager::getBluetoothDeviceList(
     BluetoothDeviceListType type) {
-    // Every number selects a list, by intent: no operation has to reject one.
+    // Any number selects a list, so that no operation needs an error for it.
     if (type == PAIRED_DEVICES) return deviceLists.pairedDevices;
     if (type == CONNECTED_DEVICES) return deviceLists.connectedDevices;
     return deviceLists.allDevices;

@@ -55,8 +55,8 @@ bool BluetoothManager::isPlaybackDevice(const BluetoothConnectionInfo& info) {
     constexpr char signature[] =
         "bool BluetoothManager::isPlaybackDevice(const BluetoothConnectionInfo&)";
     if (getMajorDeviceClass(info) != MAJOR_CLASS_AUDIO_VIDEO) return false;
-    // Deliberate: five bits of the minor class's six, bit 7 is ignored. Do not
-    // widen. Held by IsPlaybackDevice.IgnoresBit7.
+    // Deliberate: only five of the minor class's six bits; bit 7 is ignored. Do not widen. Held by
+    // IsPlaybackDevice.IgnoresBit7.
     const std::uint32_t minorClass = (info.deviceClass >> 2) & 0x1F;
     CORVANE_DEBUG(signature << " minor device class of " << info.name << " : " << minorClass);
     if (minorClass != wearableHeadset && minorClass != handsFree && minorClass != loudspeaker &&

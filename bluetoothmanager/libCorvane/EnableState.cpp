@@ -19,13 +19,13 @@ bool BluetoothManager::getEnabled() const {
 void BluetoothManager::setEnabled(bool enable, bool forced) {
     CORVANE_DEBUG("setEnabled"
                   << " : " << enable << (forced ? " (forced)" : ""));
-    // Deliberate: forced does not bypass this; it only widens what a real switch-off lowers. Held
+    // Deliberate: `forced` does not override this check; it only lowers the shared line too. Held
     // by SetEnabled.DoesNothingWhenTheSettingIsUnchanged.
     if (hwcommon::fileUtil::exists(flagFile) && getEnabled() == enable) return;
     corvane::runShell(std::string("rfkill ") + (enable ? "un" : "") + "block bluetooth");
     enableGpio(enable, forced);
     setBluetoothComponents(enable);
-    // Deliberate: written even when bring-up failed: the flag records the request, not the outcome.
+    // Deliberate: written even if bring-up failed; the flag records the request, not the outcome.
     // Held by SetEnabled.PersistsTheRequestEvenWhenBringUpFails.
     hwcommon::fileUtil::saveContentToFile(flagFile, enable ? "1" : "0",
                                           std::ios_base::out | std::ios_base::trunc);

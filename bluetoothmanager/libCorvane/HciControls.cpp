@@ -21,7 +21,7 @@ namespace {
 constexpr int deviceNumber = 0;
 constexpr int classTimeout = 1000;  // milliseconds, for each of read and write
 
-// What stays open is not for the children: the HID daemon closes nothing that it inherits.
+// Children must not inherit the descriptors that stay open: the HID daemon closes none.
 
 int openHciSocket() {
     return aboveStandardStreams(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI));
@@ -69,8 +69,8 @@ bool BluetoothManager::adapterSetDiscoverableMode(BluetoothAdapterScanMode /*mod
         CORVANE_ERROR("Can't open HCI socket.");
         return false;
     }
-    // Deliberate: 0 whatever the mode. The appliance becomes discoverable only through BlueZ's
-    // Discoverable property, while it waits for a pairing. Held by RawHci.ScanModeIsAlwaysOff.
+    // Deliberate: always off. The appliance becomes discoverable only through BlueZ's Discoverable
+    // property, while it waits for a pairing. Held by RawHci.ScanModeIsAlwaysOff.
     if (setDeviceOption(hciSocket, HCISETSCAN, SCAN_DISABLED) < 0) {
         CORVANE_ERROR("Can't set scan mode on hci");
         return false;
@@ -92,8 +92,8 @@ bool BluetoothManager::preventRoleSwitch() const {
 }
 
 void BluetoothManager::releaseDeadControllers() {
-    // Since Linux 5.15 an open HCI socket keeps its detached controller and index 0, and the next
-    // attach makes an hci1 that nothing here talks to. Rebinding frees it; while the controller is
+    // Since Linux 5.15 an open HCI socket keeps its detached controller and index 0, so the next
+    // attach would create hci1, which we do not use. Rebinding frees it; while the controller is
     // present the kernel refuses.
     sockaddr_hci nowhere{};
     nowhere.hci_family = AF_BLUETOOTH;

@@ -6,8 +6,8 @@
 
 #include <sstream>
 
-/// Writes one record with file, line and the signature of the function it stands in. `message` is a
-/// chain of <<, formatted only when the logger is enabled for the level.
+/// Logs one record with file, line and signature of the calling function. `message` is a chain of
+/// <<, formatted only if the level is enabled.
 #define CORVANE_LOG(level, message)                                                            \
     do {                                                                                       \
         const log4cplus::Logger& corvaneLogger = LogAppender::getLogger();                     \

@@ -14,8 +14,8 @@ using corvane::VariantPtr;
 
 namespace {
 
-// The reply is walked by child index: a format string with borrowed strings would make GLib flatten
-// the whole reply first and allocate every child a second time.
+// We read the reply by child index: with a format string and borrowed strings GLib would first
+// flatten the whole reply and allocate every child a second time.
 VariantPtr child(const VariantPtr& container, gsize index) {
     return VariantPtr(g_variant_get_child_value(container.get(), index));
 }
@@ -26,8 +26,8 @@ std::string_view text(GVariant* value) {
     return {start, length};
 }
 
-/// Deliberate: loose. BlueZ's device interface passes, and so does every other one with "device" in
-/// its name in any case, each with a record of its own. Held by
+/// Deliberate: a loose match. BlueZ's device interface passes, and so does any other interface with
+/// "device" in its name, upper or lower case; each yields a record. Held by
 /// DeviceScan.EveryInterfaceWithDeviceInItsNameYieldsARecord.
 bool looksLikeADevice(std::string_view interface) {
     constexpr std::string_view wanted = "device";
@@ -41,7 +41,7 @@ struct FoundDevice {
     bool connected = false;
 };
 
-/// A property that a record or its lists are made of.
+/// A property that we read: its type and what to do with its value.
 struct Wanted {
     std::string_view name;
     GVariantClass type;
@@ -78,8 +78,8 @@ constexpr std::array<Wanted, 6> wantedProperties{{
      }},
 }};
 
-/// Takes over one property, a name and a value. Unknown names and known ones of another type are
-/// ignored; the later of two wins.
+/// Reads one property, a name and a value. Ignores unknown names and values of another type. If a
+/// property occurs twice, the later one wins.
 void apply(FoundDevice& device, const VariantPtr& property, BluetoothManager& manager) {
     const VariantPtr name = child(property, 0);
     const std::string_view nameText = text(name.get());
@@ -106,8 +106,8 @@ void store(const FoundDevice& device, BluetoothManager& manager) {
     if (device.connected) manager.addNewDeviceToList(CONNECTED_DEVICES, device.info);
 }
 
-/// While it lives, asynchronous calls of this thread are answered in the default main context,
-/// which the scan runs, also where the thread has a context of its own.
+/// Directs the replies to this thread's asynchronous calls to the default main context, which the
+/// scan runs, even if the thread has its own context.
 class DefaultContext {
 public:
     DefaultContext() {
@@ -131,7 +131,7 @@ bool BluetoothManager::scanDevicesInfo() {
     }
     GDBusConnection* const connection = corvane::current(dbusConnection);
     if (connection == nullptr) {
-        // Without a call no reply would ever end the loop.
+        // Without a call there is no reply to end the loop.
         bluezListDevices(nullptr, nullptr, mainLoop);
         return true;
     }

@@ -11,12 +11,12 @@
 
 BluetoothManager::BluetoothManager() {
     const corvane::StandardStreamsReserved reserved;
-    // The hardware service stays in use until the radio is brought up.
+    // Keeps the hardware service in use until the end of the construction.
     const auto hardware = std::make_unique<hwcommon::DBusHardwareProxy>(nullptr);
-    // Whether the analysis succeeded is not asked: an unknown board is driven like wiring 0 or 2.
+    // No check for success: an unknown board is driven like wiring 0 or 2.
     eeprom = std::make_unique<eepromXML>(hardware->getHardwareInfo());
     {
-        const corvane::SignalsBlocked uninterrupted;  // sd-bus gives up when a signal arrives
+        const corvane::SignalsBlocked uninterrupted;  // sd-bus fails when a signal arrives
         sdbusConnection = sdbus::createSystemBusConnection();
     }
     dbusProxy = std::make_unique<hwcommon::DBusProxy>(*sdbusConnection);

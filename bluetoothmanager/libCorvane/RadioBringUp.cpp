@@ -28,7 +28,7 @@ const RadioWiring& wiringOf(int hardwareVariant) {
     return corvane::radioWirings.at(static_cast<std::size_t>(hardwareVariant));
 }
 
-// The number is fixed; its name is up to the host's GPIO library.
+// We rely on the number; the host's GPIO library names it.
 constexpr auto output = static_cast<GPIO::Direction>(1);
 
 constexpr std::string_view hciName = "hci0";
@@ -67,8 +67,8 @@ bool BluetoothManager::enableGpio(bool enable, bool forced) {
     bool success = true;
     for (std::size_t i = 0; i < wiring.lineCount; ++i) {
         const EnableLine& line = wiring.lines.at(i);
-        // Deliberate: an ordinary switch-off leaves the shared line up, the Wi-Fi lives on it. Held
-        // by EnableGpio.LeavesTheSharedLineUpUnlessForced.
+        // Deliberate: an ordinary switch-off leaves the shared line up, because it also powers the
+        // Wi-Fi. Held by EnableGpio.LeavesTheSharedLineUpUnlessForced.
         if (line.shared && !enable && !forced) continue;
         if (line.name != nullptr) {
             if (static_cast<int>(gpioManager.getValue(line.pin)) == level) continue;
@@ -89,7 +89,7 @@ void BluetoothManager::loadModules(bool load) {
     const RadioWiring& wiring = wiringOf(hardwareVariant);
     CORVANE_DEBUG("loadModules" << wiring.loadingMessage);
     if (wiring.waitsForWifi) {
-        // The modules are loaded even when the interface never comes.
+        // The modules are loaded even if the interface never appears.
         for (unsigned i = 0;
              i < corvane::wifiPolls && !hwcommon::fileUtil::exists(corvane::wifiInterface); ++i) {
             if (waitCondition.wait(corvane::wifiPoll, false) != corvane::waitTimedOut) break;
@@ -109,9 +109,8 @@ bool BluetoothManager::hciattach(bool attach) {
         runShell(wiring.detach);
         return true;
     }
-    // Deliberate: selected but not waited for; the marker tells which line to look for in a log,
-    // and a wait on the system log would hold up every switch-on. Held by
-    // HciAttach.DoesNotWaitForTheSystemLog.
+    // Deliberate: not waited for. The marker tells which log line to look for; waiting for the
+    // system log would delay every switch-on. Held by HciAttach.DoesNotWaitForTheSystemLog.
     [[maybe_unused]] const char* const marker = wiring.attachMarker;
     releaseDeadControllers();
     runShell(wiring.attach);
@@ -120,7 +119,7 @@ bool BluetoothManager::hciattach(bool attach) {
 }
 
 bool BluetoothManager::hciUp() const {
-    // A socket that could not be had makes every query fail, which ends in the time-out below.
+    // Without a socket every query fails and the loop times out.
     const int hciSocket = socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI);
     const std::uint16_t number = hciNumber();
     for (unsigned attempt = 0; attempt < upAttempts; ++attempt) {

@@ -7,10 +7,9 @@
 
 namespace corvane {
 
-// The facts of the boards, for the library and for corvanectl, which checks and explains them. Not
-// installed.
+// Board facts. The library uses them; corvanectl checks and explains them. Not installed.
 
-// Under /tmp: the setting survives a restart of the host process, but not a reboot, after which the
+// In /tmp: the setting survives a restart of the host process, but not a reboot. After a reboot the
 // radio is off.
 constexpr char flagFile[] = "/tmp/bluetoothEnabled";
 constexpr char hciDevice[] = "/sys/class/bluetooth/hci0";
@@ -20,21 +19,21 @@ constexpr char systemLog[] = "/var/log/messages";
 constexpr char systemLogSnapshot[] = "/tmp/messages_ref";
 constexpr char killAndWait[] = "/sbin/kill_and_wait.sh";
 
-/// The product family whose boards run no audio bridge and have a single enable line.
+/// Boards of this product family have no audio bridge and a single enable line.
 constexpr int familyWithoutAudioBridge = 1;
 
-/// How often and how long the Wi-Fi's interface is waited for before the modules are loaded.
+/// The wait for the Wi-Fi interface before the modules are loaded.
 constexpr unsigned wifiPolls = 21;
 constexpr unsigned wifiPoll = 250;  // milliseconds
 
-/// Twice what BlueZ needs for a round: it looks for LE devices for 5.1 s before the classic ones
-/// (seen with BlueZ 5.66).
+/// Twice the length of a BlueZ discovery round, in which LE devices take the first 5.1 s (seen with
+/// BlueZ 5.66).
 constexpr std::chrono::milliseconds scanLength{10000};
 
-/// How long a phone or a computer has to pair and connect by itself.
+/// The time a phone or a computer has to pair and connect by itself.
 constexpr std::chrono::milliseconds pairingLength{60000};
 
-/// A program that start-stop-daemon keeps in the background.
+/// A program that start-stop-daemon runs in the background.
 struct Daemon {
     const char* program;
     const char* pidFile;
@@ -47,16 +46,16 @@ constexpr Daemon realtekAttach{"/bin/rtk_hciattach", "/var/run/rtk_hciattach.pid
 constexpr char hciattachProgram[] = "/bin/hciattach";
 constexpr char serialLine[] = "/dev/ttyS1";
 
-/// Kernel modules, below /usr/lib/modules/RELEASE/kernel/. Each wiring's serial driver is loaded
-/// between the two.
+/// Kernel modules in /usr/lib/modules/RELEASE/kernel/. The wiring's serial driver is loaded between
+/// the two.
 constexpr char bluetoothModule[] = "net/bluetooth/bluetooth.ko";
 constexpr char rfcommModule[] = "net/bluetooth/rfcomm/rfcomm.ko";
 
-/// One line that powers the radio.
+/// A GPIO line that powers the radio.
 struct EnableLine {
     unsigned pin;      // GPIO number
-    const char* name;  // as logged; null: not named, driven without a look at its level or a record
-    bool shared;       // also powers the Wi-Fi: an ordinary switch-off leaves it up
+    const char* name;  // for the log; null: not logged, and driven without reading its level
+    bool shared;       // also powers the Wi-Fi; an ordinary switch-off leaves it up
 };
 
 /// A radio module and how it is wired.
@@ -65,12 +64,12 @@ struct RadioWiring {
     std::array<EnableLine, 3> lines{};
     std::size_t lineCount = 0;
     const char* loadingMessage = nullptr;
-    bool waitsForWifi = false;  // its modules are loaded after the Wi-Fi's interface has come
+    bool waitsForWifi = false;  // load the modules after the Wi-Fi interface appears
     const char* serialDriver = nullptr;
     const char* attach = nullptr;
     const char* detach = nullptr;
     bool attachRaisesDevice = false;     // otherwise hciUp() does
-    const char* attachMarker = nullptr;  // line of the kernel log that marks a finished attach
+    const char* attachMarker = nullptr;  // kernel log line of a finished attach
 };
 
 /// The rows are numbered by BluetoothManager's hardwareVariant.
@@ -81,7 +80,7 @@ constexpr std::array<RadioWiring, 3> radioWirings = [] {
     fnLink.lineCount = 3;
     fnLink.loadingMessage = " : loading FN-link drivers";
     fnLink.serialDriver = "drivers/bluetooth/bluetooth_uart_driver/hci_uart_rtk.ko";
-    // Three-wire (H5) mode at 115200 baud; start-stop-daemon puts it into the background.
+    // Three-wire (H5) mode at 115200 baud; start-stop-daemon runs it in the background.
     fnLink.attach =
         "start-stop-daemon -S -b -q -m -p /var/run/rtk_hciattach.pid --exec /bin/rtk_hciattach -- "
         "-n -s 115200 /dev/ttyS1 rtk_h5";
@@ -106,7 +105,7 @@ constexpr std::array<RadioWiring, 3> radioWirings = [] {
     return std::array<RadioWiring, 3>{fnLink, laird, singleLine};
 }();
 
-// Attach programs, their pid file and the serial line stand in the command lines, too.
+// The command lines repeat attach programs, pid file and serial line: check that they agree.
 constexpr bool names(const RadioWiring& wiring, std::string_view path) {
     return std::string_view(wiring.attach).find(path) != std::string_view::npos;
 }
@@ -114,8 +113,10 @@ static_assert(names(radioWirings[0], realtekAttach.program) &&
               names(radioWirings[0], realtekAttach.pidFile) && names(radioWirings[0], serialLine) &&
               names(radioWirings[1], serialLine) && names(radioWirings[1], hciattachProgram));
 
-/// The row for a board: the Laird module for model 6, otherwise by the product family.
-/// @param productFamily  called only where it decides
+/// Selects a board's row: the Laird module for model 6, otherwise by the product family.
+/// @param modelType      the identity's model
+/// @param productFamily  returns the product family; called only if it decides
+/// @return the index in radioWirings
 template <class ProductFamily>
 constexpr std::size_t radioWiringOf(int modelType, const ProductFamily& productFamily) {
     constexpr int modelWithLaird = 6;

@@ -17,8 +17,8 @@ bool BluetoothManager::makeRequest(std::shared_ptr<BluetoothRequest> request) {
     }
     if (requestThread.joinable()) requestThread.detach();
     currentRequest = std::move(request);
-    // The callback of a short request may come back here to start the next one: it must find the
-    // thread object of its own request in place.
+    // The callback of a short request may call makeRequest() at once. By then requestThread must
+    // hold the thread of that request.
     std::promise<void> stored;
     requestThread = std::thread(
         [ready = stored.get_future()](const std::shared_ptr<BluetoothRequest>& started) {

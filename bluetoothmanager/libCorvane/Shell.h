@@ -5,13 +5,13 @@
 
 namespace corvane {
 
-/// Runs a shell command line and waits for it. Its exit status says nothing of use: whether it
-/// worked shows in what follows (a bus name, a sysfs path, an HCI flag).
+/// Runs a shell command line and waits for its end. The exit status is ignored: success shows in a
+/// bus name, a sysfs path or an HCI flag later.
 inline void runShell(const std::string& commandLine) {
     [[maybe_unused]] const int status = std::system(commandLine.c_str());
 }
 
-/// A text as one word of a shell command line, whatever it holds.
+/// Quotes any text as one shell word.
 inline std::string quoted(const std::string& text) {
     std::string word = "'";
     for (const char c : text) {

@@ -34,7 +34,7 @@ bool BluetoothManager::setBluetoothDaemon(bool on) {
         runShell(stopOf("bluetoothd"));
         return true;
     }
-    // With the compatibility interface and without the input plug-in: the HID daemon serves those.
+    // --compat and --noplugin=input: the HID daemon serves input devices instead of BlueZ.
     runShell(startOf(corvane::bluezDaemon) + " -- --compat --noplugin=input");
     if (dbusProxy->waitUntilDBusNameExist(corvane::bluez::busName, busNameTimeout)) return true;
     CORVANE_ERROR("setBluetoothDaemon"
@@ -90,9 +90,8 @@ bool BluetoothManager::setBluetoothComponents(bool enable) {
     }
     corvane::store(dbusConnection, corvane::acquireSystemBus());
     if (dbusConnection == nullptr) {
-        // Deliberate: the null is stored but not unreferenced, which GLib would answer with a
-        // critical warning. Held by
-        // WithoutABus.BringUpEndsBeforeTheAdapterAndWorksWhenTheBusIsBack.
+        // Deliberate: null is stored but not unreferenced, because GLib would log a critical
+        // warning. Held by WithoutABus.BringUpEndsBeforeTheAdapterAndWorksWhenTheBusIsBack.
         CORVANE_ERROR("setBluetoothComponents"
                       << " : Not able to get connection to system bus");
         return false;

@@ -16,11 +16,11 @@ namespace corvane {
 
 namespace {
 
-/// A connection that was ever in use. It keeps one reference for ever: a request may still be in a
-/// call on it. The price is one closed connection, without its socket, for each restart of the bus.
+/// A connection that we have used. One reference is never dropped, because a request may still be
+/// in a call on it. The cost is one closed connection, without its socket, per restart of the bus.
 struct Kept {
     GDBusConnection* connection;
-    unsigned references;  // taken by bring-ups and not yet dropped
+    unsigned references;  // held by bring-ups
 };
 
 std::vector<Kept>& keptConnections() {
@@ -45,8 +45,8 @@ bool isOpen(GDBusConnection* connection) {
     return g_dbus_connection_is_closed(connection) == FALSE;
 }
 
-/// The kept connection that is still open, or null. GDBus leaves the sockets of closed ones open;
-/// this closes them.
+/// Returns the kept connection that is still open, or null. GDBus leaves the sockets of closed
+/// connections open; this closes them.
 GDBusConnection* openConnection() {
     GDBusConnection* open = nullptr;
     for (const Kept& kept : keptConnections()) {
@@ -68,9 +68,9 @@ GDBusConnection* connectAnew() {
     return g_dbus_connection_new_for_address_sync(address.get(), flags, nullptr, nullptr, nullptr);
 }
 
-/// @return with a reference for the caller
+/// @return a connection with a reference for the caller, or null
 GDBusConnection* connect() {
-    constexpr unsigned neededDescriptors = 3;  // socket, GDBus's thread, the call that says Hello
+    constexpr unsigned neededDescriptors = 3;  // socket, GDBus's thread, the Hello call
     const StandardStreamsReserved reserved;
     if (lackOfDescriptors(neededDescriptors) != 0) return nullptr;
     try {
@@ -81,7 +81,7 @@ GDBusConnection* connect() {
     }
     GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     if (shared == nullptr || isOpen(shared)) return shared;
-    // GIO hands out its closed connection for as long as anybody, we included, holds it.
+    // GIO returns its closed connection as long as anybody holds it, and we do.
     g_object_unref(shared);
     GDBusConnection* const open = openConnection();
     if (open == nullptr) return connectAnew();
@@ -91,8 +91,8 @@ GDBusConnection* connect() {
 
 }  // namespace
 
-// eventfd is what GLib is about to use. Duplicating a descriptor of the host's instead would drop
-// the host's record locks on that file when the duplicate is closed.
+// GLib needs an eventfd too. Duplicating one of the host's descriptors instead would drop the
+// host's record locks on that file when the duplicate is closed.
 int lackOfDescriptors(unsigned wanted) {
     if (wanted == 0) return 0;
     const int probe = eventfd(0, EFD_CLOEXEC);
@@ -114,8 +114,8 @@ GDBusConnection* acquireSystemBus() {
     return connection;
 }
 
-// Deliberate: what construction took is not dropped. Switching off first after boot leaves the
-// connection in use, since every later operation needs it. Held by
+// Deliberate: the reference that construction took is not dropped. Switching off first after boot
+// leaves the connection in use, because every later operation needs it. Held by
 // BusReferences.SwitchingOffDropsOnlyABringUpsReference.
 void releaseSystemBus(GDBusConnection* connection) {
     for (Kept& kept : keptConnections()) {

@@ -8,13 +8,12 @@
 
 namespace corvane {
 
-/// What hwtools::Condition::wait() returns when the time has passed: the kernel's ETIMEDOUT. The
-/// host's header need not have a name for it.
+/// hwtools::Condition::wait() returns this when the time has passed: the kernel's ETIMEDOUT. A
+/// host's header need not name it.
 constexpr int waitTimedOut = 110;
 
-/// Blocks this thread's signals while it lives. HCI requests and sd-bus's opening of a connection
-/// fail when a signal arrives; repeated, they would start over and never end under a host's
-/// periodic timer.
+/// Blocks this thread's signals while it exists. A signal makes HCI requests and the opening of an
+/// sd-bus connection fail. Retrying would start over, and never end under a periodic timer.
 class SignalsBlocked {
 public:
     SignalsBlocked() {
@@ -30,9 +29,10 @@ private:
     sigset_t before{};
 };
 
-/// Moves a descriptor of ours that became 0, 1 or 2 in a host that runs without them. What such a
-/// host prints would otherwise go to the controller.
-/// @return the descriptor to use; -1 when there was none or no other is left
+/// Moves a descriptor that became 0, 1 or 2 because the host closed them. Otherwise the host's
+/// output would go to the controller.
+/// @param descriptor  the descriptor, or -1
+/// @return the descriptor to use; -1 if there was none or no other is free
 inline int aboveStandardStreams(int descriptor) {
     if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
     const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -40,13 +40,13 @@ inline int aboveStandardStreams(int descriptor) {
     return moved;
 }
 
-/// For what we cannot move: while it lives, nothing that is opened becomes descriptor 0, 1 or 2.
+/// Keeps descriptors 0, 1 and 2 taken while it exists, for descriptors that we cannot move.
 class StandardStreamsReserved {
 public:
     StandardStreamsReserved() {
         for (int descriptor = 0; descriptor < 3; ++descriptor) {
             if (fcntl(descriptor, F_GETFD) != -1) continue;
-            // The lowest free number is this one, unless another thread was faster.
+            // open() returns this number unless another thread was faster.
             const int opened = open("/dev/null", O_RDWR | O_CLOEXEC);
             if (opened == descriptor) {
                 reserved.at(static_cast<unsigned>(descriptor)) = true;

@@ -21,7 +21,7 @@ namespace {
 
 constexpr const char* snapshotFile = corvane::systemLogSnapshot;
 constexpr unsigned pollInterval =
-    250;  // milliseconds; bounds the cost of a shell, diff and grep over the whole log
+    250;  // milliseconds; each poll runs a shell, diff and grep over the whole log
 
 bool isOwnSnapshot() {
     struct stat status {};
@@ -29,10 +29,10 @@ bool isOwnSnapshot() {
            status.st_uid == geteuid() && status.st_nlink == 1;
 }
 
-/// Copies the log. Before that, the snapshot must be a file of ours: in /tmp others could plant a
-/// link, through which cp would write with our rights, or a FIFO, on which it would wait for ever.
-/// Nobody can replace a file we own there. Where the copy fails, only an earlier one stays.
-/// @return false when the snapshot's place could not be had
+/// Creates the snapshot ourselves, then copies the log into it: in /tmp others could plant a link,
+/// through which cp would write with our rights, or a FIFO, on which it would block. Nobody can
+/// replace a file we own there. If the copy fails, an earlier snapshot stays.
+/// @return false if the snapshot cannot be created
 bool takeSnapshot() {
     if (isOwnSnapshot()) {
         corvane::runShell(std::string("cp ") + corvane::systemLog + " " + snapshotFile);
@@ -42,7 +42,7 @@ bool takeSnapshot() {
     const int created =
         open(snapshotFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
     if (created < 0) return false;
-    // An impossible time of change: cp leaves it alone when it has nothing to copy.
+    // cp changes this impossible modification time unless it has nothing to copy.
     const std::array<timespec, 2> untouched{};
     futimens(created, untouched.data());
     corvane::runShell(std::string("cp ") + corvane::systemLog + " " + snapshotFile);
@@ -52,7 +52,7 @@ bool takeSnapshot() {
     return true;
 }
 
-/// Whether the command prints anything. A read that a signal interrupts is not an empty one.
+/// Tells whether the command prints anything. Reads on after an interruption by a signal.
 bool printsSomething(FILE* command) {
     std::array<char, 1024> output{};
     while (std::fread(output.data(), 1, output.size(), command) == 0) {
@@ -77,11 +77,11 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
         return false;
     }
 
-    // Quoted, so that a single quote in the pattern ends neither the word nor the command.
+    // A single quote in the pattern must not end the shell word.
     const std::string command = std::string("diff ") + corvane::systemLog + " " + snapshotFile +
                                 " | grep " + corvane::quoted(pattern);
     while (true) {
-        // What a stranger keeps in the snapshot's place is not compared: it may be a FIFO.
+        // Without a snapshot of ours the file is not read: it may be a FIFO.
         if (const corvane::PipePtr pipe{comparable ? popen(command.c_str(), "r") : nullptr}) {
             if (printsSomething(pipe.get())) {
                 CORVANE_TRACE("execAndWaitForSystemLog"

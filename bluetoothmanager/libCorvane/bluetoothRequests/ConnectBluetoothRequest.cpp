@@ -35,8 +35,8 @@ void ConnectBluetoothRequest::executeRequest() {
                 result = connectThroughHid(address);
                 break;
             case MAJOR_CLASS_AUDIO_VIDEO:
-                // Deliberate: an audio device that BlueZ cannot connect may still be one that the
-                // HID service can (a headset with keys). Held by
+                // Deliberate: the HID service may connect an audio device that BlueZ cannot (a
+                // headset with keys). Held by
                 // ConnectRequest.FallsBackToHidWhenTheAudioConnectionFails.
                 result = toggleAudioDevices() ? REQUEST_SUCCESS : connectThroughHid(address);
                 break;
@@ -45,8 +45,8 @@ void ConnectBluetoothRequest::executeRequest() {
         }
     }
 
-    // Deliberate: unlike the other requests this one is over before its callback is called, so that
-    // the callback can start the next request. Held by
+    // Deliberate: unlike other requests this one ends before its callback, so that the callback can
+    // start the next request. Held by
     // ConnectRequest.CallbackMayStartTheNextRequest.
     runningFlag = false;
     answer(result);

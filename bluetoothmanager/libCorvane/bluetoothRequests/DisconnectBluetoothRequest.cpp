@@ -17,8 +17,8 @@ DisconnectBluetoothRequest::DisconnectBluetoothRequest(
 void DisconnectBluetoothRequest::executeRequest() {
     runningFlag = true;
     BluetoothManager& manager = BluetoothManager::getInstance();
-    // Deliberate: the address comes from the connected devices and the class from all of them; a
-    // device that dropped by itself is then still tried, with an empty address. Held by
+    // Deliberate: the address comes from the connected devices, the class from all devices. A
+    // device that has already dropped is still tried, with an empty address. Held by
     // DisconnectRequest.UsesConnectedAddressesAndAnyKnownClass.
     const std::string address = manager.getDeviceMacAddress(CONNECTED_DEVICES, deviceName);
     const BluetoothMajorDeviceClassType majorClass =
@@ -26,8 +26,8 @@ void DisconnectBluetoothRequest::executeRequest() {
 
     BluetoothRequestAnswers result = REQUEST_FAILED;
     if (majorClass != MAJOR_CLASS_OTHER) {
-        // Deliberate: tried again without limit or pause until it works or is cancelled; a device
-        // that plays on after its user said "disconnect" is worse than a busy bus. Held by
+        // Deliberate: retries without limit or pause until it works or is cancelled. A device that
+        // plays on after its user said "disconnect" is worse than a busy bus. Held by
         // DisconnectRequest.RetriesUntilCancelled.
         while (!cancelFlag.load()) {
             if (!manager.disconnectDevice(address.c_str())) continue;

@@ -10,21 +10,20 @@ namespace hwcommon {
 class DBusBluetoothHidProxy;
 }
 
-/// Disconnects a device, chosen by its name in the lists of the last scan: through BlueZ, and for a
-/// computer or a phone from the host's HID service as well.
+/// Disconnects a device, selected by its name in the lists of the last scan: through BlueZ and, for
+/// a computer or a phone, from the host's HID service too.
 ///
-/// Answers: REQUEST_SUCCESS, or REQUEST_FAILED (unknown name, class not handled, cancelled). A
-/// disconnection that BlueZ refuses is tried again, without a pause, until it succeeds or the
-/// request is cancelled.
+/// Answers: REQUEST_SUCCESS, or REQUEST_FAILED (unknown name, class not handled, cancelled). If
+/// BlueZ refuses, the request tries again without a pause until it succeeds or is cancelled.
 class CORVANE_EXPORT DisconnectBluetoothRequest : public BluetoothRequest {
 public:
-    /// Without callback, HID service and name.
+    /// Builds a request without callback, HID service and name.
     DisconnectBluetoothRequest();
 
-    /// @param callback    told the answer; may be empty
-    /// @param hidProxy    the host's HID service; borrowed, must outlive the request; with null it
-    /// is left out
-    /// @param deviceName  the name as the lists have it, compared byte for byte
+    /// Builds a request.
+    /// @param callback    gets the answer; may be empty
+    /// @param hidProxy    the host's HID service; must outlive the request; null to leave it out
+    /// @param deviceName  the device's name, compared byte for byte
     DisconnectBluetoothRequest(std::function<void(BluetoothRequestAnswers)> callback,
                                hwcommon::DBusBluetoothHidProxy* hidProxy, std::string deviceName);
 

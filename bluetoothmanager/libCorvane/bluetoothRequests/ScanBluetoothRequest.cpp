@@ -23,8 +23,8 @@ void ScanBluetoothRequest::executeRequest() {
     BluetoothManager::getInstance().adapterScan(true);
 
     BluetoothRequestAnswers result = REQUEST_FAILED;
-    // Deliberate: the loop spins on the clock, so that a cancellation is seen at once and the ten
-    // seconds are exact. Do not make it a sleep or a wait. Held by
+    // Deliberate: the loop spins on the clock, so that it sees a cancellation at once and ends
+    // after exactly ten seconds. Do not sleep or wait here. Held by
     // ScanRequest.AnswersACancellationAtOnce.
     while (true) {
         if (cancelFlag.load()) {

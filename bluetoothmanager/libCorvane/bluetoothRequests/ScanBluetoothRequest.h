@@ -5,16 +5,18 @@
 
 #include <functional>
 
-/// Discovers devices for ten seconds. BlueZ collects what is found; read it afterwards with
-/// BluetoothManager::scanDevicesInfo() and the lists.
+/// Discovers devices for ten seconds. BlueZ collects them; call
+/// BluetoothManager::scanDevicesInfo() afterwards and read the lists.
 ///
-/// Answers: REQUEST_SUCCESS after the ten seconds, whether or not BlueZ could start the discovery;
-/// REQUEST_FAILED or REQUEST_CANCELLED after a cancellation, depending on which check sees it
-/// first.
+/// Answers: REQUEST_SUCCESS after ten seconds, even if BlueZ could not start the discovery; after a
+/// cancellation REQUEST_FAILED or REQUEST_CANCELLED, depending on which check sees it first.
 class CORVANE_EXPORT ScanBluetoothRequest : public BluetoothRequest {
 public:
-    /// Without a callback: nobody is told.
+    /// Builds a request without a callback.
     ScanBluetoothRequest();
+
+    /// Builds a request.
+    /// @param callback  gets the answer; may be empty
     explicit ScanBluetoothRequest(std::function<void(BluetoothRequestAnswers)> callback);
 
     void executeRequest() override;

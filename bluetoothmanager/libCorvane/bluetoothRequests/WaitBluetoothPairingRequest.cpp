@@ -19,12 +19,12 @@ BluetoothRequestAnswers waitUntilConnected(BluetoothManager& manager, const std:
     using std::chrono::steady_clock;
 
     const auto start = steady_clock::now();
-    // No pause between the passes: each is paced by its bus exchange.
+    // No pause: the bus call paces each pass.
     while (true) {
         if (cancelFlag.load()) return REQUEST_FAILED;
         manager.scanDevicesInfo();
         const bool found = manager.searchForDevicesName(CONNECTED_DEVICES, deviceName);
-        // The time comes before the find: a device that turns up as the time runs out is too late.
+        // The time is checked first: a device found after the limit is too late.
         if (duration_cast<milliseconds>(steady_clock::now() - start) > corvane::pairingLength) {
             return REQUEST_TIMEOUT;
         }
@@ -35,8 +35,8 @@ BluetoothRequestAnswers waitUntilConnected(BluetoothManager& manager, const std:
 
 BluetoothRequestAnswers pairAudioDevice(BluetoothManager& manager, const std::string& deviceName,
                                         const std::string& address) {
-    // Deliberate: a failed pairing goes on to the connection, and its answer stands even when that
-    // succeeds: the device may be connected, but its pairing is not to be relied on. Held by
+    // Deliberate: a failed pairing still tries to connect, but the answer stays failed even if the
+    // connection works: such a pairing is unreliable. Held by
     // WaitRequest.AnswersFailedAfterAFailedPairingEvenIfItConnects.
     const BluetoothRequestAnswers pairing =
         manager.pairDevice(address.c_str()) ? REQUEST_SUCCESS : REQUEST_FAILED;
@@ -62,8 +62,8 @@ WaitBluetoothPairingRequest::WaitBluetoothPairingRequest(
 void WaitBluetoothPairingRequest::executeRequest() {
     runningFlag = true;
     BluetoothManager& manager = BluetoothManager::getInstance();
-    // Deliberate: trusted before it is paired and even before it is known, since an incoming
-    // service connection of a device that is not trusted is refused. Held by
+    // Deliberate: trusted before it is paired or even known, because BlueZ refuses service
+    // connections from untrusted devices. Held by
     // WaitRequest.TrustsBeforeItMakesTheAdapterDiscoverable.
     const std::string address = manager.getDeviceMacAddress(ALL_DEVICES, deviceName);
     manager.deviceSetTrusted(address.c_str(), true);

@@ -6,21 +6,22 @@
 #include <functional>
 #include <string>
 
-/// Lets one device, chosen by its name, pair with the appliance. Makes the adapter discoverable for
-/// 300 seconds and marks the device trusted; both stay so whatever the answer.
+/// Lets one device, selected by its name, pair with the appliance. Makes the adapter discoverable
+/// for 300 seconds and the device trusted; neither is undone, whatever the answer.
 ///
-/// A phone or a computer pairs by itself: the request waits, for just over 60 seconds, until it is
-/// connected. An audio/video device is paired actively and, if it is a playback device, connected.
+/// A phone or a computer pairs by itself: the request waits just over 60 seconds for it to be
+/// connected. The request itself pairs an audio/video device and connects it if it plays audio.
 ///
-/// Answers: all of BluetoothRequestAnswers; REQUEST_FAILED at once for a device of another class or
-/// of no known class.
+/// Answers: any of BluetoothRequestAnswers; REQUEST_FAILED at once for a device of another or
+/// unknown class.
 class CORVANE_EXPORT WaitBluetoothPairingRequest : public BluetoothRequest {
 public:
-    /// Without callback and name.
+    /// Builds a request without callback and name.
     WaitBluetoothPairingRequest();
 
-    /// @param callback    told the answer; may be empty
-    /// @param deviceName  the name as the lists have it, compared byte for byte
+    /// Builds a request.
+    /// @param callback    gets the answer; may be empty
+    /// @param deviceName  the device's name, compared byte for byte
     WaitBluetoothPairingRequest(std::function<void(BluetoothRequestAnswers)> callback,
                                 std::string deviceName);
 
