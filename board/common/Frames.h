@@ -6,9 +6,8 @@
 
 namespace board {
 
-/// What the build machine and the agent on the board say to each other over a serial line.
-/// A frame on the line: the byte 0xC5, the type, the payload's length (16 bits, low byte first),
-/// the payload.
+/// The frames that the build machine and the agent on the board exchange over a serial line: the
+/// byte 0xC5, the type, the payload's length (16 bits, low byte first), the payload.
 enum class FrameType : std::uint8_t {
     Ready = 1,     ///< agent: the board is up
     Run = 2,       ///< host: RunRequest
@@ -21,7 +20,7 @@ enum class FrameType : std::uint8_t {
     Consumed = 9,  ///< agent: so many bytes of Input have been taken, 16 bits
 };
 
-/// Input that may be on its way at a time; the serial line has no flow control of its own.
+/// Input that may be in transit at a time; the serial line has no flow control.
 constexpr std::size_t inputWindow = 2048;
 
 struct Frame {
@@ -33,7 +32,7 @@ std::string encodeFrame(FrameType type, const std::string& payload);
 std::string encodeNumbers(std::initializer_list<unsigned> numbers);
 unsigned decodeNumber(const std::string& payload, std::size_t index);
 
-/// Cuts a byte stream into frames; bytes between frames are skipped.
+/// Splits a byte stream into frames and skips the bytes between them.
 class FrameStream {
 public:
     void feed(const char* data, std::size_t size) { buffer_.append(data, size); }
@@ -43,7 +42,7 @@ private:
     std::string buffer_;
 };
 
-/// A command to run: with a terminal of the given size, or with pipes.
+/// A command to run, with a terminal of the given size or with pipes.
 struct RunRequest {
     bool terminal = false;
     unsigned rows = 0;

@@ -3,8 +3,8 @@
 namespace board {
 namespace {
 
-/// Length of the packet at the start of the buffer; 0 while its header is incomplete, -1 when the
-/// first byte is no packet type.
+/// Returns the length of the packet at the start of the buffer; 0 while its header is incomplete,
+/// -1 if the first byte is not a packet type.
 std::ptrdiff_t packetLength(const Bytes& bytes) {
     const auto size = bytes.size();
     switch (bytes[0]) {

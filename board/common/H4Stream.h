@@ -8,8 +8,8 @@ namespace board {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// H4 packet types (Bluetooth Core, UART transport), and one of our own between the relay and the
-/// machine with the remote devices: two bytes, the type and a RadioPower value.
+/// H4 packet types (Bluetooth Core, UART transport), and our own between the relay and the machine
+/// with the remote devices: two bytes, the type and a RadioPower value.
 enum H4Type : std::uint8_t {
     H4_COMMAND = 1,
     H4_ACL = 2,
@@ -21,17 +21,17 @@ enum H4Type : std::uint8_t {
 
 enum RadioPower : std::uint8_t { RADIO_OFF = 0, RADIO_ON = 1 };
 
-/// Cuts a byte stream into whole H4 packets. The emulated controllers keep the head of an
-/// incomplete packet in one buffer for all of them, so they must be handed whole packets.
+/// Splits a byte stream into whole H4 packets. The emulated controllers share one buffer for an
+/// incomplete packet, so they must get whole packets.
 class H4Stream {
 public:
     void feed(const std::uint8_t* data, std::size_t size);
 
-    /// Takes the next whole packet out of the stream.
-    /// @return false when no packet is complete yet
+    /// Takes the next whole packet from the stream.
+    /// @return false if no packet is complete yet
     bool next(Bytes& packet);
 
-    /// Forgets what has come so far, such as the head of a packet whose sender lost its power.
+    /// Discards incomplete input, such as the start of a packet whose sender lost its power.
     void clear() { buffer_.clear(); }
 
 private:

@@ -16,17 +16,17 @@ public:
     using OnData = std::function<void(const std::uint8_t* data, std::size_t size)>;
     using OnClose = std::function<void()>;
 
-    /// Watches a descriptor, which the caller keeps open until remove(). Makes it non-blocking.
-    /// @param onClose  called once at the end of the stream or on a fault; already removed then
+    /// Watches a descriptor and makes it non-blocking. The caller keeps it open until remove().
+    /// @param onClose  called once at the end of the stream or on a fault, after the removal
     void add(int fd, OnData onData, OnClose onClose);
 
-    /// The same for a descriptor that is only read. Leaves its mode alone: the standard input is
-    /// shared with the caller's shell, which does not expect it to be non-blocking.
+    /// Watches a descriptor for reading only, without making it non-blocking: the caller's shell
+    /// shares the standard input and does not expect that.
     void addInput(int fd, OnData onData, OnClose onClose);
     void remove(int fd);
 
-    /// Queues bytes. What the other side does not take yet is kept: reading goes on meanwhile, so
-    /// that two sides which both wait for the other to read cannot lock up.
+    /// Queues bytes, and keeps what the other side does not take yet. Reading continues meanwhile,
+    /// so that two sides that both write cannot deadlock.
     void send(int fd, const void* data, std::size_t size);
     void send(int fd, const std::string& data) { send(fd, data.data(), data.size()); }
 

@@ -10,7 +10,7 @@
 
 namespace board {
 
-/// Owner of one file descriptor.
+/// Owns one file descriptor.
 class UniqueFd {
 public:
     UniqueFd() = default;
@@ -37,7 +37,7 @@ private:
     int fd_ = -1;
 };
 
-/// Throws what errno says, with the thing that failed in front.
+/// Throws errno as std::system_error, prefixed with what failed.
 [[noreturn]] inline void throwErrno(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
 }

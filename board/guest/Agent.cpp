@@ -1,5 +1,5 @@
-// The first process of the board once it is up: runs the commands that the build machine sends
-// over a serial line, and buries the processes that lost their parents.
+// Becomes the board's first process after start-up. Runs the commands that the build machine sends
+// over a serial line, and reaps orphaned processes.
 
 #include "Frames.h"
 #include "Poller.h"
@@ -128,8 +128,8 @@ private:
             exec(request);
         }
         input_ = std::move(in.write);
-        // Its output may be held open by a daemon that the command left behind; such a pipe is
-        // read for as long as it is open, so that the daemon is not killed by writing to it.
+        // A daemon left behind by the command may hold the pipe open. Read it as long as it is
+        // open, or writing to it would kill the daemon.
         collect(out.read.release(), FrameType::Output);
         collect(error.read.release(), FrameType::Error);
         poller_.add(
@@ -156,12 +156,12 @@ private:
         poller_.add(
             fd,
             [this, type, owner](const std::uint8_t* data, std::size_t size) {
-                if (owner != child_) return;  // the command is over, this is a daemon of its
+                if (owner != child_) return;  // the command is over; this is one of its daemons
                 send(type, std::string(reinterpret_cast<const char*>(data), size));
             },
             [this, fd] {
                 outputs_.erase(fd);
-                // The terminal's descriptor is the input's as well, and closed with it.
+                // The terminal's descriptor also serves the input, and is closed with it.
                 if (fd != input_.get()) ::close(fd);
             });
         outputs_[fd] = type;
@@ -190,7 +190,7 @@ private:
     }
 
     void finish(int status) {
-        // What the command wrote before its end is in the pipes already: fetch it first.
+        // The pipes still hold what the command wrote before its end: read it first.
         for (const auto& [fd, type] : outputs_) {
             char buffer[4096];
             ssize_t got = 0;

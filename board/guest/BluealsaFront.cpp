@@ -1,6 +1,6 @@
-// bluealsa: starts Debian's audio bridge with the profiles that the appliance serves; the bridge
-// itself refuses to start without being told. This program stays as long as the bridge runs, and
-// keeps the name and the executable that start-stop-daemon and killall look for.
+// bluealsa: starts Debian's audio bridge with the appliance's profiles, which the bridge needs as
+// arguments. This program runs as long as the bridge, under the name and executable that
+// start-stop-daemon and killall look for.
 
 #include <cerrno>
 #include <csignal>
@@ -30,7 +30,7 @@ int main(int argc, char** argv) {
     arguments.insert(arguments.end(), argv + 1, argv + argc);
     arguments.push_back(nullptr);
 
-    // Signals wait until there is a process to pass them on to.
+    // Hold signals back until there is a process to pass them on to.
     sigset_t ending, before;
     sigemptyset(&ending);
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&ending, number);

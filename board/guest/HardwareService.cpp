@@ -1,4 +1,4 @@
-// The board's hardware service: tells on the system bus what the identity file says.
+// The board's hardware service: returns the content of the identity file on the system bus.
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
     try {
         const auto connection = sdbus::createSystemBusConnection(busName);
         const auto object = sdbus::createObject(*connection, objectPath);
-        // The file is read for each question, so that a changed one needs no restart.
+        // Read the file for each call, so that a changed one needs no restart.
         object->registerMethod("GetHardwareInfo")
             .onInterface(interfaceName)
             .implementedAs([path]() { return readIdentity(path); });

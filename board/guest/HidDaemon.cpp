@@ -1,5 +1,5 @@
 // hw_bluez_hid: the appliance's HID service on the system bus. Connecting a device opens its two
-// HID channels over an encrypted link; they stay open until the device or a call closes them.
+// HID channels over an encrypted link. They stay open until the device or a call closes them.
 
 #include "L2cap.h"
 
@@ -21,7 +21,7 @@ namespace {
 constexpr const char* busName = "org.corvane.BluetoothHid";
 constexpr const char* objectPath = "/org/corvane/BluetoothHid";
 constexpr const char* interfaceName = "org.corvane.BluetoothHid1";
-constexpr int connectTime = 20000;  // ms for each channel; a page alone takes up to 5.12 s
+constexpr int connectTime = 20000;  // ms per channel; a page alone takes up to 5.12 s
 
 constexpr const char* usage =
     "usage: hw_bluez_hid REVISION MODEL\n"
@@ -48,7 +48,7 @@ public:
         return "Connect success";
     }
 
-    /// Succeeds as well when the device has gone already.
+    /// Disconnects a device. Succeeds too if it has already gone.
     std::string disconnect(const std::string& address) {
         if (devices_.erase(address) != 0) syslog(LOG_INFO, "disconnected %s", address.c_str());
         return "Disconnect success";
@@ -67,7 +67,7 @@ private:
     static board::UniqueFd open(const std::string& address, std::uint16_t psm) {
         board::UniqueFd fd = board::l2capSocket("00:00:00:00:00:00", 0);
         bt_security security{};
-        security.level = BT_SECURITY_MEDIUM;  // encrypted, as HID asks for
+        security.level = BT_SECURITY_MEDIUM;  // encrypted, as HID requires
         if (setsockopt(fd.get(), SOL_BLUETOOTH, BT_SECURITY, &security, sizeof security) != 0) {
             board::throwErrno("asking for an encrypted link");
         }
@@ -82,13 +82,13 @@ private:
 
 int main(int argc, char** argv) {
     char* end = nullptr;
-    // Hosts add --no-close to the command: start-stop-daemon takes that option for its own.
+    // Hosts add --no-close to the command; start-stop-daemon takes that option itself.
     if (argc != 3 || (std::strtoul(argv[1], &end, 10), end == argv[1] || *end != '\0')) {
         std::fputs(usage, stderr);
         return 2;
     }
-    // The emulated processor is slow and has one core: bluetoothd, which starts at the same time,
-    // comes first.
+    // The emulated processor is slow and has one core: give way to bluetoothd, which starts at the
+    // same time.
     [[maybe_unused]] const int niceness = nice(10);
     openlog("hw_bluez_hid", LOG_PID, LOG_DAEMON);
     try {

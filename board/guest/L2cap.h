@@ -24,7 +24,7 @@ inline sockaddr_l2 l2capAddress(const std::string& address, std::uint16_t psm) {
     return out;
 }
 
-/// An L2CAP socket bound to a local controller's address and channel; 0 for any channel.
+/// Makes an L2CAP socket bound to a local controller's address and a channel; 0 for any channel.
 inline UniqueFd l2capSocket(const std::string& local, std::uint16_t psm) {
     UniqueFd fd(socket(AF_BLUETOOTH, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, BTPROTO_L2CAP));
     const sockaddr_l2 own = l2capAddress(local, psm);
@@ -34,7 +34,7 @@ inline UniqueFd l2capSocket(const std::string& local, std::uint16_t psm) {
     return fd;
 }
 
-/// Whether the other side still holds a channel. What it has sent meanwhile is dropped.
+/// Tells whether the other side still holds a channel. Drops what it has sent.
 inline bool channelIsOpen(int fd) {
     char bytes[1024];
     ssize_t got = 0;
@@ -43,7 +43,7 @@ inline bool channelIsOpen(int fd) {
     return got < 0 && (errno == EAGAIN || errno == EINTR);
 }
 
-/// Connects a socket within the time; throws std::system_error otherwise.
+/// Connects a socket. Throws std::system_error on failure or timeout.
 void l2capConnect(int fd, const std::string& address, std::uint16_t psm, int milliseconds);
 
 }  // namespace board

@@ -28,7 +28,7 @@ int manage(int device, ManagementCommand command, const std::vector<std::uint8_t
     if (::write(fd.get(), request.data(), request.size()) < 0) throwErrno("a management command");
 
     // The answer is Command Complete (1) or Command Status (2): event, device, length, command,
-    // status. Events of other devices may come before it.
+    // status. Other devices' events may come first.
     for (;;) {
         std::uint8_t answer[512];
         const ssize_t got = ::read(fd.get(), answer, sizeof answer);

@@ -1,4 +1,4 @@
-// peers: lets a program on the board steer the remote devices, as a laboratory would by hand.
+// peers: lets a program on the board control the remote devices, as a person would in a laboratory.
 
 #include "SerialLine.h"
 
@@ -13,7 +13,7 @@
 namespace {
 
 constexpr const char* commandLine = "/dev/ttymxc2";
-constexpr int answerTime = 600000;  // ms; the longest command waits for a search and a pairing
+constexpr int answerTime = 600000;  // ms; the longest command searches and pairs
 
 constexpr const char* usage =
     "usage: peers list            all devices\n"

@@ -31,7 +31,7 @@ constexpr std::uint16_t readAddress = 0x1009;
 constexpr std::uint16_t resetCommand = 0x0C03;
 constexpr std::uint16_t handleMask = 0x0FFF;
 
-// The emulator answers within some milliseconds, unless the machine is busy.
+// The emulator answers within milliseconds unless the machine is busy.
 constexpr std::chrono::milliseconds linkEndTime{10000};
 
 UniqueFd connectTo(const std::string& path) {
@@ -56,15 +56,15 @@ std::string addressAt(const Bytes& packet, std::size_t at) {
     return text;
 }
 
-/// Attaches a line and waits until the kernel has asked the controller all it wants to know. One
-/// after the other, since the kernel gives each answer 2 s only; a busy build machine may still
+/// Attaches a line and waits until the kernel has initialised the controller. Lines are attached
+/// one at a time, because the kernel waits only 2 s for each answer; a busy build machine may still
 /// miss that, hence several attempts.
 int attachForSure(int line) {
     constexpr int attempts = 20;
     constexpr int lineDisciplineTty = 0;
     const UniqueFd hci(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI));
     for (int attempt = 0; attempt < attempts; ++attempt) {
-        tcflush(line, TCIOFLUSH);  // answers that came too late
+        tcflush(line, TCIOFLUSH);  // late answers
         const int device = attachH4(line);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         bool begun = false;
@@ -73,9 +73,9 @@ int attachForSure(int line) {
             info.dev_id = static_cast<std::uint16_t>(device);
             const bool running = ioctl(hci.get(), HCIGETDEVINFO, &info) == 0 &&
                                  hci_test_bit(HCI_RUNNING, &info.flags) != 0;
-            // The kernel knows no such index until the controller has answered all.
+            // The kernel does not know the index until the controller has answered everything.
             if (manage(device, READ_INFO, {}) == 0) return device;
-            if (begun && !running) break;  // the kernel has given up
+            if (begun && !running) break;  // the kernel gave up
             begun = running;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
@@ -109,7 +109,7 @@ RadioBridge::RadioBridge(std::string emulator, const std::string& radioLine)
             poller_.run();
         } catch (const std::exception& error) {
             std::fprintf(stderr, "radio bridge: %s\n", error.what());
-            std::abort();  // the machine is of no use without its radios
+            std::abort();  // the machine is useless without its radios
         }
     });
 }
@@ -118,7 +118,7 @@ RadioBridge::~RadioBridge() {
     try {
         post([this] { poller_.stop(); });
     } catch (const std::exception&) {
-        std::abort();  // the thread cannot be told to end
+        std::abort();  // there is no other way to end the thread
     }
     thread_.join();
 }
@@ -177,8 +177,8 @@ void RadioBridge::plug(Port& port) {
 }
 
 void RadioBridge::endLinks(Port& port) {
-    // The emulator has no link supervision. Ending the links with that reason is what the other
-    // side would see some seconds after this one has gone silent.
+    // The emulator has no link supervision. End the links with the reason that the other side would
+    // see after the supervision timeout.
     for (const auto& [handle, other] : port.links) {
         const std::uint8_t disconnect[] = {H4_COMMAND,
                                            0x06,
@@ -189,7 +189,7 @@ void RadioBridge::endLinks(Port& port) {
                                            connectionTimeout};
         if (::write(port.controller.get(), disconnect, sizeof disconnect) < 0) break;
     }
-    // The ends are awaited: a connection that is closed at once takes the commands with it.
+    // Wait for the ends: closing a connection at once would lose the commands.
     Bytes packet;
     while (!port.links.empty()) {
         pollfd entry{port.controller.get(), POLLIN, 0};
@@ -259,8 +259,8 @@ void RadioBridge::watchEvents(Port& port, const Bytes& event) {
 void RadioBridge::carryData(Port& from, Bytes& packet) {
     const std::uint16_t handle = number16(packet, 1) & handleMask;
     const auto link = from.links.find(handle);
-    if (link == from.links.end()) return;  // ended meanwhile
-    // The sender may go on as soon as its controller says that the packet is gone.
+    if (link == from.links.end()) return;  // the link has ended meanwhile
+    // The sender may continue once its controller reports the packet as sent.
     const std::uint8_t completed[] = {H4_EVENT,
                                       completedPackets,
                                       5,
@@ -275,7 +275,7 @@ void RadioBridge::carryData(Port& from, Bytes& packet) {
         if (to.address != link->second) return;
         for (const auto& [toHandle, other] : to.links) {
             if (other != from.address) continue;
-            // A host marks the start of a message 0 or 2, a controller always 2.
+            // A host marks the start of a message with 0 or 2, a controller always with 2.
             const unsigned flags = packet[2] >> 4 & 3;
             const unsigned head = toHandle | (flags == 0 ? 2U : flags) << 12;
             packet[1] = static_cast<std::uint8_t>(head & 0xFF);

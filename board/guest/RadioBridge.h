@@ -14,13 +14,13 @@
 
 namespace board {
 
-/// Joins serial lines with controllers of the emulator, whole H4 packets in both directions, on a
-/// thread of its own: the kernel's side of a line must be served while other threads wait for
-/// BlueZ. One line is the board's radio, which its relay powers; the others are the remote
-/// devices'.
+/// Connects serial lines to the emulator's controllers, with whole H4 packets in both directions.
+/// It runs on its own thread, because the kernel's side of a line must be served while other
+/// threads wait for BlueZ. One line is the board's radio, powered by its relay; the others belong
+/// to the remote devices.
 ///
-/// Data of a link goes from line to line without the emulator, which delivers it under the sender's
-/// handle: as soon as a controller has two links, those of the two sides differ.
+/// Link data goes directly from line to line. The emulator would deliver it under the sender's
+/// handle, which differs from the receiver's once a controller has two links.
 class RadioBridge {
 public:
     /// @param emulator   path of the emulator's socket; each connection is a new controller
@@ -32,19 +32,19 @@ public:
     /// @return the number of the hci device
     int addDevice(const std::string& name);
 
-    /// The device is out of reach from now on: its links end as after a supervision time-out.
+    /// Puts the device out of reach: its links end as after a supervision timeout.
     void vanish(const std::string& name) {
         post([this, name] { unplug(ports_.at(name)); });
     }
-    /// The same as soon as another controller has connected to it.
+    /// Puts the device out of reach as soon as another controller connects to it.
     void vanishWhenConnected(const std::string& name) {
         post([this, name] { ports_.at(name).vanishes = true; });
     }
-    /// A fresh controller for the device, with the same address.
+    /// Gives the device a new controller with the same address.
     void comeBack(const std::string& name) {
         post([this, name] { plug(ports_.at(name)); });
     }
-    /// A fresh controller for the board, as after a loss of power.
+    /// Gives the board a new controller, as after a loss of power.
     void refreshRadio() {
         post([this] {
             unplug(radio_);
@@ -52,8 +52,8 @@ public:
         });
     }
 
-    /// The address of the board's controller, "00:AA:01:08:00:42" for instance; empty before the
-    /// board has asked for it.
+    /// Returns the address of the board's controller, for example "00:AA:01:08:00:42"; empty until
+    /// the board has asked for it.
     std::string radioAddress() const;
 
 private:
@@ -61,7 +61,7 @@ private:
         UniqueFd line, lineEnd, controller;
         H4Stream fromLine, fromController;
         std::string address;                         ///< empty until the kernel has asked for it
-        std::map<std::uint16_t, std::string> links;  ///< handle and the other side's address
+        std::map<std::uint16_t, std::string> links;  ///< handle, the other side's address
         bool vanishes = false;
     };
 

@@ -1,5 +1,5 @@
-// The devices that the board's radio can meet: one emulated controller each, served by a real
-// BlueZ on a machine of their own. They obey commands that come over a serial line.
+// The remote devices of the board: one emulated controller each, served by a real BlueZ on their
+// own machine. They obey commands from a serial line.
 
 #include "L2cap.h"
 #include "Management.h"
@@ -53,8 +53,8 @@ enum Feature : unsigned {
 
 /// One remote device. The vendor is a Bluetooth SIG company identifier.
 struct Character {
-    const char* key;   ///< how commands call it
-    const char* name;  ///< how it presents itself
+    const char* key;   ///< its name in commands
+    const char* name;  ///< its Bluetooth name
     std::uint32_t deviceClass;
     std::uint16_t vendor, product, version;
     unsigned features;
@@ -96,7 +96,7 @@ void start(const std::vector<std::string>& command) {
     argv.reserve(command.size() + 1);
     for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
-    // Its name and last argument tell one program's output from another's.
+    // Program name and last argument tell the outputs apart.
     const std::string log =
         "/run/" + command[0].substr(command[0].rfind('/') + 1) + "-" + command.back() + ".log";
     const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
@@ -107,7 +107,7 @@ void start(const std::vector<std::string>& command) {
     _exit(127);
 }
 
-/// Tries until it succeeds or a minute is over; then the last failure goes to the caller.
+/// Retries for a minute, then passes the last failure on.
 template <class Work>
 auto eventually(Work work) -> decltype(work()) {
     const auto deadline = Clock::now() + 60s;
@@ -141,7 +141,7 @@ private:
     UniqueFd fd_;
 };
 
-/// Tells the kernel which vendor and product a device's inquiry response names.
+/// Tells the kernel the vendor and product for a device's inquiry response.
 void setDeviceId(int device, const Character& character) {
     constexpr std::uint16_t vendorIsBluetooth = 1;
     std::vector<std::uint8_t> parameters;
@@ -181,7 +181,7 @@ public:
                 .onInterface("org.bluez.AgentManager1")
                 .withArguments(sdbus::ObjectPath(agentPath));
         });
-        // With an agent there BlueZ makes every adapter pairable, so this comes after it.
+        // Comes after the agent, whose registration makes BlueZ set every adapter pairable.
         for (auto& [key, device] : devices_) {
             const bool pairable = (device.character->features & REFUSES) == 0;
             const auto proxy = adapter(device);
@@ -208,7 +208,7 @@ public:
 private:
     static constexpr const char* agentPath = "/org/corvane/remote";
 
-    /// Accepts what needs no key: the devices have neither keys nor displays.
+    /// Accepts pairings without a key: the devices have neither keys nor displays.
     void serveAgent() {
         agent_ = sdbus::createObject(*bus_, agentPath);
         const auto serve = [this](const char* method, auto implementation) {
@@ -254,21 +254,21 @@ private:
         }
     }
 
-    /// Lets a device's BlueZ know the board's music endpoints beforehand. It would ask for them in
-    /// the middle of the first configuration, and then answer that with the wrong label.
+    /// Tells a device's BlueZ the board's music endpoints in advance. Otherwise it asks for them
+    /// during the first configuration and answers that with the wrong label.
     void rememberEndpoints(const Device& device) {
         if ((device.character->features & AUDIO_SINK) == 0) return;
-        // The emulator counts its controllers in their addresses; the board's comes last.
+        // The emulator numbers its controllers in their addresses; the board's is the last.
         char boardAddress[18];
         std::snprintf(boardAddress, sizeof boardAddress, "00:AA:01:%02zX:00:42", devices_.size());
         const std::filesystem::path folder = "/var/lib/bluetooth/" + device.address + "/cache";
         std::filesystem::create_directories(folder);
-        // Number = direction (source), codec (SBC), delay reports, the codec's abilities.
+        // Number = direction (source), codec (SBC), delay reports, the codec's capabilities.
         std::ofstream(folder / boardAddress) << "[Endpoints]\n01=00:00:00:ffff02fa\n"
                                                 "02=00:00:00:ffff02fa\n";
     }
 
-    /// The kernel writes a class of its own whenever a service is registered: ours comes last.
+    /// Sets the class last, because the kernel writes its own class whenever a service registers.
     void finishSetUp(Device& device) {
         if ((device.character->features & AUDIO_SINK) != 0) {
             eventually([&] {
@@ -311,7 +311,7 @@ private:
         listeners_.emplace_back(std::move(listener), &device);
     }
 
-    /// Takes the HID channels that have come; a channel whose link has ended is closed.
+    /// Accepts new HID channels, and closes a channel whose link has ended.
     void serveChannels() {
         for (const auto& [listener, device] : listeners_) {
             UniqueFd channel(
@@ -348,7 +348,7 @@ private:
         }
     }
 
-    /// The device looks for the board, as its user would, and pairs.
+    /// Searches for the board, as the device's user would, and pairs.
     std::string pair(Device& device) {
         if (knowsBoard(device, "Paired")) throw std::runtime_error("it is paired already");
         const auto proxy = adapter(device);
@@ -369,7 +369,7 @@ private:
         return {};
     }
 
-    /// Opens a channel to the board's service directory and keeps it, as phones do.
+    /// Opens a channel to the board's service directory and keeps it open, as phones do.
     std::string connect(Device& device) {
         UniqueFd channel = board::l2capSocket(device.address, 0);
         board::l2capConnect(channel.get(), boardAddress(), board::psmServiceDiscovery, 60000);
@@ -415,7 +415,7 @@ private:
         sdbus::UnixFd sound, control;
         unsigned rate = 0, channels = 0;
         try {
-            // The music's form is settled shortly after the connection.
+            // The audio format is negotiated shortly after the connection.
             eventually([&] {
                 rate = pcm->getProperty("Sampling").onInterface(pcmInterface).get<std::uint32_t>();
                 channels =
@@ -514,7 +514,7 @@ private:
         return (this->*action->second)(device->second);
     }
 
-    /// Each command is answered by its lines of text, then "ok" or "error: " and the reason.
+    /// Answers each command with its lines of text, then "ok" or "error: " and the reason.
     void obey(const std::string& line) {
         std::string answer;
         try {
@@ -548,7 +548,7 @@ int main(int argc, char** argv) {
     }
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGCHLD, SIG_IGN);
-    // The caller waits on this pipe until the devices can be met.
+    // The caller waits on this pipe until the devices are ready.
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return 1;
     const pid_t pid = fork();

@@ -1,5 +1,5 @@
-// rtk_hciattach: attaches the radio module's controller on a serial line. The module of the
-// virtual board speaks H4 on the wire, so both of the tool's protocol names mean that here.
+// rtk_hciattach: attaches the radio module's controller on a serial line. The virtual board's
+// module speaks H4, so both of the tool's protocol names mean H4 here.
 
 #include "H4Stream.h"
 #include "SerialLine.h"
@@ -22,7 +22,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto answerTime = 500ms;  // a controller answers a reset within some milliseconds
+constexpr auto answerTime = 500ms;  // a controller answers a reset within milliseconds
 constexpr int resetAttempts = 10;   // hosts give the controller about 5 s to appear
 constexpr int lineDisciplineTty = 0;
 
@@ -53,7 +53,8 @@ void setSpeed(int line, const std::string& text) {
     throw std::runtime_error("no such speed: " + text + "; see rtk_hciattach without arguments");
 }
 
-/// Resets the controller. @return whether it answered within the time
+/// Resets the controller.
+/// @return whether it answered in time
 bool resetController(int line) {
     constexpr std::uint8_t reset[] = {board::H4_COMMAND, 0x03, 0x0C, 0};
     if (::write(line, reset, sizeof reset) != sizeof reset)
@@ -94,8 +95,8 @@ int attach(const std::string& path, const std::string& speed, bool foreground) {
                                  "; is the radio module powered?");
     }
 
-    // From here on the signals that end this program are only taken by sigwait() below, so that
-    // the controller is always detached first.
+    // From here on only sigwait() below takes the signals that end this program, so that the
+    // controller is always detached first.
     sigset_t ending;
     sigemptyset(&ending);
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&ending, number);

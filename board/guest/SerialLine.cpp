@@ -8,7 +8,7 @@
 namespace board {
 namespace {
 
-// From the kernel's Bluetooth UART driver, which installs no header for them.
+// From the kernel's Bluetooth UART driver; no header is installed for them.
 constexpr unsigned long setProtocol = _IOW('U', 200, int);
 constexpr unsigned long getDevice = _IOR('U', 202, int);
 constexpr int protocolH4 = 0;

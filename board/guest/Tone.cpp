@@ -7,7 +7,7 @@
 namespace board {
 namespace {
 
-// Louder than what the codec leaves of silence; found by trial.
+// Louder than what the codec makes of silence; found by trial.
 constexpr int audible = 200;
 
 }  // namespace

@@ -22,7 +22,7 @@ public:
     /// Starts a command; one at a time.
     void run(const RunRequest& request, OnOutput onOutput, OnExit onExit);
 
-    /// Input for the command; kept here until the agent has room for it.
+    /// Sends input to the command, and keeps it here until the agent has room for it.
     void input(const std::string& bytes);
     void endInput();
     void resize(unsigned rows, unsigned columns);

@@ -42,9 +42,8 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
     const auto socket = [](const char* id, const Link& link) {
         return std::string("socket,id=") + id + ",fd=" + std::to_string(link.theirs.get());
     };
-    // The machine's clock counts its instructions, 16 ns each, and goes with the real one only
-    // while the machine waits: its time limits, such as 2 s for an answer of a controller, hold
-    // however little of the build machine it gets.
+    // The clock counts 16 ns per instruction and follows real time only while the machine is idle.
+    // Its timeouts, such as 2 s for a controller's answer, hold on a busy build machine too.
     const char* const clock = "shift=4,sleep=on";
     const std::vector<std::string> arguments{
         emulator,
@@ -101,12 +100,12 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
     pid_ = fork();
     if (pid_ < 0) throwErrno("fork");
     if (pid_ == 0) {
-        // However this process ends, the emulator ends with it.
+        // The emulator must end with this process, however it ends.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(1);
         setpgid(0, 0);
-        // What one machine waits for is the other's work: on a busy build machine the emulators go
-        // first, where that is permitted.
+        // Each machine waits for the other, so on a busy build machine the emulators get priority,
+        // where that is permitted.
         setpriority(PRIO_PROCESS, 0, -10);
         sigset_t none;
         sigemptyset(&none);

@@ -9,7 +9,7 @@
 
 namespace board {
 
-/// One emulated machine. Its serial lines end in sockets of this process; it dies with it.
+/// One emulated machine. Its serial lines are sockets of this process; it ends with this process.
 class Machine {
 public:
     struct Files {
@@ -31,10 +31,10 @@ public:
     UniqueFd agent;     ///< UART4: the agent's
     UniqueFd monitor;   ///< QMP
 
-    /// Throws std::runtime_error when the emulator has ended or its kernel has panicked.
+    /// Throws std::runtime_error if the emulator has ended or its kernel has panicked.
     void check() const;
 
-    /// The end of its console, and what the emulator said.
+    /// Returns the end of the console log and the emulator's messages.
     std::string lastWords() const;
 
     const std::string& name() const { return name_; }

@@ -1,5 +1,5 @@
-// Boots the virtual board and the machine that plays the remote devices, joins their serial
-// lines, runs one command on the board and ends both machines.
+// Boots the virtual board and the machine with the remote devices, connects their serial lines,
+// runs one command on the board and stops both machines.
 
 #include "AgentClient.h"
 #include "Machine.h"
@@ -30,7 +30,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// Exit status when the board itself fails, apart from what commands usually return.
+// The exit status for a failure of the board itself; commands rarely return it.
 constexpr int boardFailed = 125;
 constexpr int timedOut = 124;
 
@@ -44,7 +44,7 @@ struct Options {
     std::vector<std::string> command;
 };
 
-/// The caller's terminal in raw mode for the life of the object.
+/// Puts the caller's terminal into raw mode while it exists.
 class RawTerminal {
 public:
     RawTerminal() {
@@ -73,7 +73,7 @@ void writeAll(int fd, const std::string& bytes) {
             continue;
         }
         if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return;  // the reader is gone, the command goes on without it
+        if (written < 0) return;  // the reader is gone; the command continues without it
         done += static_cast<std::size_t>(written);
     }
 }
@@ -120,7 +120,8 @@ public:
 private:
     static std::string date() { return "corvane.date=" + std::to_string(std::time(nullptr)); }
 
-    /// A command of the board: to its own radio, which is here, or to the remote devices.
+    /// Handles a command from the board: for its own radio, which is here, or for the remote
+    /// devices.
     void obey(const std::string& line) {
         constexpr std::string_view toRadio = "radio ";
         if (line.compare(0, toRadio.size(), toRadio) != 0) {
@@ -158,7 +159,7 @@ private:
             const winsize size = terminalSize();
             boardAgent_.resize(size.ws_row, size.ws_col);
         } else if (number == SIGINT && commandRuns_ && !interrupted_) {
-            interrupted_ = true;  // the command's first; a second one ends the board
+            interrupted_ = true;  // the first one is the command's; a second one stops the board
             boardAgent_.signal(number);
         } else {
             end(128 + number);
@@ -244,7 +245,7 @@ private:
             });
     }
 
-    /// Brings the files asked for from the board into the folder, then ends with the status.
+    /// Copies the requested files from the board into the folder, then ends with the status.
     void collectFiles(int status) {
         if (fetched_ == options_.fetch.size()) {
             end(status);
@@ -314,7 +315,7 @@ int bootAndRun(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     std::signal(SIGPIPE, SIG_IGN);
-    // However the calling script ends, this program ends, and the machines with it.
+    // This program and the machines must end with the calling script, however it ends.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     return Session(options).run();
 }

@@ -10,8 +10,8 @@
 namespace board {
 namespace {
 
-// i.MX6 Dual/Quad: base addresses of the GPIO controllers, 32 lines each; the data register is
-// their first, the direction register their second.
+// i.MX6 Dual/Quad: base addresses of the GPIO controllers, 32 lines each. The data register comes
+// first, the direction register second.
 constexpr unsigned long gpioBase[] = {0x0209C000, 0x020A0000, 0x020A4000, 0x020A8000,
                                       0x020AC000, 0x020B0000, 0x020B4000};
 
@@ -137,8 +137,8 @@ bool RadioRelay::misbehave(const std::string& fault) {
 
 void RadioRelay::refuse(const Bytes& command) {
     if (command[0] != H4_COMMAND) return;
-    // Command Status (Bluetooth Core, Host Controller Interface): command disallowed, one more
-    // command may come.
+    // Command Status (Bluetooth Core, Host Controller Interface): command disallowed; one more
+    // command may follow.
     const std::uint8_t status[] = {H4_EVENT, 0x0F, 4, 0x0C, 1, command[1], command[2]};
     poller_.send(board_, status, sizeof status);
 }

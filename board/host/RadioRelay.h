@@ -8,12 +8,12 @@
 
 namespace board {
 
-/// The radio module outside the board: joins the board's UART with the emulated controller on the
-/// other machine, while the enable lines that the module is wired to are high. The levels are read
-/// from the emulated GPIO controller itself, from outside.
+/// The radio module outside the board. It connects the board's UART to the emulated controller on
+/// the other machine while the enable lines of the wiring are high, and reads their levels from the
+/// emulated GPIO controller.
 ///
-/// Without power nothing passes in either direction, and the controller forgets everything: with
-/// power back, the board finds a fresh one.
+/// Without power nothing passes in either direction and the controller forgets everything:
+/// afterwards the board finds a new one.
 class RadioRelay {
 public:
     /// @param board, remote  the two UARTs
@@ -21,17 +21,16 @@ public:
     /// @param wiring         0, 1 or 2, which decides the enable lines
     RadioRelay(Poller& poller, int board, int remote, int monitor, int wiring);
 
-    /// Reads the lines; to be called some tens of times a second.
+    /// Reads the lines. Call it some tens of times per second.
     void poll();
 
-    /// The other machine is up: the controller can be powered.
+    /// Reports that the other machine is up, so the controller can be powered.
     void remoteIsReady();
 
-    /// Lets the radio misbehave, or work again.
-    /// @param fault  "silent": it answers nothing; "refuse": it refuses every command; "vanish": it
-    ///               has no power whatever the lines say; "reset": it loses its state once and says
-    ///               so; "normal"
-    /// @return whether there is such a fault
+    /// Makes the radio misbehave, or work again.
+    /// @param fault  "silent": answers nothing; "refuse": refuses every command; "vanish": has no
+    /// power, whatever the lines say; "reset": loses its state once and reports it; "normal": works
+    /// @return whether the fault exists
     bool misbehave(const std::string& fault);
 
 private:
@@ -62,9 +61,9 @@ private:
     bool asking_ = false;
     std::size_t asked_ = 0;
     bool remoteReady_ = false;
-    bool powered_ = false;     ///< the lines say so
-    bool controller_ = false;  ///< and the other machine has put a controller on the line
-    bool resets_ = false;      ///< a fresh controller is under way that must announce itself
+    bool powered_ = false;     ///< according to the lines
+    bool controller_ = false;  ///< the other machine has attached a controller
+    bool resets_ = false;      ///< a new controller must report the reset
     Fault fault_ = Fault::None;
 };
 

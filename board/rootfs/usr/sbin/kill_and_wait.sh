@@ -1,11 +1,11 @@
 #!/usr/bin/dash
-# kill_and_wait.sh NAME: ends every process of that name and waits until it is gone; one that
-# does not go within 5 s is killed. Succeeds as well when there is none.
+# kill_and_wait.sh NAME: ends every process of that name and waits until it is gone; after 5 s kills it. Succeeds too if
+# there is none.
 set -eu
 
 [ $# -eq 1 ] || { echo "usage: kill_and_wait.sh NAME" >&2; exit 2; }
 running() {
-    # The first 15 bytes of a program's name are what the kernel keeps of it.
+    # The kernel keeps only the first 15 bytes of a program's name.
     pgrep -x "$(printf %.15s "$1")" > /dev/null
 }
 running "$1" || exit 0
