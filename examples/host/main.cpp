@@ -1,4 +1,4 @@
-// A host application: switches Bluetooth on, looks for devices, prints them.
+// A host application that switches Bluetooth on, discovers devices and prints them.
 
 #include <BluetoothManager.h>
 #include <bluetoothRequests/ScanBluetoothRequest.h>
@@ -12,7 +12,7 @@
 namespace {
 
 BluetoothRequestAnswers scan(BluetoothManager& bluetooth) {
-    // The callback runs on the request's own thread: it only hands the answer over.
+    // The callback runs on the request's own thread, so it only passes the answer on.
     auto answer = std::make_shared<std::promise<BluetoothRequestAnswers>>();
     auto arrival = answer->get_future();
     auto request = std::make_shared<ScanBluetoothRequest>(

@@ -1,4 +1,4 @@
-// What the board is and has: identity, model names, lines, log, a flag to wait for.
+// The board: identity, model names, GPIO lines, log, condition flag.
 
 #include "Capabilities.h"
 #include "GPIO/GPIOManager.h"
@@ -20,7 +20,7 @@
 namespace fileUtil = hwcommon::fileUtil;
 
 log4cplus::Logger LogAppender::getLogger() {
-    // Never destroyed: the manager's destructor still logs.
+    // Never destroyed: the manager's destructor logs.
     static const auto* const logger = [] {
         new log4cplus::Initializer;  // NOLINT(cppcoreguidelines-owning-memory): for the same reason
         log4cplus::Logger::getRoot().addAppender(
@@ -71,7 +71,7 @@ Capabilities& Capabilities::getInstance() {
     return instance;
 }
 
-// Read each time: whoever asks too early for the file gets it the next time.
+// Read each time: the file may not exist yet at the first call.
 int Capabilities::getProductFamily() {
     return eepromXML(hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo()).GetProductFamily();
 }
@@ -98,7 +98,7 @@ int GPIOManager::exportPin(unsigned pin) {
 }
 
 int GPIOManager::setDirection(unsigned pin, Direction direction) {
-    // "out" would start with a low level; the two words below keep the present one.
+    // "out" would start low; "high" and "low" keep the present level.
     const char* const word =
         static_cast<int>(direction) == 0 ? "in" : (getValue(pin) == 1 ? "high" : "low");
     return writeText(lineFolder(pin) + "/direction", word);

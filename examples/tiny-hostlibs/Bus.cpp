@@ -1,4 +1,4 @@
-// Questions to the system bus, through GIO: it works from any thread.
+// Waits for names on the system bus, through GIO, which works from any thread.
 
 #include "LogAppender.h"
 #include "hwcommon/DBusBluetoothHidProxy.h"
@@ -52,7 +52,7 @@ bool DBusProxy::waitUntilDBusNameExist(const std::string& name, unsigned timeout
     return found;
 }
 
-// This board connects audio devices alone: it has no HID service.
+// This board connects only audio devices: it has no HID service.
 std::string DBusBluetoothHidProxy::connectBtHidDevice(const std::string& address) {
     return "No HID service for " + address;
 }

@@ -1,4 +1,4 @@
-// Small files, read and written whole.
+// Reads and writes small files completely.
 
 #include "LogAppender.h"
 #include "hwcommon/fileUtil.h"
@@ -23,7 +23,7 @@ bool failed(const char* what, const std::string& path) {
 }
 
 bool writeAll(int file, const std::string& content) {
-    // Whatever waits may be interrupted by a signal of the host's.
+    // The host's signals may interrupt both calls.
     const auto size = static_cast<ssize_t>(content.size());
     return TEMP_FAILURE_RETRY(write(file, content.data(), content.size())) == size &&
            TEMP_FAILURE_RETRY(fsync(file)) == 0;

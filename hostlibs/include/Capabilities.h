@@ -1,18 +1,19 @@
 #pragma once
 
-/// What the product that this host process runs on can do.
+/// The capabilities of the product that runs this host process.
 ///
-/// What libCorvane relies on: getInstance() may be called from any thread, and the instance can
-/// still be asked while static objects are destroyed (the manager's destructor does).
+/// libCorvane relies on this: any thread may call getInstance(), and the instance works during
+/// static destruction (the manager's destructor uses it).
 class Capabilities {
 public:
+    /// @return the process's only instance
     static const Capabilities& getInstance();
 
-    /// The product family. Family 1 has a radio module with a single Bluetooth enable line and runs
-    /// no audio bridge. The reference takes it from the board identity. Until the hardware service
-    /// has given one, each call asks again, but a service that was asked in vain for 5 s is left
-    /// alone for a minute.
-    /// @return the family's number; 0 when not known
+    /// Returns the product family. Boards of family 1 have a single Bluetooth enable line and no
+    /// audio bridge. The reference reads the family from the board identity. Until the hardware
+    /// service has answered, each call asks again; after a timeout (5 s) it does not ask for a
+    /// minute.
+    /// @return the family's number; 0 when unknown
     int getProductFamily() const;
 
 private:

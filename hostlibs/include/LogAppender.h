@@ -6,21 +6,23 @@
 
 /// The host process's logger.
 ///
-/// What libCorvane relies on: getLogger() may be called from any thread, before main() too, returns
-/// the same logger each time, and that logger can still be used while static objects are destroyed.
+/// libCorvane relies on this: any thread may call getLogger(), even before main(); it always
+/// returns the same logger, which works during static destruction.
 class LogAppender {
 public:
-    /// The logger that every record of libCorvane goes through. The first call sets it up: the
-    /// log4cplus properties file named by the environment variable CORVANE_LOG_CONFIG where there
-    /// is one that can be used, otherwise the console (standard error) from level INFO on. A record
-    /// shows time, level, file, line, full function signature and message. On the console, control
-    /// characters and invalid UTF-8 in a message are written as `\xNN`, since device names come
-    /// from strangers; a properties file has the same by the layout corvane::PrintableLayout.
+    /// Returns the logger for all of libCorvane's records. The first call configures it from the
+    /// log4cplus properties file named by the environment variable CORVANE_LOG_CONFIG or, without a
+    /// usable file, for the console (standard error) at level INFO. A record shows time, level,
+    /// file, line, function signature and message. The console shows control characters and invalid
+    /// UTF-8 in a message as `\xNN`, because device names come from strangers; in a properties file
+    /// the layout corvane::PrintableLayout does the same.
+    /// @return the logger
     static const log4cplus::Logger& getLogger();
 
-    /// Replaces the configuration by that of a log4cplus properties file. Not needed by libCorvane;
-    /// host programs offer it as an option. Call it before other threads log.
-    /// @return false when the file cannot be read or configures no appender; the reason is logged
-    /// with the file's name and the previous configuration stays
+    /// Replaces the configuration. libCorvane does not need this; host programs offer it as an
+    /// option. Call it before other threads log.
+    /// @param propertiesFile  a log4cplus properties file
+    /// @return false when the file cannot be read or configures no appender; the log then has the
+    /// file's name and the reason, and the previous configuration stays
     static bool loadConfiguration(const std::string& propertiesFile);
 };

@@ -2,9 +2,9 @@
 
 #include <string>
 
-/// The appliance's models, as the identity record numbers them.
+/// The appliance's models, numbered as in the identity record.
 enum ModelType : int {
-    MODEL_UNKNOWN = 0,  ///< no record, or one that could not be read
+    MODEL_UNKNOWN = 0,  ///< no record, or an invalid one
     MODEL_C100 = 1,
     MODEL_C200 = 2,
     MODEL_C300 = 3,
@@ -13,38 +13,43 @@ enum ModelType : int {
     MODEL_C600 = 6,  ///< carries the Laird radio module
 };
 
-/// The name that users know a model by.
-/// @return the name, which may hold blanks; "Corvane" for a number without a name of its own
+/// Returns a model's name, as users know it.
+/// @param modelType  the model
+/// @return the name, which may contain spaces; "Corvane" for an unnamed model
 std::string GetModelNameStringExternal(ModelType modelType);
 
-/// The board identity, read from the hardware service's XML text (docs/identity.md gives its form).
+/// The board identity, read from the hardware service's XML text (format: docs/identity.md).
 ///
-/// What libCorvane relies on: construction from any text succeeds, broken, huge or hostile text
-/// included, and leaves the fields below at their neutral values where the text says nothing valid.
+/// libCorvane relies on this: construction from any text succeeds, even if it is broken, huge or
+/// hostile. Fields without a valid value are neutral.
 class eepromXML {
 public:
-    /// Runs AnalyseXML() on a copy of the text and keeps what it returned.
+    /// Calls AnalyseXML() and keeps its result for IsValid().
+    /// @param text  the XML text
     explicit eepromXML(const std::string& text);
 
-    /// Reads the fields from the text. A field that is missing or invalid takes its neutral value,
-    /// is logged with the element's name, and makes the result false.
+    /// Reads the fields from the text. A missing or invalid field becomes neutral, and the log
+    /// names the element.
+    /// @param text  the XML text
+    /// @return whether every field is valid
     bool AnalyseXML(std::string text);
 
-    /// Whether the last analysis found everything.
+    /// @return whether the last analysis found every field valid
     bool IsValid() const { return valid; }
 
-    /// The model; MODEL_UNKNOWN when not known.
+    /// @return the model; MODEL_UNKNOWN when unknown
     ModelType GetModelType() const { return modelType; }
 
-    /// The product family (see Capabilities); 0 when not known.
+    /// @return the product family (see Capabilities); 0 when unknown
     int GetProductFamily() const { return productFamily; }
 
-    /// The board's revision, 0 to 65535; 0 when not known.
+    /// @return the board's revision, 0 to 65535; 0 when unknown
     unsigned GetBoardRevision() const { return boardRevision; }
 
-    /// The serial number; empty when not known.
-    /// @param grouped  true: in groups of four characters joined by '-', as on the label; false: as
-    /// it is stored
+    /// Returns the serial number.
+    /// @param grouped  true for groups of four characters joined by '-', as on the label; false for
+    /// the stored form
+    /// @return the serial number; empty when unknown
     std::string GetSerialNumberString(bool grouped) const;
 
 private:

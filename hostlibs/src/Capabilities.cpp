@@ -13,7 +13,7 @@ const Capabilities& Capabilities::getInstance() {
 }
 
 int Capabilities::getProductFamily() const {
-    // Both outlive the static objects whose destructors ask: they have nothing to destroy.
+    // Safe during static destruction: neither has a destructor that does anything.
     static std::mutex mutex;
     static std::optional<int> family;
     const std::lock_guard lock(mutex);

@@ -27,9 +27,9 @@ constexpr char configurationVariable[] = "CORVANE_LOG_CONFIG";
 constexpr char loggerName[] = "corvane";
 constexpr char recordPattern[] = "%D{%Y-%m-%d %H:%M:%S.%q} %-5p %b:%L %M: %m%n";
 
-/// A pattern layout whose messages cannot break a line or steer a terminal: messages quote names
-/// that strangers chose. In a properties file: corvane::PrintableLayout, with a ConversionPattern
-/// like log4cplus::PatternLayout.
+/// A pattern layout that escapes what could break a line or steer a terminal: messages contain
+/// names that strangers chose. Properties files use it as corvane::PrintableLayout, with a
+/// ConversionPattern like log4cplus::PatternLayout.
 class PrintableLayout : public log4cplus::PatternLayout {
 public:
     explicit PrintableLayout(const log4cplus::tstring& recordForm)
@@ -47,8 +47,8 @@ public:
     }
 };
 
-/// Standard error. log4cplus's own appender writes through std::cerr, which writes nothing any more
-/// after a signal has interrupted one of its writes.
+/// Writes to standard error. log4cplus's own appender uses std::cerr, which stays silent after a
+/// signal has interrupted one of its writes.
 class Console : public log4cplus::Appender {
 public:
     ~Console() override { destructorImpl(); }
@@ -66,7 +66,8 @@ protected:
     }
 };
 
-/// Applies the properties to the hierarchy. @return whether any appender came of it
+/// Applies the properties to the hierarchy.
+/// @return whether there is an appender now
 bool configure(const log4cplus::helpers::Properties& properties, log4cplus::Hierarchy& hierarchy) {
     log4cplus::PropertyConfigurator(properties, hierarchy).configure();
     auto loggers = hierarchy.getCurrentLoggers();
@@ -78,7 +79,7 @@ bool configure(const log4cplus::helpers::Properties& properties, log4cplus::Hier
 bool load(const log4cplus::Logger& logger, const std::string& propertiesFile) {
     std::ifstream file(propertiesFile);
     const int error = errno;
-    // Opening a folder succeeds, reading it does not.
+    // A folder can be opened, but not read.
     if (!file.is_open() || (file.peek(), file.bad())) {
         LOG4CPLUS_ERROR(logger, "Cannot read the log configuration "
                                     << propertiesFile << ": "
@@ -89,7 +90,7 @@ bool load(const log4cplus::Logger& logger, const std::string& propertiesFile) {
     }
     file.clear();
     const log4cplus::helpers::Properties properties(file);
-    // Tried on loggers that nobody uses, so that a broken file does not silence the process.
+    // Try it on a hierarchy that nobody uses: a broken file must not silence the process.
     log4cplus::Hierarchy trial;
     const bool usable = configure(properties, trial);
     trial.shutdown();
@@ -128,7 +129,7 @@ log4cplus::Logger setUp() {
 }  // namespace
 
 const log4cplus::Logger& LogAppender::getLogger() {
-    // Never freed: static objects log while they are destroyed.
+    // Never freed: static objects log during their destruction.
     static const log4cplus::Logger& logger = *new log4cplus::Logger(setUp());
     return logger;
 }

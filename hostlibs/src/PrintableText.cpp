@@ -9,13 +9,13 @@ namespace corvane {
 
 namespace {
 
-/// One character at the start of a text.
+/// The first character of a text.
 struct Character {
     std::size_t length;  // bytes
     bool printable;
 };
 
-/// The bytes that follow a lead byte, and the smallest code point that needs them.
+/// A UTF-8 form: its lead byte, length and smallest code point.
 struct Form {
     std::uint8_t mask;
     std::uint8_t lead;

@@ -5,8 +5,8 @@
 
 namespace corvane {
 
-/// The text with every unprintable character (see UnprintableCharacters.h) and every byte that is
-/// not valid UTF-8 written as \xNN per byte. The rest stays byte for byte.
+/// Writes each byte of unprintable characters (see UnprintableCharacters.h) and of invalid UTF-8 as
+/// \xNN. Everything else is unchanged.
 [[gnu::visibility("hidden")]] std::string printableText(std::string_view text);
 
 }  // namespace corvane

@@ -4,8 +4,8 @@
 
 namespace corvane {
 
-/// Whether a character could break a line, steer a terminal or mislead its reader: controls (Cc),
-/// line and paragraph separators (Zl, Zp), and the properties Bidi_Control and
+/// Tells whether a character could break a line, steer a terminal or mislead its reader: controls
+/// (Cc), line and paragraph separators (Zl, Zp), and the properties Bidi_Control and
 /// Default_Ignorable_Code_Point of Unicode 14.0.
 constexpr bool isUnprintable(std::uint32_t codePoint) {
     struct Range {

@@ -15,7 +15,7 @@ namespace {
 
 struct ModelName {
     ModelType type;
-    const char* name;  // without single quotes: it is put between such on a shell's command line
+    const char* name;  // no single quotes, so that it can be quoted for a shell
 };
 
 constexpr std::array<ModelName, 6> modelNames{{{MODEL_C100, "Corvane C100"},
@@ -26,8 +26,8 @@ constexpr std::array<ModelName, 6> modelNames{{{MODEL_C100, "Corvane C100"},
                                                {MODEL_C600, "Corvane C600"}}};
 constexpr char unnamedModel[] = "Corvane";
 
-constexpr std::size_t maxTextSize = 64UL * 1024UL;  // bytes; a record has some hundred
-constexpr std::size_t maxSerialNumber = 32;  // characters; it is a part of the Bluetooth name
+constexpr std::size_t maxTextSize = 64UL * 1024UL;  // bytes; a record has a few hundred
+constexpr std::size_t maxSerialNumber = 32;         // characters; part of the Bluetooth name
 constexpr std::size_t serialNumberGroup = 4;
 constexpr int maxNumber = 65535;  // the record's numbers have 16 bits
 
@@ -43,8 +43,8 @@ void logError(const std::string& text) {
     LOG4CPLUS_ERROR(LogAppender::getLogger(), "Board identity: " << text);
 }
 
-/// The text of the root's child of this name; nothing, and logged, when the child is missing,
-/// doubled or holds anything but text.
+/// Returns the text of the root's child; nothing, with the reason in the log, if the child is
+/// missing, occurs twice or holds anything but text.
 std::optional<std::string_view> textOf(const tinyxml2::XMLElement& root, const char* name) {
     const tinyxml2::XMLElement* const element = root.FirstChildElement(name);
     if (element == nullptr) {
@@ -52,12 +52,12 @@ std::optional<std::string_view> textOf(const tinyxml2::XMLElement& root, const c
         return std::nullopt;
     }
     if (element->NextSiblingElement(name) != nullptr) {
-        logError(std::string("<") + name + "> is there more than once; one of them must go");
+        logError(std::string("<") + name + "> occurs more than once; keep only one");
         return std::nullopt;
     }
     const tinyxml2::XMLNode* const child = element->FirstChild();
     if (child == nullptr || child->ToText() == nullptr || child->NextSibling() != nullptr) {
-        logError(std::string("<") + name + "> must hold text and nothing else");
+        logError(std::string("<") + name + "> must contain only text");
         return std::nullopt;
     }
     return trimmed(child->Value());
@@ -90,37 +90,38 @@ std::optional<std::string> serialNumberOf(const tinyxml2::XMLElement& root, cons
     return std::string(*text);
 }
 
-/// Parses the text. @return the element <identity>; null, and logged, when there is none to trust
+/// Parses the text.
+/// @return the element <identity>; null, with the reason in the log, if the text is invalid
 const tinyxml2::XMLElement* parse(tinyxml2::XMLDocument& document, const std::string& text) {
     if (text.empty()) {
-        logError("there is none; is the hardware service running?");
+        logError("none received; is the hardware service running?");
         return nullptr;
     }
     if (text.size() > maxTextSize) {
-        logError("its text has more than " + std::to_string(maxTextSize) + " bytes");
+        logError("the text has more than " + std::to_string(maxTextSize) + " bytes");
         return nullptr;
     }
-    // Either would end the parser's strings early and let a half value pass for a whole one.
+    // Either could end a parsed string early, so that half a value would look complete.
     if (text.find('\0') != std::string::npos || text.find("&#") != std::string::npos) {
-        logError("its text must not hold zero bytes or character references");
+        logError("the text must not contain zero bytes or character references");
         return nullptr;
     }
     if (document.Parse(text.data(), text.size()) != tinyxml2::XML_SUCCESS) {
-        logError(std::string("its text is no XML: ") + document.ErrorName() + " in line " +
+        logError(std::string("the text is not XML: ") + document.ErrorName() + " in line " +
                  std::to_string(document.ErrorLineNum()));
         return nullptr;
     }
     for (const tinyxml2::XMLNode* node = document.FirstChild(); node != nullptr;
          node = node->NextSibling()) {
         if (node->ToUnknown() != nullptr) {
-            logError("its text must not hold a document type");
+            logError("the text must not contain a document type");
             return nullptr;
         }
     }
     const tinyxml2::XMLElement* const root = document.RootElement();
     if (root == nullptr || std::string_view(root->Name()) != "identity" ||
         root->NextSiblingElement() != nullptr) {
-        logError("its text must hold one element <identity> at the top");
+        logError("the text must have one top-level element <identity>");
         return nullptr;
     }
     return root;

@@ -2,48 +2,53 @@
 
 namespace GPIO {
 
-/// Direction of a line; the numbers are those of the manager's calls.
+/// Direction of a line. libCorvane relies on the numbers.
 enum class Direction : int { INPUT = 0, OUTPUT = 1 };
 
-/// Level of a line.
+/// Level of a line. libCorvane relies on the numbers.
 enum class Value : int { LOW = 0, HIGH = 1 };
 
-/// Drives general-purpose lines by their global number.
+/// Drives GPIO lines by their global number.
 ///
-/// What libCorvane relies on: the return values below, a level that is kept until the next
-/// setValue() for as long as the process lives, and that making a line an output does not change
-/// its level (line 48 also powers the Wi-Fi: a restart of the host must not blink it). Calls come
-/// from one thread at a time.
+/// libCorvane relies on this: the return values; a level stays until the next setValue() while the
+/// process lives; making a line an output keeps its level (line 48 also powers the Wi-Fi, which
+/// must survive a restart of the host). Calls come from one thread at a time.
 ///
-/// The reference uses character devices. Pin N is counted over the chips in their order: chip 0's
-/// lines first, then chip 1's, and so on. Lines are held for the life of the process, not of this
-/// object, since a character-device line is guaranteed only while somebody holds it. An exported
-/// line that was not to be had (the chip's driver came late, another program held it) is tried
-/// again, and given its direction, by each later call for it. Why it was not is logged once, and
-/// again when the reason changes.
+/// The reference uses character devices. It numbers the pins across the chips in order: first chip
+/// 0's lines, then chip 1's, and so on. It holds lines until the process ends, because a line may
+/// lose its level when nobody holds it. If an exported line cannot be taken (its driver comes late,
+/// another program holds it), each later call tries again and sets its direction. The reason is
+/// logged once, and again when it changes.
 class GPIOManager {
 public:
     GPIOManager();
-    // NOLINTNEXTLINE(performance-trivially-destructible): other boards' managers have work to do
+    // NOLINTNEXTLINE(performance-trivially-destructible): another board's destructor may do work
     ~GPIOManager();
     GPIOManager(const GPIOManager&) = delete;
     GPIOManager& operator=(const GPIOManager&) = delete;
 
-    /// Takes the line into use without changing direction or level. Exporting a line twice is no
-    /// error.
-    /// @return 1 on success, 0 on failure (no such line, line busy); the reason is logged
+    /// Takes a line without changing its direction or level. Taking a line twice is no error.
+    /// @param pin  the line's number
+    /// @return 1 on success; 0 on failure (no such line, line busy), with the reason in the log
     int exportPin(unsigned pin);
 
-    /// Sets the direction. Direction::OUTPUT keeps the level that the line has.
-    /// @return 1 on success, 0 on failure (line not held, no permission); the reason is logged
+    /// Sets the direction. Direction::OUTPUT keeps the line's present level.
+    /// @param pin        the line's number
+    /// @param direction  the direction
+    /// @return 1 on success; 0 on failure (line not held, no permission), with the reason in the
+    /// log
     int setDirection(unsigned pin, Direction direction);
 
-    /// @return the present level, 0 or 1; -1 when it cannot be read (the reason is logged)
+    /// Reads the present level.
+    /// @param pin  the line's number
+    /// @return 0 or 1; -1 on failure, with the reason in the log
     int getValue(unsigned pin);
 
     /// Drives an output line.
-    /// @return 1 on success, 0 on failure (line not held or not an output); the reason is
-    /// logged
+    /// @param pin    the line's number
+    /// @param value  the level
+    /// @return 1 on success; 0 on failure (line not held, not an output), with the reason in the
+    /// log
     int setValue(unsigned pin, Value value);
 };
 

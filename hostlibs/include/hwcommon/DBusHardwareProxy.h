@@ -4,32 +4,35 @@
 
 namespace hwcommon {
 
-/// Told of changes by a DBusHardwareProxy. libCorvane passes none.
+/// Observes the hardware service through a DBusHardwareProxy. libCorvane does not use it.
 class DBusHardwareObserver {
 public:
     virtual ~DBusHardwareObserver() = default;
 
-    /// The hardware service came (true) or went (false). Called on the proxy's own thread. When the
-    /// bus itself goes, false is the last word.
+    /// Called on the proxy's own thread when the hardware service appears or disappears. If the bus
+    /// itself goes away, the last call says false.
+    /// @param available  whether the service is there
     virtual void hardwareServiceAvailable(bool available) = 0;
 };
 
 /// The board's hardware service on the system bus: name org.corvane.Hardware, object
 /// /org/corvane/Hardware, interface org.corvane.Hardware1.
 ///
-/// What libCorvane relies on: getHardwareInfo() returns within the bus's time limit and never
-/// throws.
+/// libCorvane relies on this: getHardwareInfo() returns within the bus timeout and never throws.
 class DBusHardwareProxy {
 public:
-    /// @param observer  told of the service's coming and going; may be null; borrowed
+    /// Builds a proxy.
+    /// @param observer  told when the service appears or disappears; may be null; must outlive this
+    /// object
     explicit DBusHardwareProxy(DBusHardwareObserver* observer);
     ~DBusHardwareProxy();
     DBusHardwareProxy(const DBusHardwareProxy&) = delete;
     DBusHardwareProxy& operator=(const DBusHardwareProxy&) = delete;
 
-    /// The board identity as XML text (docs/identity.md). Blocks until the service has answered, in
-    /// the reference 5 s at most.
-    /// @return the text; empty when there is no bus, no service or no answer (the reason is logged)
+    /// Asks for the board identity. Blocks until the service answers, in the reference for at most
+    /// 5 s.
+    /// @return the XML text (docs/identity.md); empty without a bus, a service or an answer, with
+    /// the reason in the log
     std::string getHardwareInfo();
 
 private:

@@ -5,24 +5,24 @@
 
 namespace hwtools {
 
-/// A flag that threads can wait for. Once notified it stays notified, so a notification is never
-/// lost between a check and a wait, and it releases every waiter.
+/// A flag that threads can wait for. It stays set, so no notification is lost between a check and a
+/// wait, and it releases every waiter.
 ///
-/// What libCorvane relies on: wait() returns timedOut (110) exactly when the time passed without a
-/// notification, and notify() may be called from any thread.
+/// libCorvane relies on this: wait() returns timedOut (110) if and only if the time passed without
+/// a notification; any thread may call notify().
 class Condition {
 public:
-    /// What wait() returns when the time passed: ETIMEDOUT of the Linux kernel (errno.h), 110.
+    /// The result of wait() when the time passed: the Linux kernel's ETIMEDOUT (errno.h).
     static constexpr int timedOut = 110;
 
-    /// @param notified  the state to start with
+    /// Builds a flag.
+    /// @param notified  its initial state
     explicit Condition(bool notified);
 
-    /// Sleeps until the flag is set or the time has passed, measured on the steady clock.
-    /// @param milliseconds  the longest wait; 0 only looks
-    /// @param reset         true: forget an earlier notification before waiting; false: an earlier
-    /// one ends the wait
-    /// @return 0 when notified, timedOut otherwise
+    /// Waits until the flag is set or the time has passed on the steady clock.
+    /// @param milliseconds  the longest wait; 0 checks without waiting
+    /// @param reset         true to clear the flag first, so that only a new notification counts
+    /// @return 0 if notified, otherwise timedOut
     int wait(unsigned milliseconds, bool reset);
 
     /// Sets the flag and wakes every waiter.

@@ -23,26 +23,26 @@ namespace {
 
 constexpr char deviceFolder[] = "/dev";
 constexpr char chipPrefix[] = "gpiochip";
-constexpr char consumer[] = "corvane";  // shown by gpioinfo beside the line
+constexpr char consumer[] = "corvane";  // gpioinfo shows it with the line
 
 using ChipPtr = std::unique_ptr<gpiod_chip, decltype(&gpiod_chip_close)>;
 
-/// A line in use. Its chip stays open as long as it: closing a chip releases its lines.
+/// A line in use. Its chip stays open too, because closing a chip releases its lines.
 struct HeldLine {
     ChipPtr chip;
     gpiod_line* line;
 };
 
-/// The lines in use, by pin. Never freed: a line that nobody holds may lose its level.
+/// The lines in use, by pin. Never freed: a line may lose its level when nobody holds it.
 std::map<unsigned, HeldLine>& heldLines() {
     static auto& lines = *new std::map<unsigned, HeldLine>;
     return lines;
 }
 
-/// A pin that was exported, whether its line is held or not.
+/// An exported pin. Its line may not be held yet.
 struct ExportedPin {
-    std::optional<Direction> direction;  // that it is to have
-    std::string reason;                  // why it was not to be had, as last logged
+    std::optional<Direction> direction;  // wanted; set once the line is held
+    std::string reason;                  // why the line could not be taken, as last logged
 };
 
 std::map<unsigned, ExportedPin>& exportedPins() {
@@ -55,7 +55,7 @@ bool fail(unsigned pin, const std::string& reason) {
     return false;
 }
 
-/// Logs why an exported pin is not to be had: every call for it tries again, so only what is new.
+/// Logs why a line cannot be taken, once per reason: every call for the pin tries again.
 void failToTake(unsigned pin, const std::string& reason) {
     std::string& logged = exportedPins()[pin].reason;
     if (reason == logged) return;
@@ -74,7 +74,7 @@ int isChip(const dirent* entry) {
                : 0;
 }
 
-/// The devices of the chips, chip 2 before chip 10; nothing when the folder cannot be read (errno).
+/// Lists the chips' devices, chip 2 before chip 10; nothing (errno) if the folder cannot be read.
 std::optional<std::vector<std::string>> chipPaths() {
     dirent** entries = nullptr;
     const int count = scandir(deviceFolder, &entries, isChip, versionsort);
@@ -88,8 +88,7 @@ std::optional<std::vector<std::string>> chipPaths() {
     return paths;
 }
 
-/// A chip and the offset of a pin on it; the chip is null, and the reason logged, when it is not to
-/// be had.
+/// A pin's chip and its offset there. The chip is null, and the reason logged, if there is none.
 struct Place {
     ChipPtr chip{nullptr, gpiod_chip_close};
     unsigned offset = 0;
@@ -106,7 +105,7 @@ Place placeOf(unsigned pin) {
     for (const std::string& path : *paths) {
         place.chip.reset(gpiod_chip_open(path.c_str()));
         if (!place.chip) {
-            // Its number of lines is unknown, so that no later pin can be counted either.
+            // Its number of lines is unknown, so later pins cannot be located either.
             failToTake(pin, "cannot open " + path + ": " + errorText(errno));
             return place;
         }
@@ -117,14 +116,14 @@ Place placeOf(unsigned pin) {
         }
         lines += count;
     }
-    failToTake(pin, "no such line, the chips in " + std::string(deviceFolder) + " have " +
+    failToTake(pin, "no such line; the chips in " + std::string(deviceFolder) + " have " +
                         std::to_string(lines));
     place.chip.reset();
     return place;
 }
 
-/// Takes an exported pin's line, for ever. @return the line; null, and the reason logged, when it
-/// is not to be had
+/// Takes an exported pin's line and never releases it.
+/// @return the line; null, with the reason in the log, if it cannot be taken
 gpiod_line* take(unsigned pin) {
     Place place = placeOf(pin);
     if (!place.chip) return nullptr;
@@ -133,7 +132,7 @@ gpiod_line* take(unsigned pin) {
     if (line == nullptr || gpiod_line_request(line, &request, 0) != 0) {
         const int error = errno;
         failToTake(pin,
-                   "cannot be taken into use: " + errorText(error) +
+                   "cannot take the line: " + errorText(error) +
                        (error == EBUSY ? "; another program or /sys/class/gpio holds it" : ""));
         return nullptr;
     }
@@ -152,12 +151,11 @@ bool applyDirection(gpiod_line* line, unsigned pin, Direction direction) {
     return result == 0 || fail(pin, "cannot set the direction: " + errorText(errno));
 }
 
-/// The line of an exported pin. One that was not to be had before, because its chip came late or
-/// somebody else held it, is tried again.
+/// Returns an exported pin's line. Tries again to take a line that was missing or busy before.
 gpiod_line* lineOf(unsigned pin) {
     const auto exported = exportedPins().find(pin);
     if (exported == exportedPins().end()) {
-        fail(pin, "not in use; it must be exported first");
+        fail(pin, "not exported; call exportPin() first");
         return nullptr;
     }
     const auto held = heldLines().find(pin);

@@ -16,7 +16,8 @@ constexpr char busService[] = "org.freedesktop.DBus";
 constexpr char busPath[] = "/org/freedesktop/DBus";
 constexpr char busInterface[] = "org.freedesktop.DBus";
 
-/// Handles one message that has come. @return false when there was none
+/// Handles one received message.
+/// @return false if there was none
 bool processOne(sdbus::IConnection& connection) {
 #if CORVANE_SDBUS_MAJOR >= 2
     return connection.processPendingEvent();
@@ -70,7 +71,7 @@ void NameWatch::waitForMore(Clock::time_point deadline, int stop) {
     if (processOne(*connection)) return;
     const auto source = connection->getEventLoopPollData();
     std::array<pollfd, 2> descriptors{{{source.fd, source.events, 0}, {stop, POLLIN, 0}}};
-    // A failed poll is a short wait; a bus that is gone shows in processOne().
+    // A failed poll just ends the wait; processOne() reports a bus that has gone.
     const auto limit = std::min(timeLeft(deadline), std::chrono::milliseconds(INT_MAX));
     poll(descriptors.data(), descriptors.size(), static_cast<int>(limit.count()));
 }

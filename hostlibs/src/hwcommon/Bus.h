@@ -12,9 +12,9 @@
 
 namespace hwcommon {
 
-/// Keeps signals from this thread while it lives: until systemd 253 a call of sd-bus fails when one
-/// interrupts it, and a host may have timers. Other threads get them meanwhile, this one
-/// afterwards; those that report a fault of the thread itself are let through.
+/// Blocks this thread's signals while it exists, except those that report a fault of the thread
+/// itself. Until systemd 253 an sd-bus call fails when a signal interrupts it, and a host may have
+/// timers.
 class [[gnu::visibility("hidden")]] NoSignals {
 public:
     NoSignals();
@@ -26,7 +26,7 @@ private:
     sigset_t before{};
 };
 
-/// A remote object on a connection. Its names are types of their own since sdbus-c++ 2.
+/// Makes a proxy for a remote object. Since sdbus-c++ 2 the names have types of their own.
 inline std::unique_ptr<sdbus::IProxy> proxyFor(sdbus::IConnection& connection,
                                                const std::string& service,
                                                const std::string& path) {
@@ -37,14 +37,14 @@ inline std::unique_ptr<sdbus::IProxy> proxyFor(sdbus::IConnection& connection,
 #endif
 }
 
-/// Makes a proxy's signal handlers known to the bus. Calls made after this come after it there too.
+/// Registers a proxy's signal handlers with the bus, before any later call.
 inline void subscribe([[maybe_unused]] sdbus::IProxy& proxy) {
 #if CORVANE_SDBUS_MAJOR < 2
     proxy.finishRegistration();
 #endif
 }
 
-/// The time until a deadline, rounded up. Never 0: as the limit of a call that would mean the bus's
+/// Returns the time until a deadline, rounded up. Never 0, which a call would take for the bus's
 /// default of 25 s.
 inline std::chrono::milliseconds timeLeft(std::chrono::steady_clock::time_point deadline) {
     const auto left =
@@ -52,29 +52,32 @@ inline std::chrono::milliseconds timeLeft(std::chrono::steady_clock::time_point 
     return std::max(left, std::chrono::milliseconds(1));
 }
 
-/// Watches the owner of one bus name, on a connection to the system bus of its own: nobody's event
-/// loop is needed or disturbed, a bus that was restarted since is found again, and nothing stays
-/// behind. To be used by one thread. Every member throws sdbus::Error when the bus fails.
+/// Watches the owner of one bus name on its own connection to the system bus, so that it needs no
+/// event loop and finds a restarted bus. For one thread. Every member throws sdbus::Error when the
+/// bus fails.
 class [[gnu::visibility("hidden")]] NameWatch {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// @param changed  called by waitForMore() with the connection that owns the name now; empty
-    /// when none does
+    /// @param name     the name to watch
+    /// @param changed  called by waitForMore() with the connection that now owns the name; empty if
+    /// none does
     NameWatch(std::string name, std::function<void(const std::string&)> changed);
 
-    /// Asks the bus for the connection that owns the name; empty when none does. waitForMore()
-    /// reports every later change.
-    /// @param limit  how long to wait for the bus's answer
+    /// Asks the bus for the owner. waitForMore() reports every later change.
+    /// @param limit  the longest wait for the bus's answer
+    /// @return the connection that owns the name; empty if none does
     std::string owner(std::chrono::milliseconds limit);
 
-    /// An object of a connection. Its signals are handled by waitForMore().
+    /// Makes a proxy for an object of a connection. waitForMore() handles its signals.
     std::unique_ptr<sdbus::IProxy> object(const std::string& owner, const std::string& path) {
         return proxyFor(*connection, owner, path);
     }
 
-    /// Handles what the bus has sent; when there is nothing, waits for more until the deadline, or
-    /// until the descriptor `stop` is readable (-1: none).
+    /// Handles a received message. Without one, waits until the deadline or until `stop` is
+    /// readable.
+    /// @param deadline  the end of the wait
+    /// @param stop      a descriptor; -1 for none
     void waitForMore(Clock::time_point deadline, int stop = -1);
 
 private:

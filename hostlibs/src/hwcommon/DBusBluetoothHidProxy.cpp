@@ -13,8 +13,8 @@ constexpr char serviceName[] = "org.corvane.BluetoothHid";
 constexpr char objectPath[] = "/org/corvane/BluetoothHid";
 constexpr char interfaceName[] = "org.corvane.BluetoothHid1";
 
-// A phone that is out of reach is given up by the controller after some 5 s, and a user may have to
-// confirm on the phone.
+// The controller gives up on an absent phone after about 5 s, but a user may have to confirm on the
+// phone.
 constexpr std::chrono::seconds answerLimit{60};
 
 std::string callService(const char* method, const std::string& address) {

@@ -22,7 +22,7 @@ constexpr char serviceName[] = "org.corvane.Hardware";
 constexpr char objectPath[] = "/org/corvane/Hardware";
 constexpr char interfaceName[] = "org.corvane.Hardware1";
 
-// The service reads a small memory chip; a host waits as long for bluetoothd on a busy board.
+// The service reads a small memory chip. On a busy board bluetoothd gets the same time.
 constexpr std::chrono::seconds answerLimit{5};
 
 constexpr std::chrono::minutes silentPause{1};
@@ -30,7 +30,7 @@ std::atomic<NameWatch::Clock::time_point> silentUntil{};
 
 }  // namespace
 
-/// Tells an observer of the service, on a thread of its own, until it is destroyed or the bus goes.
+/// Notifies an observer on its own thread, until it is destroyed or the bus goes away.
 struct DBusHardwareProxy::Private {
     explicit Private(DBusHardwareObserver& observer)
         : stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {

@@ -17,10 +17,10 @@ namespace {
 using Clock = NameWatch::Clock;
 using Interfaces = std::map<std::string, std::map<std::string, sdbus::Variant>>;
 
-// A bus that runs answers within milliseconds; a look must have some time all the same.
+// A bus answers within milliseconds, but even a mere check must give it some time.
 constexpr std::chrono::milliseconds shortestAnswer{1000};
 
-/// A service that owns its name before it can serve: it can once it shows an object with this
+/// A service that owns its name before it is ready. It is ready once it has an object with this
 /// interface.
 struct LateService {
     std::string_view name;
@@ -30,9 +30,9 @@ constexpr std::array<LateService, 1> lateServices{{{"org.bluez", "org.bluez.Adap
 
 constexpr char objectManager[] = "org.freedesktop.DBus.ObjectManager";
 
-/// Waits until `owner`, the present owner of the watched name, shows an object with the interface.
-/// One that answers the question with an error counts as having it.
-/// @return false when the deadline passed or the name changed hands
+/// Waits until the name's owner has an object with the interface. An owner that answers with an
+/// error counts as ready.
+/// @return false if the deadline passed or the name has another owner
 bool waitForObject(NameWatch& watch, std::string& owner, const char* interface,
                    Clock::time_point deadline) {
     const std::string asked = owner;
@@ -54,7 +54,7 @@ bool waitForObject(NameWatch& watch, std::string& owner, const char* interface,
             return object.second.count(interface) != 0;
         });
     } catch (const sdbus::Error&) {
-        // Also what the bus answers for an owner that has gone.
+        // The bus also answers with an error if the owner has gone.
         owner = watch.owner(shortestAnswer);
         return owner == asked;
     }

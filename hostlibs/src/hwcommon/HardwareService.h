@@ -2,8 +2,8 @@
 
 namespace hwcommon {
 
-/// Whether the hardware service has let a question run out of time within the last minute. Who can
-/// do without an answer then does not ask: the next one would wait as long again.
+/// Tells whether a call of the hardware service timed out within the last minute. Callers that can
+/// do without an answer then should not ask: the next call would probably time out too.
 [[gnu::visibility("hidden")]] bool hardwareServiceIsSilent();
 
 }  // namespace hwcommon

@@ -18,13 +18,12 @@ namespace hwcommon {
 
 namespace {
 
-constexpr std::size_t maxFileSize = 1024UL * 1024UL;  // bytes; the files meant here hold a few
-constexpr mode_t fileMode = 0644;                     // whoever reads the flag need not be root
+constexpr std::size_t maxFileSize = 1024UL * 1024UL;  // bytes; our files hold only a few
+constexpr mode_t fileMode = 0644;                     // not only root reads the flag
 
 std::string errorText(int error) { return std::generic_category().message(error); }
 
-/// Makes a call until no signal interrupts it: a host may have timers whose handlers were set up
-/// without SA_RESTART.
+/// Repeats a call until no signal interrupts it: the host's handlers may lack SA_RESTART.
 template <class Call>
 auto uninterrupted(const Call& call) {
     auto result = call();
@@ -48,7 +47,7 @@ public:
     bool close() {
         const int closed = fd;
         fd = -1;
-        // Interrupted, it is closed all the same; fsync() has told of failed writes.
+        // An interrupted close() has closed the file; fsync() has reported failed writes.
         return ::close(closed) == 0 || errno == EINTR;
     }
 
@@ -56,7 +55,8 @@ private:
     int fd;
 };
 
-/// Reads to the end. @return 0 or the errno of the failure; EFBIG beyond maxFileSize
+/// Reads to the end of the file.
+/// @return 0 or an errno; EFBIG beyond maxFileSize
 int readAll(int fd, std::string& content) {
     std::array<char, 4096> buffer{};
     for (;;) {
@@ -99,9 +99,10 @@ bool fileUtil::getFileContent(const std::string& path, std::string& content,
         LOG4CPLUS_ERROR(LogAppender::getLogger(), "Cannot read " << path << ": " << reason);
         return false;
     };
-    if ((mode & ~std::ios_base::binary) != std::ios_base::in) return fail("not a mode to read in");
+    if ((mode & ~std::ios_base::binary) != std::ios_base::in)
+        return fail("the mode must be in, optionally with binary");
 
-    // O_NONBLOCK: opening a pipe must not wait for its writer.
+    // O_NONBLOCK: opening a pipe must not wait for a writer.
     const Descriptor file(uninterrupted([&path] {
         return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     }));
@@ -130,10 +131,10 @@ bool fileUtil::saveContentToFile(const std::string& path, const std::string& con
         return false;
     };
     if (mode != (std::ios_base::out | std::ios_base::trunc)) {
-        return fail("not the mode to replace a file's content");
+        return fail("the mode must be out | trunc");
     }
 
-    // A new file of its own name beside the old one, put in its place when it is complete.
+    // Write a new file, then rename it over the old one.
     std::string temporary = path + ".XXXXXX";
     Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
     if (file.get() < 0) return fail(errorText(errno));

@@ -15,7 +15,7 @@ int Condition::wait(unsigned milliseconds, bool reset) {
 }
 
 void Condition::notify() {
-    // Under the lock to the end: a waiter may destroy this object as soon as it has woken up.
+    // Notify under the lock: a waiter may destroy this object as soon as it wakes up.
     const std::lock_guard lock(mutex);
     notified = true;
     changed.notify_all();
