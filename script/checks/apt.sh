@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# What the scripts that use apt-get share. To be sourced after common.sh.
+# Shared by the scripts that use apt-get. Source it after common.sh.
 
-# Quiet; and an update that reached nothing is a failure, which it is not by itself.
+# Quiet; an update that reaches no source fails, which is not the default.
 # shellcheck disable=SC2034 # for the caller
 apt_options=(-q=2 -o Dpkg::Use-Pty=0 -o APT::Update::Error-Mode=any)
 
-# explain_apt LOG [FULL_DISK_REMEDY]: ends the script with what apt-get said, and last with which of many troubles it is.
+# explain_apt LOG [FULL_DISK_REMEDY]: prints apt-get's messages and ends the script with the cause.
 explain_apt() {
     tail -n 20 "$1" >&2
     if grep -qE 'No space left|enough free space' "$1"; then

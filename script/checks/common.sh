@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What the scripts share; each sources it first. Answers --help with the comment at the top of the script, before
-# anything is looked at or installed.
+# Shared by all scripts; each sources it first. Answers --help with the comment at the top of the script, before it
+# checks or installs anything.
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd -P)
 self=$(realpath "$0")
@@ -15,22 +15,22 @@ case ${1-} in
         ;;
 esac
 
-# misuse [MESSAGE]: a wrong argument.
+# misuse [MESSAGE]: reports a wrong argument and ends the script.
 misuse() {
     [ -z "$*" ] || echo "$this_script: $*" >&2
     usage >&2
     exit 2
 }
 
-# fail MESSAGE: what is missing, and its remedy. Comes last.
+# fail MESSAGE: reports a problem and its remedy, and ends the script.
 fail() {
     complaint=$*
     echo "$this_script: $*" >&2
     exit 1
 }
 
-# why LOG: the part of a log that tells why a step failed: the compiler's first complaint, else the end, without the tests
-# that went well.
+# why LOG: prints the part of a log that shows why a step failed: the first compiler error, otherwise the end without
+# passed tests.
 why() {
     if grep -q '^FAILED: ' "$1"; then
         awk '/^FAILED: / { on = 1; print; getline; next } on && n++ < 60' "$1" # without the command
@@ -39,13 +39,13 @@ why() {
     fi
 }
 
-# fail_with LOG MESSAGE: shows why first.
+# fail_with LOG MESSAGE: prints the reason from the log, then fails.
 fail_with() {
     why "$1" >&2
     fail "${*:2} (see above)"
 }
 
-# cache_folder: sets cache, the folder for what is downloaded and made once, outside the tree.
+# cache_folder: sets cache to the folder for downloads and other things made once, outside the tree.
 cache_folder() {
     local remedy="set CORVANE_CACHE_DIR to a folder that has room for 1 GB"
     cache=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
@@ -56,7 +56,7 @@ cache_folder() {
     export CORVANE_CACHE_DIR=$cache
 }
 
-# explain_full_disk FOLDER REMEDY: for a script that ends in failure: tools tell a full disk in many ways, or not at all.
+# explain_full_disk FOLDER REMEDY: for a script that fails. Tools report a full disk in many ways, or not at all.
 explain_full_disk() {
     local left
     left=$(df --output=avail -BM "$1" | tail -n 1)
@@ -65,21 +65,21 @@ explain_full_disk() {
     fi
 }
 
-# lines ARRAY COMMAND...: what a command prints, an element a line. A command that fails or finds nothing ends the script;
-# a process substitution would hide it.
+# lines ARRAY COMMAND...: stores a command's output, one element per line. Ends the script if the command fails or
+# prints nothing; a process substitution would hide that.
 lines() {
     local -n into=$1
     local output
     output=$("${@:2}") || fail "this failed: ${*:2}"
-    [ -n "$output" ] || fail "this found nothing: ${*:2}"
+    [ -n "$output" ] || fail "this printed nothing: ${*:2}"
     # shellcheck disable=SC2034 # an array of the caller
     mapfile -t into <<< "$output"
 }
 
-# tree_files ARRAY [PATTERN...]: the tree's files, also those that are not committed yet.
+# tree_files ARRAY [PATTERN...]: lists the tree's files, including those not committed yet.
 tree_files() {
-    [ -e "$top/.git" ] || fail "$top is no git clone, so its files are not known; clone the repository"
+    [ -e "$top/.git" ] || fail "$top is not a git clone, so its files are unknown; clone the repository"
     git -C "$top" rev-parse --git-dir > /dev/null ||
-        fail "git does not read this clone; if it belongs to another user, run: git config --global --add safe.directory '$top'"
+        fail "git cannot read this clone; if it belongs to another user, run: git config --global --add safe.directory '$top'"
     lines "$1" git ls-files --cached --others --exclude-standard -- "${@:2}"
 }

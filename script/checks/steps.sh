@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What script/test and script/check share: steps that are counted, each with a log of its own in build/test-logs, and
-# the closing line. To be sourced from the top folder.
+# Shared by script/test and script/check: counted steps, each with its own log in build/test-logs, and the last line.
+# Source it from the top folder.
 
 logs=build/test-logs
 passed=0
@@ -8,7 +8,7 @@ failed=0
 jobs=$(nproc)
 mkdir -p "$logs"
 
-# Each job is a process group of its own: what it starts ends with it, and all of it with the script, whatever ends that.
+# Each job is its own process group, so that what it starts ends with it, and every job ends with the script.
 set -m
 end_jobs() {
     exec 2> /dev/null # the shell's own remarks on jobs that were ended
@@ -21,7 +21,7 @@ trap end_jobs EXIT
 trap 'echo "$this_script: interrupted" >&2; exit 130' INT
 trap 'echo "$this_script: ended" >&2; exit 143' TERM HUP
 
-# run LOG COMMAND...: beside the shell, which a signal would otherwise reach only afterwards.
+# run LOG COMMAND...: runs in the background, so that the shell handles signals at once.
 run() {
     "${@:2}" > "$1" 2>&1 < /dev/null &
     wait $!
@@ -61,16 +61,16 @@ ctest_suite() {
     bad=$(grep -E 'Test +#[0-9]+: .*\*\*\*' "$logs/$step.log" | grep -cvF '***Skipped' || true)
     [ "$good" -gt 0 ] || bad=$((bad + 1))
     record "$step" "$good" "$bad" $((SECONDS - start))
-    # Those that need root, when it is not root that runs them.
+    # Tests that need root are skipped otherwise.
     sed -nE 's/.* Test +#[0-9]+: ([^ ]+) .*\*\*\*Skipped.*/  skipped: \1/p' "$logs/$step.log"
 }
 
-# build PRESET [OPTION...]: gives way to the boards that run beside it.
+# build PRESET [OPTION...]: builds with a lower priority than the boards that run meanwhile.
 build() {
     cmake --preset "$1" && nice -n 5 cmake --build --preset "$1" -j "$jobs" "${@:2}"
 }
 
-# The last line, and the status: 0 when nothing failed.
+# Prints the last line. Returns 0 if nothing failed.
 close() {
     echo "$passed passed, $failed failed"
     [ "$failed" -eq 0 ]
