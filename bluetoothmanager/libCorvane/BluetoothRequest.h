@@ -58,8 +58,8 @@ public:
 protected:
     std::atomic<bool> cancelFlag;
     /// Deliberate: a plain bool that the request's thread writes and others read without
-    /// synchronisation. It is only polled, and reading it late does no harm. The thread sanitizer's
-    /// suppressions name it.
+    /// synchronisation. It is only polled, and reading it late does no harm. Named in the thread
+    /// sanitizer's suppressions.
     bool runningFlag;
     std::string requestName;
     std::function<void(BluetoothRequestAnswers)> answerCallback;
