@@ -1,5 +1,6 @@
 #include "BluetoothManager.h"
 
+#include "Handles.h"
 #include "Logging.h"
 #include "RadioWirings.h"
 #include "Shell.h"
@@ -16,7 +17,6 @@
 
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 using corvane::EnableLine;
 using corvane::RadioWiring;
@@ -120,25 +120,23 @@ bool BluetoothManager::hciattach(bool attach) {
 
 bool BluetoothManager::hciUp() const {
     // Without a socket every query fails and the loop times out.
-    const int hciSocket = socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI);
+    const corvane::Descriptor hciSocket(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, BTPROTO_HCI));
     const std::uint16_t number = hciNumber();
     for (unsigned attempt = 0; attempt < upAttempts; ++attempt) {
         hci_dev_info info{};
         info.dev_id = number;
-        if (ioctl(hciSocket, HCIGETDEVINFO, &info) < 0) {
+        if (ioctl(hciSocket.get(), HCIGETDEVINFO, &info) < 0) {
             CORVANE_INFO("Scanning for " << hciName << "...");
         } else if ((info.flags & (1U << HCI_UP)) != 0) {
-            close(hciSocket);
             CORVANE_INFO(hciName << " is up.");
             return true;
         } else {
             const corvane::SignalsBlocked uninterrupted;
-            ioctl(hciSocket, HCIDEVUP, number);
+            ioctl(hciSocket.get(), HCIDEVUP, number);
             CORVANE_INFO("Waiting for " << hciName << " to become up");
         }
         sleepUninterrupted(upPause);
     }
-    close(hciSocket);
     CORVANE_ERROR("Timeout trying to bring up " << hciName);
     return false;
 }

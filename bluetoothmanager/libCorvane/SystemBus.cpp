@@ -10,7 +10,6 @@
 #include <vector>
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace corvane {
 
@@ -95,11 +94,8 @@ GDBusConnection* connect() {
 // host's record locks on that file when the duplicate is closed.
 int lackOfDescriptors(unsigned wanted) {
     if (wanted == 0) return 0;
-    const int probe = eventfd(0, EFD_CLOEXEC);
-    if (probe < 0) return errno;
-    const int lack = lackOfDescriptors(wanted - 1);
-    close(probe);
-    return lack;
+    const Descriptor probe(eventfd(0, EFD_CLOEXEC));
+    return probe.get() < 0 ? errno : lackOfDescriptors(wanted - 1);
 }
 
 GDBusConnection* openSystemBus() {

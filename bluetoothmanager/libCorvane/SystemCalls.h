@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Handles.h"
+
 #include <array>
 #include <csignal>
 
@@ -35,36 +37,25 @@ private:
 /// @return the descriptor to use; -1 if there was none or no other is free
 inline int aboveStandardStreams(int descriptor) {
     if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
-    const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    close(descriptor);
-    return moved;
+    const Descriptor low(descriptor);
+    return fcntl(low.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
 /// Keeps descriptors 0, 1 and 2 taken while it exists, for descriptors that we cannot move.
 class StandardStreamsReserved {
 public:
     StandardStreamsReserved() {
-        for (int descriptor = 0; descriptor < 3; ++descriptor) {
-            if (fcntl(descriptor, F_GETFD) != -1) continue;
+        for (int number = 0; number < 3; ++number) {
+            if (fcntl(number, F_GETFD) != -1) continue;
+            Descriptor opened(open("/dev/null", O_RDWR | O_CLOEXEC));
             // open() returns this number unless another thread was faster.
-            const int opened = open("/dev/null", O_RDWR | O_CLOEXEC);
-            if (opened == descriptor) {
-                reserved.at(static_cast<unsigned>(descriptor)) = true;
-            } else if (opened >= 0) {
-                close(opened);
-            }
+            if (opened.get() == number)
+                reserved.at(static_cast<unsigned>(number)) = std::move(opened);
         }
     }
-    ~StandardStreamsReserved() {
-        for (int descriptor = 0; descriptor < 3; ++descriptor) {
-            if (reserved.at(static_cast<unsigned>(descriptor))) close(descriptor);
-        }
-    }
-    StandardStreamsReserved(const StandardStreamsReserved&) = delete;
-    StandardStreamsReserved& operator=(const StandardStreamsReserved&) = delete;
 
 private:
-    std::array<bool, 3> reserved{};
+    std::array<Descriptor, 3> reserved;
 };
 
 }  // namespace corvane

@@ -39,16 +39,15 @@ bool takeSnapshot() {
         return true;
     }
     unlink(snapshotFile);
-    const int created =
-        open(snapshotFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (created < 0) return false;
+    const corvane::Descriptor created(
+        open(snapshotFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (created.get() < 0) return false;
     // cp changes this impossible modification time unless it has nothing to copy.
     const std::array<timespec, 2> untouched{};
-    futimens(created, untouched.data());
+    futimens(created.get(), untouched.data());
     corvane::runShell(std::string("cp ") + corvane::systemLog + " " + snapshotFile);
     struct stat status {};
-    if (fstat(created, &status) == 0 && status.st_mtim.tv_sec == 0) unlink(snapshotFile);
-    close(created);
+    if (fstat(created.get(), &status) == 0 && status.st_mtim.tv_sec == 0) unlink(snapshotFile);
     return true;
 }
 
