@@ -2,8 +2,10 @@
 
 #include "Bluez.h"
 #include "Handles.h"
-#include "Logging.h"
+#include "LogAppender.h"
 #include "SystemBus.h"
+
+#include <log4cplus/loggingmacros.h>
 
 #include <algorithm>
 #include <cstring>
@@ -112,8 +114,7 @@ int BluetoothManager::bluezAdapterCallMethod(const char* method, const char* dev
                                                  bluez::adapterInterface, method, arguments)
                                           : noPath(device);
     if (!error) return 0;
-    CORVANE_ERROR("bluezAdapterCallMethod"
-                  << " : " << messageOf(*error));
+    LOG4CPLUS_ERROR(LogAppender::getLogger(), "bluezAdapterCallMethod : " << messageOf(*error));
     return 1;
 }
 
@@ -121,8 +122,7 @@ int BluetoothManager::bluezDeviceCallMethod(const char* method, const char* devi
     const ErrorPtr error = call(current(dbusConnection), devicePath(devicePart),
                                 bluez::deviceInterface, method, nullptr);
     if (!error) return 0;
-    CORVANE_ERROR("bluezDeviceCallMethod"
-                  << " : " << messageOf(*error));
+    LOG4CPLUS_ERROR(LogAppender::getLogger(), "bluezDeviceCallMethod : " << messageOf(*error));
     return 1;
 }
 
@@ -140,8 +140,7 @@ int BluetoothManager::bluezAgentCallMethod(const char* method, const char* capab
                                       bluez::agentManagerInterface, method, arguments())
                                : ownError(G_IO_ERROR_INVALID_ARGUMENT, "not a valid capability");
     if (!error) return 0;
-    CORVANE_ERROR("bluezAgentCallMethod"
-                  << " : " << messageOf(*error));
+    LOG4CPLUS_ERROR(LogAppender::getLogger(), "bluezAgentCallMethod : " << messageOf(*error));
     return 1;
 }
 
@@ -149,9 +148,9 @@ int BluetoothManager::bluezAdapterSetProperty(const char* property, GVariant* va
     const ErrorPtr error = setProperty(current(dbusConnection), bluez::adapterPath,
                                        bluez::adapterInterface, property, value);
     if (!error) return 0;
-    CORVANE_ERROR("bluezAdapterSetProperty"
-                  << " " << (property != nullptr ? property : "")
-                  << " failed : " << messageOf(*error));
+    LOG4CPLUS_ERROR(LogAppender::getLogger(), "bluezAdapterSetProperty "
+                                                  << (property != nullptr ? property : "")
+                                                  << " failed : " << messageOf(*error));
     return 1;
 }
 
@@ -162,7 +161,6 @@ int BluetoothManager::bluezDeviceSetProperty(const char* devicePart, const char*
     if (!error) return 0;
     // Deliberate: unlike for the adapter, only the caller's record names the property; searches of
     // field logs rely on both forms. Held by PropertyWrites.LogTheWriteThenTheProperty.
-    CORVANE_ERROR("bluezDeviceSetProperty"
-                  << " : " << messageOf(*error));
+    LOG4CPLUS_ERROR(LogAppender::getLogger(), "bluezDeviceSetProperty : " << messageOf(*error));
     return 1;
 }

@@ -1,6 +1,8 @@
 #include "BluetoothManager.h"
 
-#include "Logging.h"
+#include "LogAppender.h"
+
+#include <log4cplus/loggingmacros.h>
 
 #include <algorithm>
 
@@ -29,20 +31,20 @@ std::shared_ptr<BluetoothConnectionInfo> BluetoothManager::getDeviceInfo(
 }
 
 std::string BluetoothManager::getDeviceMacAddress(BluetoothDeviceListType type, std::string name) {
-    CORVANE_TRACE("Searching for " << name << " MAC address");
+    LOG4CPLUS_TRACE(LogAppender::getLogger(), "Searching for " << name << " MAC address");
     const BluetoothConnectionInfo* match = find(getBluetoothDeviceList(type), name);
     return match == nullptr ? std::string() : match->macAddress;
 }
 
 BluetoothMajorDeviceClassType BluetoothManager::getMajorDeviceClass(BluetoothDeviceListType type,
                                                                     std::string name) {
-    CORVANE_TRACE("Searching for " << name << " class");
+    LOG4CPLUS_TRACE(LogAppender::getLogger(), "Searching for " << name << " class");
     const BluetoothConnectionInfo* match = find(getBluetoothDeviceList(type), name);
     return match == nullptr ? MAJOR_CLASS_OTHER : getMajorDeviceClass(*match);
 }
 
 bool BluetoothManager::searchForDevicesName(BluetoothDeviceListType type, std::string name) {
-    CORVANE_TRACE("Searching for " << name << "...");
+    LOG4CPLUS_TRACE(LogAppender::getLogger(), "Searching for " << name << "...");
     return find(getBluetoothDeviceList(type), name) != nullptr;
 }
 
@@ -58,11 +60,12 @@ bool BluetoothManager::isPlaybackDevice(const BluetoothConnectionInfo& info) {
     // Deliberate: only five of the minor class's six bits; bit 7 is ignored. Do not widen. Held by
     // IsPlaybackDevice.IgnoresBit7.
     const std::uint32_t minorClass = (info.deviceClass >> 2) & 0x1F;
-    CORVANE_DEBUG(signature << " minor device class of " << info.name << " : " << minorClass);
+    LOG4CPLUS_DEBUG(LogAppender::getLogger(),
+                    signature << " minor device class of " << info.name << " : " << minorClass);
     if (minorClass != wearableHeadset && minorClass != handsFree && minorClass != loudspeaker &&
         minorClass != headphones) {
         return false;
     }
-    CORVANE_DEBUG(signature << info.name << " is a playback device");
+    LOG4CPLUS_DEBUG(LogAppender::getLogger(), signature << info.name << " is a playback device");
     return true;
 }

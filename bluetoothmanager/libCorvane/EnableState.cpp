@@ -1,9 +1,11 @@
 #include "BluetoothManager.h"
 
-#include "Logging.h"
+#include "LogAppender.h"
 #include "RadioWirings.h"
 #include "Shell.h"
 #include "hwcommon/fileUtil.h"
+
+#include <log4cplus/loggingmacros.h>
 
 #include <string>
 
@@ -17,8 +19,8 @@ bool BluetoothManager::getEnabled() const {
 }
 
 void BluetoothManager::setEnabled(bool enable, bool forced) {
-    CORVANE_DEBUG("setEnabled"
-                  << " : " << enable << (forced ? " (forced)" : ""));
+    LOG4CPLUS_DEBUG(LogAppender::getLogger(),
+                    "setEnabled : " << enable << (forced ? " (forced)" : ""));
     // Deliberate: `forced` does not override this check; it only lowers the shared line too. Held
     // by SetEnabled.DoesNothingWhenTheSettingIsUnchanged.
     if (hwcommon::fileUtil::exists(flagFile) && getEnabled() == enable) return;

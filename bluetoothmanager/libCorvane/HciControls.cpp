@@ -1,11 +1,12 @@
 #include "BluetoothManager.h"
 
-#include "Logging.h"
+#include "LogAppender.h"
 #include "SystemCalls.h"
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
+#include <log4cplus/loggingmacros.h>
 
 #include <algorithm>
 #include <array>
@@ -46,18 +47,18 @@ int setDeviceOption(int hciSocket, unsigned long command, std::uint32_t option) 
 std::uint32_t BluetoothManager::adapterSetClass(std::uint32_t classOfDevice) {
     const int device = openHciDevice();
     if (device == -1) {
-        CORVANE_ERROR("Can not open the bluetooth device");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Can not open the bluetooth device");
         return 0;
     }
     classDescriptors.push_back(device);
     const corvane::SignalsBlocked uninterrupted;
     std::array<std::uint8_t, 3> before{};
     if (hci_read_class_of_dev(device, before.data(), classTimeout) == -1) {
-        CORVANE_ERROR("Can not read HCI class");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Can not read HCI class");
         return 0;
     }
     if (hci_write_class_of_dev(device, classOfDevice, classTimeout) == -1) {
-        CORVANE_ERROR("Can not set HCI class");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Can not set HCI class");
         return 0;
     }
     return (std::uint32_t{before[2]} << 16) | (std::uint32_t{before[1]} << 8) | before[0];
@@ -66,13 +67,13 @@ std::uint32_t BluetoothManager::adapterSetClass(std::uint32_t classOfDevice) {
 bool BluetoothManager::adapterSetDiscoverableMode(BluetoothAdapterScanMode /*mode*/) const {
     const int hciSocket = openHciSocket();
     if (hciSocket < 0) {
-        CORVANE_ERROR("Can't open HCI socket.");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Can't open HCI socket.");
         return false;
     }
     // Deliberate: always off. The appliance becomes discoverable only through BlueZ's Discoverable
     // property, while it waits for a pairing. Held by RawHci.ScanModeIsAlwaysOff.
     if (setDeviceOption(hciSocket, HCISETSCAN, SCAN_DISABLED) < 0) {
-        CORVANE_ERROR("Can't set scan mode on hci");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Can't set scan mode on hci");
         return false;
     }
     return true;
@@ -81,11 +82,11 @@ bool BluetoothManager::adapterSetDiscoverableMode(BluetoothAdapterScanMode /*mod
 bool BluetoothManager::preventRoleSwitch() const {
     const int hciSocket = openHciSocket();
     if (hciSocket < 0) {
-        CORVANE_ERROR("Can't open HCI socket.");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Can't open HCI socket.");
         return false;
     }
     if (setDeviceOption(hciSocket, HCISETLINKMODE, HCI_LM_ACCEPT | HCI_LM_MASTER) < 0) {
-        CORVANE_ERROR("Can't set MASTER mode on hci");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Can't set MASTER mode on hci");
         return false;
     }
     return true;

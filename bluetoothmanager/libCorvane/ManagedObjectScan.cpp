@@ -2,8 +2,10 @@
 
 #include "Bluez.h"
 #include "Handles.h"
-#include "Logging.h"
+#include "LogAppender.h"
 #include "SystemBus.h"
+
+#include <log4cplus/loggingmacros.h>
 
 #include <algorithm>
 #include <array>
@@ -157,7 +159,7 @@ void BluetoothManager::bluezListDevices(GDBusConnection* connection, GAsyncResul
                                ? nullptr
                                : g_dbus_connection_call_finish(connection, result, nullptr));
     if (!reply) {
-        CORVANE_ERROR("Unable to get result for GetManagedObjects");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "Unable to get result for GetManagedObjects");
         g_main_loop_quit(loop);
         return;
     }

@@ -1,7 +1,7 @@
 #include "BluetoothManager.h"
 
 #include "Handles.h"
-#include "Logging.h"
+#include "LogAppender.h"
 #include "RadioWirings.h"
 #include "Shell.h"
 #include "SystemCalls.h"
@@ -9,6 +9,7 @@
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
+#include <log4cplus/loggingmacros.h>
 
 #include <cerrno>
 #include <charconv>
@@ -72,8 +73,8 @@ bool BluetoothManager::enableGpio(bool enable, bool forced) {
         if (line.shared && !enable && !forced) continue;
         if (line.name != nullptr) {
             if (static_cast<int>(gpioManager.getValue(line.pin)) == level) continue;
-            CORVANE_DEBUG("enableGpio"
-                          << " : " << line.name << " = " << enable);
+            LOG4CPLUS_DEBUG(LogAppender::getLogger(),
+                            "enableGpio : " << line.name << " = " << enable);
         }
         if (gpioManager.setValue(line.pin, static_cast<GPIO::Value>(level)) != 1) success = false;
     }
@@ -87,7 +88,7 @@ void BluetoothManager::loadModules(bool load) {
     }
     if (hwcommon::fileUtil::exists(corvane::hciDevice)) return;
     const RadioWiring& wiring = wiringOf(hardwareVariant);
-    CORVANE_DEBUG("loadModules" << wiring.loadingMessage);
+    LOG4CPLUS_DEBUG(LogAppender::getLogger(), "loadModules" << wiring.loadingMessage);
     if (wiring.waitsForWifi) {
         // The modules are loaded even if the interface never appears.
         for (unsigned i = 0;
@@ -126,17 +127,17 @@ bool BluetoothManager::hciUp() const {
         hci_dev_info info{};
         info.dev_id = number;
         if (ioctl(hciSocket.get(), HCIGETDEVINFO, &info) < 0) {
-            CORVANE_INFO("Scanning for " << hciName << "...");
+            LOG4CPLUS_INFO(LogAppender::getLogger(), "Scanning for " << hciName << "...");
         } else if ((info.flags & (1U << HCI_UP)) != 0) {
-            CORVANE_INFO(hciName << " is up.");
+            LOG4CPLUS_INFO(LogAppender::getLogger(), hciName << " is up.");
             return true;
         } else {
             const corvane::SignalsBlocked uninterrupted;
             ioctl(hciSocket.get(), HCIDEVUP, number);
-            CORVANE_INFO("Waiting for " << hciName << " to become up");
+            LOG4CPLUS_INFO(LogAppender::getLogger(), "Waiting for " << hciName << " to become up");
         }
         sleepUninterrupted(upPause);
     }
-    CORVANE_ERROR("Timeout trying to bring up " << hciName);
+    LOG4CPLUS_ERROR(LogAppender::getLogger(), "Timeout trying to bring up " << hciName);
     return false;
 }

@@ -1,18 +1,20 @@
 #include "BluetoothManager.h"
 
-#include "Logging.h"
+#include "LogAppender.h"
+
+#include <log4cplus/loggingmacros.h>
 
 #include <future>
 #include <utility>
 
 bool BluetoothManager::makeRequest(std::shared_ptr<BluetoothRequest> request) {
     if (currentRequest && currentRequest->isStillRunning()) {
-        CORVANE_DEBUG("Ongoing Bluetooth request: " << currentRequest->getRequestName());
+        LOG4CPLUS_DEBUG(LogAppender::getLogger(),
+                        "Ongoing Bluetooth request: " << currentRequest->getRequestName());
         return false;
     }
     if (!request) {
-        CORVANE_ERROR("makeRequest"
-                      << " : no request given");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "makeRequest : no request given");
         return false;
     }
     if (requestThread.joinable()) requestThread.detach();

@@ -2,11 +2,13 @@
 
 #include "Bluez.h"
 #include "Capabilities.h"
-#include "Logging.h"
+#include "LogAppender.h"
 #include "RadioWirings.h"
 #include "Shell.h"
 #include "SystemBus.h"
 #include "hwcommon/DBusProxy.h"
+
+#include <log4cplus/loggingmacros.h>
 
 using corvane::quoted;
 using corvane::runShell;
@@ -37,8 +39,8 @@ bool BluetoothManager::setBluetoothDaemon(bool on) {
     // --compat and --noplugin=input: the HID daemon serves input devices instead of BlueZ.
     runShell(startOf(corvane::bluezDaemon) + " -- --compat --noplugin=input");
     if (dbusProxy->waitUntilDBusNameExist(corvane::bluez::busName, busNameTimeout)) return true;
-    CORVANE_ERROR("setBluetoothDaemon"
-                  << " : Cannot start bluetooth daemon!");
+    LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                    "setBluetoothDaemon : Cannot start bluetooth daemon!");
     return false;
 }
 
@@ -63,11 +65,9 @@ void BluetoothManager::setBluetoothServices(bool on) const {
 }
 
 bool BluetoothManager::setBluetoothComponents(bool enable) {
-    CORVANE_DEBUG("setBluetoothComponents"
-                  << " : " << enable);
+    LOG4CPLUS_DEBUG(LogAppender::getLogger(), "setBluetoothComponents : " << enable);
     if (!enable) {
-        CORVANE_DEBUG("setBluetoothComponents"
-                      << " : Disabling all..");
+        LOG4CPLUS_DEBUG(LogAppender::getLogger(), "setBluetoothComponents : Disabling all..");
         adapterActivate(false);
         hciattach(false);
         setBluetoothServices(false);
@@ -77,29 +77,29 @@ bool BluetoothManager::setBluetoothComponents(bool enable) {
     }
 
     if (!hciattach(true))
-        CORVANE_ERROR("setBluetoothComponents"
-                      << " : hciattach failed");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(), "setBluetoothComponents : hciattach failed");
     if (!setBluetoothDaemon(true)) {
-        CORVANE_ERROR("setBluetoothComponents"
-                      << " : setBluetoothDaemon failed");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                        "setBluetoothComponents : setBluetoothDaemon failed");
     }
     setBluetoothServices(true);
     if (!dbusProxy->waitUntilDBusNameExist(messageBusName, busNameTimeout)) {
-        CORVANE_ERROR("setBluetoothComponents"
-                      << " : waitUntilDBusNameExist(FREEDESKTOP_DBUS_NAME) failed");
+        LOG4CPLUS_ERROR(
+            LogAppender::getLogger(),
+            "setBluetoothComponents : waitUntilDBusNameExist(FREEDESKTOP_DBUS_NAME) failed");
     }
     corvane::store(dbusConnection, corvane::acquireSystemBus());
     if (dbusConnection == nullptr) {
         // Deliberate: null is stored but not unreferenced, because GLib would log a critical
         // warning. Held by WithoutABus.BringUpEndsBeforeTheAdapterAndWorksWhenTheBusIsBack.
-        CORVANE_ERROR("setBluetoothComponents"
-                      << " : Not able to get connection to system bus");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                        "setBluetoothComponents : Not able to get connection to system bus");
         return false;
     }
 
     if (!adapterActivate(true)) {
-        CORVANE_ERROR("setBluetoothComponents"
-                      << " : adapterActivate failed");
+        LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                        "setBluetoothComponents : adapterActivate failed");
     }
     bool configured = false;
     if (agentRegister(true) && adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE) && eeprom) {
@@ -108,8 +108,8 @@ bool BluetoothManager::setBluetoothComponents(bool enable) {
         if (adapterSetName(name.c_str())) {
             configured = adapterSetPairable(true) && adapterSetPairableTimeout(0);
             if (!configured) {
-                CORVANE_ERROR("setBluetoothComponents"
-                              << " : failed to configure pairable properties");
+                LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                                "setBluetoothComponents : failed to configure pairable properties");
             }
             adapterSetClass(adapterClass);
         }

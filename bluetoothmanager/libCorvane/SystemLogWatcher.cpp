@@ -1,10 +1,12 @@
 #include "BluetoothManager.h"
 
 #include "Handles.h"
-#include "Logging.h"
+#include "LogAppender.h"
 #include "RadioWirings.h"
 #include "Shell.h"
 #include "SystemCalls.h"
+
+#include <log4cplus/loggingmacros.h>
 
 #include <array>
 #include <cerrno>
@@ -71,8 +73,8 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
     const auto start = steady_clock::now();
     const bool comparable = takeSnapshot();
     if (!action()) {
-        CORVANE_TRACE("execAndWaitForSystemLog"
-                      << " log monitoring skipped: " << pattern);
+        LOG4CPLUS_TRACE(LogAppender::getLogger(),
+                        "execAndWaitForSystemLog log monitoring skipped: " << pattern);
         return false;
     }
 
@@ -83,20 +85,20 @@ bool BluetoothManager::execAndWaitForSystemLog(std::function<bool()> action, std
         // Without a snapshot of ours the file is not read: it may be a FIFO.
         if (const corvane::PipePtr pipe{comparable ? popen(command.c_str(), "r") : nullptr}) {
             if (printsSomething(pipe.get())) {
-                CORVANE_TRACE("execAndWaitForSystemLog"
-                              << " found : " << pattern);
+                LOG4CPLUS_TRACE(LogAppender::getLogger(),
+                                "execAndWaitForSystemLog found : " << pattern);
                 return true;
             }
         } else {
-            CORVANE_ERROR("execAndWaitForSystemLog"
-                          << " command failed: " << command);
+            LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                            "execAndWaitForSystemLog command failed: " << command);
         }
         const auto elapsed =
             std::chrono::duration_cast<nanoseconds>(steady_clock::now() - start).count() / 1000000;
         if (std::int64_t{timeout} < elapsed) {
-            CORVANE_ERROR("execAndWaitForSystemLog"
-                          << " : Timeout while waiting for '" << pattern << "' in "
-                          << corvane::systemLog);
+            LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                            "execAndWaitForSystemLog : Timeout while waiting for '"
+                                << pattern << "' in " << corvane::systemLog);
             return false;
         }
         if (waitCondition.wait(pollInterval, false) != corvane::waitTimedOut) return false;

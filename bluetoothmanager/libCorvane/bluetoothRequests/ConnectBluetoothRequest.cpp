@@ -1,8 +1,10 @@
 #include "BluetoothManager.h"
 
-#include "Logging.h"
+#include "LogAppender.h"
 #include "bluetoothRequests/ConnectBluetoothRequest.h"
 #include "hwcommon/DBusBluetoothHidProxy.h"
+
+#include <log4cplus/loggingmacros.h>
 
 #include <algorithm>
 #include <utility>
@@ -62,11 +64,13 @@ bool ConnectBluetoothRequest::toggleAudioDevices() {
 
     for (const BluetoothConnectionInfo& other : connected) {
         if (manager.isPlaybackDevice(other) && other.name != deviceName) {
-            CORVANE_DEBUG(toggleSignature << " Disconnecting " << other.name);
+            LOG4CPLUS_DEBUG(LogAppender::getLogger(),
+                            toggleSignature << " Disconnecting " << other.name);
             manager.disconnectDevice(other.macAddress.c_str());
         }
     }
-    CORVANE_DEBUG(toggleSignature << " Trying to connect to " << target->name);
+    LOG4CPLUS_DEBUG(LogAppender::getLogger(),
+                    toggleSignature << " Trying to connect to " << target->name);
     return manager.connectDevice(target->macAddress.c_str());
 }
 
