@@ -35,17 +35,3 @@ void BluetoothManager::addNewDeviceToList(BluetoothDeviceListType type,
                                           BluetoothConnectionInfo info) {
     getBluetoothDeviceList(type).push_back(std::move(info));
 }
-
-BluetoothMajorDeviceClassType BluetoothManager::getMajorDeviceClass(BluetoothConnectionInfo info) {
-    // The major class is five bits, 8 to 12 (Bluetooth Assigned Numbers, Baseband).
-    switch ((info.deviceClass >> 8) & 0x1F) {
-        case 1:
-            return MAJOR_CLASS_COMPUTER;
-        case 2:
-            return MAJOR_CLASS_PHONE;
-        case 4:
-            return MAJOR_CLASS_AUDIO_VIDEO;
-        default:
-            return MAJOR_CLASS_OTHER;
-    }
-}

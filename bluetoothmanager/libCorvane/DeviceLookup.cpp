@@ -14,12 +14,6 @@ const BluetoothConnectionInfo* find(const std::vector<BluetoothConnectionInfo>& 
     return match == list.end() ? nullptr : &*match;
 }
 
-// Minor classes of the major class audio/video (Bluetooth Assigned Numbers, Baseband).
-constexpr std::uint32_t wearableHeadset = 1;
-constexpr std::uint32_t handsFree = 2;
-constexpr std::uint32_t loudspeaker = 5;
-constexpr std::uint32_t headphones = 6;
-
 }  // namespace
 
 const std::uint16_t BluetoothManager::appleVendorId;
@@ -51,21 +45,4 @@ bool BluetoothManager::searchForDevicesName(BluetoothDeviceListType type, std::s
 std::uint16_t BluetoothManager::getVendorId(BluetoothDeviceListType type, std::string name) {
     const BluetoothConnectionInfo* match = find(getBluetoothDeviceList(type), name);
     return match == nullptr ? std::uint16_t{0} : match->vendorId;
-}
-
-bool BluetoothManager::isPlaybackDevice(const BluetoothConnectionInfo& info) {
-    constexpr char signature[] =
-        "bool BluetoothManager::isPlaybackDevice(const BluetoothConnectionInfo&)";
-    if (getMajorDeviceClass(info) != MAJOR_CLASS_AUDIO_VIDEO) return false;
-    // Deliberate: only five of the minor class's six bits; bit 7 is ignored. Do not widen. Held by
-    // IsPlaybackDevice.IgnoresBit7.
-    const std::uint32_t minorClass = (info.deviceClass >> 2) & 0x1F;
-    LOG4CPLUS_DEBUG(LogAppender::getLogger(),
-                    signature << " minor device class of " << info.name << " : " << minorClass);
-    if (minorClass != wearableHeadset && minorClass != handsFree && minorClass != loudspeaker &&
-        minorClass != headphones) {
-        return false;
-    }
-    LOG4CPLUS_DEBUG(LogAppender::getLogger(), signature << info.name << " is a playback device");
-    return true;
 }

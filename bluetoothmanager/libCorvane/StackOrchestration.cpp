@@ -29,6 +29,27 @@ std::string stopOf(const char* daemon) { return std::string(corvane::killAndWait
 // Baseband).
 constexpr std::uint32_t adapterClass = 0x2100;
 
+void stopEverything(BluetoothManager& manager) {
+    manager.adapterActivate(false);
+    manager.hciattach(false);
+    manager.setBluetoothServices(false);
+    manager.setBluetoothDaemon(false);
+}
+
+/// Sets the adapter up as far as others see it: agent, scan mode, name. The first failure ends it.
+bool introduceAdapter(BluetoothManager& manager, eepromXML* identity) {
+    if (!manager.agentRegister(true)) return false;
+    if (!manager.adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE)) return false;
+    if (identity == nullptr) return false;
+    const std::string name = GetModelNameStringExternal(identity->GetModelType()) + " " +
+                             identity->GetSerialNumberString(false);
+    return manager.adapterSetName(name.c_str());
+}
+
+bool makePairable(BluetoothManager& manager) {
+    return manager.adapterSetPairable(true) && manager.adapterSetPairableTimeout(0);
+}
+
 }  // namespace
 
 bool BluetoothManager::setBluetoothDaemon(bool on) {
@@ -68,16 +89,14 @@ bool BluetoothManager::setBluetoothComponents(bool enable) {
     LOG4CPLUS_DEBUG(LogAppender::getLogger(), "setBluetoothComponents : " << enable);
     if (!enable) {
         LOG4CPLUS_DEBUG(LogAppender::getLogger(), "setBluetoothComponents : Disabling all..");
-        adapterActivate(false);
-        hciattach(false);
-        setBluetoothServices(false);
-        setBluetoothDaemon(false);
+        stopEverything(*this);
         corvane::releaseSystemBus(dbusConnection);
         return false;
     }
 
-    if (!hciattach(true))
+    if (!hciattach(true)) {
         LOG4CPLUS_ERROR(LogAppender::getLogger(), "setBluetoothComponents : hciattach failed");
+    }
     if (!setBluetoothDaemon(true)) {
         LOG4CPLUS_ERROR(LogAppender::getLogger(),
                         "setBluetoothComponents : setBluetoothDaemon failed");
@@ -102,17 +121,13 @@ bool BluetoothManager::setBluetoothComponents(bool enable) {
                         "setBluetoothComponents : adapterActivate failed");
     }
     bool configured = false;
-    if (agentRegister(true) && adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE) && eeprom) {
-        const std::string name = GetModelNameStringExternal(eeprom->GetModelType()) + " " +
-                                 eeprom->GetSerialNumberString(false);
-        if (adapterSetName(name.c_str())) {
-            configured = adapterSetPairable(true) && adapterSetPairableTimeout(0);
-            if (!configured) {
-                LOG4CPLUS_ERROR(LogAppender::getLogger(),
-                                "setBluetoothComponents : failed to configure pairable properties");
-            }
-            adapterSetClass(adapterClass);
+    if (introduceAdapter(*this, eeprom.get())) {
+        configured = makePairable(*this);
+        if (!configured) {
+            LOG4CPLUS_ERROR(LogAppender::getLogger(),
+                            "setBluetoothComponents : failed to configure pairable properties");
         }
+        adapterSetClass(adapterClass);
     }
     preventRoleSwitch();
     return configured;

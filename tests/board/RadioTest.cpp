@@ -237,8 +237,9 @@ TEST_F(Radio, SwitchingLeavesOnlyTheExpectedDescriptorsOpen) {
     manager().setEnabled(false, false);
     // Three for each switching on: the class's, the scan mode's and the link mode's.
     const std::multiset<std::string> after = board::openDescriptors();
-    EXPECT_EQ(after.size(), before.size() + 3) << "before: " << testing::PrintToString(before)
-                                               << "\nafter: " << testing::PrintToString(after);
+    EXPECT_EQ(after.size(), before.size() + 3)
+        << "before: " << testing::PrintToString(before)
+        << "\nafter: " << testing::PrintToString(after);
     EXPECT_TRUE(board::waitFor([] { return board::zombies() == 0; })) << board::zombies();
 }
 
