@@ -1,13 +1,13 @@
-# What a folder of host libraries uses to make itself known to libCorvane's build and its users.
+# Makes a folder of host libraries known to libCorvane's build and its users.
 
 set(corvane_cmake_folder ${CMAKE_CURRENT_LIST_DIR})
 
 # corvane_install_hostlibs(TARGET [PKGCONFIG MODULE...])
 #
-# Makes TARGET, a shared library with its headers in the file set HEADERS, the board's Corvane::HostLibs, and
-# installs it: the library (component runtime), the headers, a CMake package CorvaneHostLibs and a pkg-config file
-# corvane-host (component dev). libCorvane's own package files name these two, whosever host libraries they are.
-# Each MODULE is a pkg-config module that TARGET's headers include something of; TARGET is linked with it.
+# Makes TARGET, a shared library with its headers in the file set HEADERS, the board's Corvane::HostLibs. Installs the
+# library (component runtime), the headers, a CMake package CorvaneHostLibs and a pkg-config file corvane-host
+# (component dev). libCorvane's package files refer to these two names. Each MODULE is a pkg-config module that TARGET's
+# headers include; TARGET links it.
 function(corvane_install_hostlibs target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "PKGCONFIG")
   set(modules ${arg_PKGCONFIG})
@@ -38,7 +38,7 @@ function(corvane_install_hostlibs target)
     "$<TARGET_FILE_BASE_NAME:${target}>" "${pc_requires}")
 endfunction()
 
-# Installs NAME.pc, which finds its folders from where it stands itself, so that a staged tree works too.
+# Installs NAME.pc, which finds its folders relative to its own place, so that a staged tree works too.
 function(corvane_install_pkgconfig name description library requires)
   set(folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
   file(RELATIVE_PATH to_prefix "${CMAKE_INSTALL_PREFIX}/${folder}" "${CMAKE_INSTALL_PREFIX}")

@@ -105,7 +105,8 @@ std::string executableOf(int process) {
 
 namespace {
 
-/// What a folder holds. What goes while it is read is in the list or not, and no failure.
+/// Lists a folder. A file that disappears meanwhile may be missing from the list; that is no
+/// failure.
 std::vector<fs::path> entriesOf(const char* folder) {
     std::vector<fs::path> paths;
     std::error_code error;
@@ -123,7 +124,7 @@ void forEachProcess(const std::function<void(const std::string&, char)>& visit) 
         if (id.find_first_not_of("0123456789") != std::string::npos) continue;
         const std::string stat = fileContent(path / "stat");
         const std::size_t close = stat.rfind(") ");
-        if (close == std::string::npos) continue;  // gone meanwhile
+        if (close == std::string::npos) continue;  // it has ended meanwhile
         visit(executableOf(std::stoi(id)), stat[close + 2]);
     }
 }
@@ -151,7 +152,7 @@ std::multiset<std::string> openNow() {
         std::error_code gone;
         const std::string target = fs::read_symlink(path, gone);
         if (gone || target.rfind("/proc/", 0) == 0)
-            continue;  // another thread's; the iteration's own
+            continue;  // another thread's, or the iteration's own
         descriptors.insert(target.substr(0, target.find('[')));
     }
     return descriptors;
@@ -175,7 +176,7 @@ bool fileExists(const std::string& path) {
 }
 
 std::string fileContent(const std::string& path) {
-    // Reading fails for a process that ends meanwhile. This operator takes that for the end of the
+    // Reading fails for a process that ends meanwhile. This operator treats that as the end of the
     // file; the stream's iterators throw.
     std::ostringstream content;
     content << std::ifstream(path, std::ios::binary).rdbuf();

@@ -1,6 +1,5 @@
-// bluetoothd that ends at any moment, and a system bus that is restarted under the host process.
-// After each fault the radio is switched off and on: then all must be well. The tests run in one
-// process: the manager exists once.
+// bluetoothd dies at any moment, and the system bus restarts under the host process. After each
+// fault, off and on must cure everything. The tests share one process, because it has one manager.
 
 #include "Board.h"
 #include "Faults.h"
@@ -28,11 +27,11 @@ using std::chrono::seconds;
 
 constexpr char daemonProgram[] = "/usr/libexec/bluetooth/bluetoothd";
 constexpr char killDaemon[] = "killall -9 bluetoothd";
-// A daemon that does not answer holds a call for sure until it ends.
+// A stopped daemon holds a call until the daemon ends.
 constexpr char stopDaemon[] = "killall -STOP bluetoothd";
 constexpr char endBus[] =
     "killall dbus-daemon; while pidof dbus-daemon > /dev/null; do sleep 0.1; done";
-// The identity's service ends with its bus, and later tests need it.
+// The identity service ends with its bus; later tests need it.
 constexpr char newBus[] =
     "dbus-daemon --system --nopidfile; while pidof hardware-service > /dev/null; do sleep 0.1; "
     "done; "
@@ -41,7 +40,7 @@ constexpr char newBus[] =
     "until dbus-send --system --print-reply --dest=org.corvane.Hardware /org/corvane/Hardware "
     "org.corvane.Hardware1.GetHardwareInfo > /dev/null 2>&1; do sleep 0.1; done";
 
-/// A host's way to the HID service, as long-lived as the host.
+/// A host's HID proxy, which lives as long as the host.
 hwcommon::DBusBluetoothHidProxy* hidService() {
     static const auto connection = sdbus::createSystemBusConnection();
     static hwcommon::DBusBluetoothHidProxy proxy(*connection);
@@ -89,7 +88,7 @@ TEST_F(BusFault, DaemonThatCannotStartIsCuredByOffAndOn) {
     recoversAfter("mv /tmp/bluetoothd " + program);
 }
 
-/// Fills the lists; phone and loudspeaker are paired from the first time on.
+/// Fills the lists. Phone and loudspeaker are paired the first time.
 void knowDevices() {
     BluetoothManager& manager = BluetoothManager::getInstance();
     manager.setEnabled(true, false);
@@ -103,7 +102,7 @@ void knowDevices() {
     ASSERT_TRUE(manager.scanDevicesInfo());
 }
 
-/// Leaves the board to the next tests as it was.
+/// Restores the board for later tests.
 class NothingPaired : public testing::Environment {
 public:
     void TearDown() override {
@@ -120,7 +119,7 @@ public:
 struct RequestRow {
     const char* name;
     std::function<Started()> start;
-    bool endsByItself;  // otherwise it goes on until it is cancelled
+    bool endsByItself;  // otherwise it runs until cancelled
 };
 
 class DaemonHang : public Fault, public testing::WithParamInterface<RequestRow> {};
@@ -190,7 +189,7 @@ TEST_F(BusFault, ListsAreEmptyWhenTheBusStopsDuringAScan) {
     });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(manager().scanDevicesInfo());
-    // The call's own time limit is 25 s.
+    // The call's own timeout is 25 s.
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(24));
     EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 0U);
     ending.join();
@@ -208,13 +207,13 @@ TEST_F(BusFault, ListsAreEmptyWhenTheBusStopsDuringAScan) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // GLib's complaints end the test: there must be none.
+    // GLib's warnings end the test: there must be none.
     setenv("G_DEBUG", "fatal-criticals", 1);
     unlink("/tmp/bluetoothEnabled");
     testing::InitGoogleTest(&argc, argv);
     testing::AddGlobalTestEnvironment(new NothingPaired);
     const int status = RUN_ALL_TESTS();
     std::cout.flush();
-    // After a request the manager's destruction ends in std::terminate(); hosts leave like this.
+    // After a request, destroying the manager ends in std::terminate(), so leave as hosts do.
     std::quick_exit(status);
 }

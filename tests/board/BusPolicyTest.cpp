@@ -1,4 +1,4 @@
-// Who may use the host's services on the system bus: root, and the group bluetooth for their calls.
+// Permissions on the system bus: only root and the group bluetooth may call the host's services.
 
 #include "Board.h"
 
@@ -16,7 +16,7 @@ struct Caller {
 
 class BusPolicy : public testing::TestWithParam<Caller> {
 protected:
-    /// What dbus-send prints, started by the caller of this row.
+    /// Returns the output of dbus-send, run by this row's user.
     static std::string send(const std::string& arguments) {
         return board::run(std::string("setpriv --reuid nobody --regid nogroup ") +
                           GetParam().groups +

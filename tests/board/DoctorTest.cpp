@@ -1,5 +1,5 @@
-// corvanectl doctor: a board that is well, then one fault after the other, each named with its
-// remedy. What each row breaks, it mends again.
+// corvanectl doctor on a healthy board, then with one fault after another, each named with its
+// remedy. Each row repairs what it breaks.
 
 #include "Board.h"
 

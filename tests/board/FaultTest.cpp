@@ -1,6 +1,6 @@
-// Faults of the controller and of the tools that attach it. After each one the radio is switched
-// off, still with the fault, and on without it: then all must be well. The tests run in one
-// process: the manager exists once.
+// Faults of the controller and its attach tools. After each one the radio is switched off with the
+// fault and on without it; then everything must work. The tests share one process, because it has
+// one manager.
 
 #include "Board.h"
 #include "Faults.h"
@@ -26,12 +26,13 @@ bool isWiringOne() { return board::wiring() == 1; }
 
 std::string attachTool() { return isWiringOne() ? "/usr/bin/hciattach" : "/usr/bin/rtk_hciattach"; }
 
-/// Whether the lines are those expected, each as far as it is given.
+/// Checks that the lines match the expected ones, as far as those are given.
 void expectRecords(const std::string& records, const std::vector<std::string>& expected) {
     std::size_t at = 0;
     for (const std::string& record : expected) {
         const std::size_t found = records.find("ERROR " + record, at);
-        EXPECT_NE(found, std::string::npos) << record << "\nis not, or too early, in\n" << records;
+        EXPECT_NE(found, std::string::npos) << record << "\nis missing or too early in\n"
+                                            << records;
         at = found == std::string::npos ? at : found + 1;
     }
     std::size_t count = 0;
@@ -39,15 +40,15 @@ void expectRecords(const std::string& records, const std::vector<std::string>& e
     EXPECT_EQ(count, expected.size()) << records;
 }
 
-/// Something that goes wrong and is put right again.
+/// A fault, and how to repair it.
 struct Trouble {
     const char* name;
     std::string breaks, mends;
-    // Whether kernel and BlueZ know already, where they are told.
+    // Whether kernel and BlueZ already know, if they are told.
     bool (*isSeen)() = [] { return true; };
 };
 
-/// The kernel takes the reset for an error of the controller: it logs that and starts it afresh.
+/// The kernel takes the reset for a hardware error: it logs that and restarts the controller.
 bool isRestarted() {
     if (board::fileContent("/var/log/messages").find("hci0: hardware error") == std::string::npos) {
         return false;
@@ -65,8 +66,8 @@ const Trouble refusals{"Refusing", "peers radio refuse", "peers radio normal"};
 const Trouble aReset{"Resetting", "peers radio reset", "true", isRestarted};
 
 struct BeforeRow : Trouble {
-    bool hasDevice;      // hci0 is there all the same
-    const char* reason;  // why BlueZ does not switch it on
+    bool hasDevice;      // hci0 exists despite the fault
+    const char* reason;  // BlueZ's reason not to switch it on
 };
 
 class FaultBeforeBringUp : public Fault, public testing::WithParamInterface<BeforeRow> {};
@@ -96,7 +97,7 @@ namespace {
 
 constexpr char noAdapter[] = "GDBus.Error:org.freedesktop.DBus.Error.UnknownObject";
 
-/// A tool in the attach tool's place.
+/// Replaces the attach tool.
 std::string replacedBy(const std::string& script) {
     const std::string tool = attachTool();
     return "mv " + tool + " /tmp/tool; printf '#!/bin/sh\\n" + script + "\\n' > " + tool +
@@ -106,7 +107,7 @@ std::string replacedBy(const std::string& script) {
 std::vector<BeforeRow> beforeRows() {
     const std::string tool = attachTool();
     const std::string putBack = "mv /tmp/tool " + tool;
-    // Where the attach tool asks the controller first, there is no hci0 without its answer.
+    // An attach tool that asks the controller first creates no hci0 without its answer.
     return {{silence, isWiringOne(), noAdapter},
             {refusals, isWiringOne(), noAdapter},
             {{"NoAttachTool", "mv " + tool + " /tmp/tool", putBack}, false, noAdapter},
@@ -117,7 +118,7 @@ std::vector<BeforeRow> beforeRows() {
              "GDBus.Error:org.bluez.Error.Failed"}};
 }
 
-/// What a step answers and logs.
+/// A step's result and log records.
 struct Outcome {
     bool works = true;
     const char* record = nullptr;
@@ -152,7 +153,7 @@ TEST_P(FaultWhileOn, FailsTheStepsThatNeedTheController) {
     expectOutcome("power", manager().adapterActivate(true), GetParam().power);
     expectOutcome("scan mode", manager().adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE),
                   GetParam().scanMode);
-    // The class before, which it answers, may be 0 after a reset.
+    // It returns the previous class, which may be 0 after a reset.
     manager().adapterSetClass(0x2100);
     expectOutcome("class", records.errors().empty(), GetParam().deviceClass);
     expectOutcome("link mode", manager().preventRoleSwitch(), GetParam().linkMode);
@@ -172,7 +173,7 @@ std::vector<WhileOnRow> whileOnRows() {
     const Trouble attachToolDies{
         "AttachToolDies", "killall -9 " + attachTool().substr(std::string("/usr/bin/").size()),
         "true", hasNoAdapter};
-    // The kernel keeps the link mode, and BlueZ knows a silent controller as powered.
+    // The kernel keeps the link mode, and BlueZ still considers a silent controller powered.
     return {{silence, well, noScanMode, noClass, well, noSearch},
             {refusals, well, noScanMode, noClass, well, noSearch},
             {aReset, well, well, well, well, well},
@@ -213,7 +214,7 @@ TEST_F(Fault, VanishingControllerDuringBringUpIsCuredByOffAndOn) {
 }
 
 int main(int argc, char** argv) {
-    // GLib's complaints end the test: there must be none.
+    // GLib's warnings end the test: there must be none.
     setenv("G_DEBUG", "fatal-criticals", 1);
     unlink("/tmp/bluetoothEnabled");
     testing::InitGoogleTest(&argc, argv);

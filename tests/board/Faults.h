@@ -10,19 +10,18 @@
 #include <chrono>
 #include <string>
 
-/// Catches a call that never ends: none takes longer, with all its own time limits and on a machine
-/// that is busy otherwise.
+/// Catches a call that hangs: none takes longer, even with all its timeouts on a busy machine.
 constexpr std::chrono::minutes endsWithin{5};
 
-/// A fault's end: off, still with the fault, and on without it; then all must be well.
+/// A fault is cured by off, still with the fault, and on without it; then everything must work.
 class Fault : public testing::Test {
 protected:
     static BluetoothManager& manager() { return BluetoothManager::getInstance(); }
 
-    /// Runs commands that print only what goes wrong.
+    /// Runs commands that print only errors.
     static void onBoard(const std::string& commandLine) { EXPECT_EQ(board::run(commandLine), ""); }
 
-    /// @param mend  what ends the fault, if it does not end by itself
+    /// @param mend  the command that repairs the fault; empty if it ends by itself
     void recoversAfter(const std::string& mend = "true") {
         const auto start = std::chrono::steady_clock::now();
         manager().setEnabled(false, false);

@@ -1,6 +1,6 @@
-// The radio as the board shows it, from the first command after boot to rounds of off and on.
-// The tests are the stations of one session and run in this order, in one process: the manager
-// exists once.
+// The radio as the board shows it, from the first command after boot to repeated off and on. The
+// tests are steps of one session: they run in this order and share one process, because it has one
+// manager.
 
 #include "BluetoothManager.h"
 
@@ -39,14 +39,14 @@ std::string attachProgram() {
     return board::wiring() == 1 ? "/usr/bin/hciattach" : "/usr/bin/rtk_hciattach";
 }
 
-/// What the controller was told while `action` ran, as btmon prints it.
+/// Returns what the controller was sent during `action`, as btmon prints it.
 template <class Action>
 std::string traced(const Action& action) {
     board::run(
         "rm -f /tmp/btmon.snoop; start-stop-daemon -S -b -N 19 -m -p /tmp/btmon.pid -x "
         "/usr/bin/btmon -- "
         "-w /tmp/btmon.snoop");
-    // Behind the file's head of 16 bytes comes what the kernel says to each new listener.
+    // The kernel's greeting to a new listener follows the 16-byte file header.
     EXPECT_TRUE(board::waitFor([] { return board::fileContent("/tmp/btmon.snoop").size() > 16; }));
     action();
     board::run("start-stop-daemon -K -R 60 -p /tmp/btmon.pid");
@@ -64,12 +64,11 @@ TEST_F(Radio, OffAsTheFirstCommandRunsEveryStep) {
     EXPECT_EQ(board::fileContent(flagFile), "0");
     EXPECT_TRUE(
         records.has(log4cplus::DEBUG_LOG_LEVEL, "setBluetoothComponents : Disabling all.."));
-    // The constructor's connection is still good, though no bring-up had taken one.
+    // The constructor's connection still works, although no bring-up has taken one.
     EXPECT_TRUE(manager().scanDevicesInfo());
 }
 
-// Comes before the first switching on: the descriptors that this leaves open keep the bluetooth
-// module in use.
+// Must run before the first switch-on, whose open descriptors keep the bluetooth module in use.
 TEST_F(Radio, AirplaneModeUnloadsTheModulesAndLowersEveryLine) {
     manager().setAirplaneMode(true);
     for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 0) << line;
@@ -91,8 +90,8 @@ TEST_F(Radio, OnConfiguresTheAdapterAndTheController) {
                 linkMode.find("MASTER") != std::string::npos)
         << linkMode;
 
-    // What bluetoothd tells the kernel when the agent is registered, and what the controller is
-    // told: no scan, then the class.
+    // bluetoothd tells the kernel the agent's capability; the controller is told no scan, then the
+    // class.
     EXPECT_NE(trace.find("Capability: NoInputNoOutput (0x03)"), std::string::npos);
     const std::size_t scanMode =
         trace.find("Scan enable: No Scans (0x00)",
@@ -101,8 +100,7 @@ TEST_F(Radio, OnConfiguresTheAdapterAndTheController) {
         "Class: 0x002100", trace.find("< HCI Command: Write Class of Device (0x03|0x0024)"));
     EXPECT_LT(scanMode, deviceClass) << trace;
     EXPECT_NE(deviceClass, std::string::npos) << trace;
-    // BlueZ writes a class of its own when the audio bridge, which takes its time, registers its
-    // profiles.
+    // BlueZ writes its own class when the audio bridge registers its profiles, which takes time.
     if (!runsAudioBridge()) {
         EXPECT_EQ(classNow, "0x002100");
     }
@@ -117,7 +115,7 @@ TEST_F(Radio, OnStartsTheDaemonsWithTheirPidFiles) {
     for (const std::string& daemon : daemons) {
         const std::string name = daemon.substr(daemon.rfind('/') + 1);
         const std::string pidFile = "/var/run/" + name + ".pid";
-        // start-stop-daemon returns before what it starts in the background.
+        // start-stop-daemon returns before the background process has started.
         EXPECT_TRUE(board::waitFor([&] {
             const int pid = std::atoi(board::fileContent(pidFile).c_str());
             return pid > 0 && board::executableOf(pid) == daemon;
@@ -163,7 +161,7 @@ TEST_F(Radio, CancellingAScanAnswersAtOnce) {
     Started scan = Started::make<ScanBluetoothRequest>();
     ASSERT_TRUE(board::waitFor([] { return board::adapterProperty("Discovering") == "true"; }));
     manager().cancelRequest();
-    // A scan that goes on to its end succeeds.
+    // A scan that runs to its end succeeds.
     const int answer = scan.answer();
     EXPECT_TRUE(answer == REQUEST_FAILED || answer == REQUEST_CANCELLED) << answer;
     EXPECT_TRUE(board::waitFor([] { return board::adapterProperty("Discovering") == "false"; }));
@@ -182,7 +180,7 @@ TEST_F(Radio, PairsAndForgetsADevice) {
     ASSERT_TRUE(manager().scanDevicesInfo());
     EXPECT_FALSE(manager().searchForDevicesName(ALL_DEVICES, "Speaker"));
     EXPECT_FALSE(manager().deletePairedDevice(speaker->macAddress.c_str()));
-    // The loudspeaker's user does the same, or it would refuse the next pairing.
+    // The loudspeaker must forget too, or it would refuse the next pairing.
     EXPECT_EQ(board::run("peers speaker forget"), "");
     EXPECT_TRUE(records.has(log4cplus::ERROR_LOG_LEVEL, "Not able to remove device"));
 }
@@ -227,7 +225,7 @@ TEST_F(Radio, ForcedOffLowersTheLineThatWifiShares) {
 }
 
 TEST_F(Radio, SwitchingLeavesOnlyTheExpectedDescriptorsOpen) {
-    // The first round settles what is opened once (log, bus).
+    // The first round opens what is opened only once (log, bus).
     manager().setEnabled(true, false);
     manager().setEnabled(false, false);
     const std::multiset<std::string> before = board::openDescriptors();
@@ -235,22 +233,21 @@ TEST_F(Radio, SwitchingLeavesOnlyTheExpectedDescriptorsOpen) {
     manager().setEnabled(true, false);
     expectSwitchedOn(records);
     manager().setEnabled(false, false);
-    // Three for each switching on: the class's, the scan mode's and the link mode's.
+    // Three per switch-on: for class, scan mode and link mode.
     const std::multiset<std::string> after = board::openDescriptors();
-    EXPECT_EQ(after.size(), before.size() + 3)
-        << "before: " << testing::PrintToString(before)
-        << "\nafter: " << testing::PrintToString(after);
+    EXPECT_EQ(after.size(), before.size() + 3) << "before: " << testing::PrintToString(before)
+                                               << "\nafter: " << testing::PrintToString(after);
     EXPECT_TRUE(board::waitFor([] { return board::zombies() == 0; })) << board::zombies();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    // GLib's complaints end the test: there must be none.
+    // GLib's warnings end the test: there must be none.
     setenv("G_DEBUG", "fatal-criticals", 1);
     testing::InitGoogleTest(&argc, argv);
     const int status = RUN_ALL_TESTS();
     std::cout.flush();
-    // After a request the manager's destruction ends in std::terminate(); hosts leave like this.
+    // After a request, destroying the manager ends in std::terminate(), so leave as hosts do.
     std::quick_exit(status);
 }

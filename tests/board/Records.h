@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-/// The records that the library writes while this object lives, from DEBUG up.
+/// The library's records from DEBUG up, while this object exists.
 class Records {
 public:
     Records();
@@ -13,17 +13,17 @@ public:
     Records(const Records&) = delete;
     Records& operator=(const Records&) = delete;
 
-    /// Whether a record has exactly this level and message.
+    /// Tells whether a record has exactly this level and message.
     bool has(log4cplus::LogLevel level, const std::string& message) const;
 
-    /// The messages of all records, one a line with its level in front.
+    /// Returns all records, one per line, with the level first.
     std::string all() const;
 
-    /// The same of the ERROR records only.
+    /// Returns the ERROR records only.
     std::string errors() const;
 
-    /// The same without those of a Pairable that was told "Busy": BlueZ sets it itself at that
-    /// moment, and the adapter shows that it did.
+    /// Returns the ERROR records without those of a "Busy" Pairable: BlueZ sets it itself at that
+    /// moment, as the adapter shows.
     std::string faults() const;
 
     void clear();
@@ -33,6 +33,6 @@ private:
     Appender* const appender;  // owned by the logger
 };
 
-/// Expects that the radio was switched on without a fault, and that the adapter is as it should be.
-/// @param records  those of the switching on
+/// Expects that the radio was switched on without a fault and the adapter is as it should be.
+/// @param records  the records of the switch-on
 void expectSwitchedOn(const Records& records);

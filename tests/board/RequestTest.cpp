@@ -1,6 +1,6 @@
-// The four requests against real remote devices, from pairing to music. The tests are the stations
-// of one session and run in this order, in one process: the manager exists once, and devices stay
-// paired.
+// The four requests against real remote devices, from pairing to music. The tests are steps of one
+// session: they run in this order and share one process, because it has one manager and devices
+// stay paired.
 
 #include "BluetoothManager.h"
 
@@ -40,7 +40,7 @@ hwcommon::DBusBluetoothHidProxy* hidService() {
     return &proxy;
 }
 
-/// Commands to the remote devices, which live outside the board.
+/// Sends commands to the remote devices, which are outside the board.
 std::string peers(const std::string& command) { return board::run("peers " + command); }
 
 std::string addressOf(const std::string& name) {
@@ -63,7 +63,7 @@ bool disconnects(const std::string& name) {
     return board::waitFor([&] { return shows(name, "Connected: no"); });
 }
 
-/// Answers that a real run gave, for the summary at the end.
+/// The answers seen in this run, for the summary at the end.
 std::set<int>& answersSeen() {
     static std::set<int> seen;
     return seen;
@@ -81,7 +81,8 @@ int noted(int answer, const char* how) {
     return answer;
 }
 
-/// Plays a sine of that pitch for a while through the audio bridge. @return what the player said
+/// Plays a sine of this pitch through the audio bridge.
+/// @return the player's output
 std::string play(unsigned hertz, unsigned forSeconds, const std::string& address) {
     constexpr unsigned rate = 44100;
     constexpr double loudness = 8000;
@@ -99,7 +100,7 @@ std::string play(unsigned hertz, unsigned forSeconds, const std::string& address
                       " -t raw -f S16_LE -r 44100 -c 2 " + file);
 }
 
-/// The number behind "NAME=" in a line of such pairs; -1 when it is not there.
+/// Returns the number after "NAME="; -1 if there is none.
 int numberOf(const std::string& name, const std::string& line) {
     const std::size_t at = line.find(name + "=");
     return at == std::string::npos ? -1 : std::atoi(line.c_str() + at + name.size() + 1);
@@ -111,8 +112,8 @@ protected:
 };
 
 TEST_F(Requests, ScanFindsTheDevices) {
-    // The emulated controller takes whoever paired first for the one who starts every later
-    // pairing: a fresh one lets the phone be that.
+    // The emulated controller treats whoever paired first as the initiator of every later pairing:
+    // with a new one that is the phone.
     ASSERT_EQ(peers("refresh-radio"), "");
     manager().setEnabled(true, false);
     ASSERT_EQ(noted(Started::make<ScanBluetoothRequest>().answer(), "scan"), REQUEST_SUCCESS);
@@ -136,7 +137,7 @@ TEST_F(Requests, WaitEndsWhenThePhonePairs) {
 TEST_F(Requests, WaitCanBeCancelled) {
     Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
     ASSERT_TRUE(board::waitFor([&] { return wait.isRunning(); }));
-    // Three passes or more are behind it then, each with a scan of the lists.
+    // By then it has made at least three passes, each with a scan of the lists.
     ASSERT_FALSE(board::waitFor([&] { return !wait.isRunning(); }, 1500));
     manager().cancelRequest();
     const int answer = noted(wait.answer(), "wait-pair, cancelled");
@@ -229,7 +230,7 @@ TEST_F(Requests, AudioDeviceFallsBackToHid) {
 }
 
 TEST_F(Requests, DisconnectRetriesUntilCancelled) {
-    // The loudspeaker is known, but not connected: its address is not among the connected ones.
+    // The loudspeaker is known but not connected, so the connected list does not have its address.
     Started disconnect = Started::make<DisconnectBluetoothRequest>(hidService(), "Speaker");
     ASSERT_TRUE(board::waitFor([&] { return disconnect.isRunning(); }));
     EXPECT_FALSE(board::waitFor([&] { return !disconnect.isRunning(); }, 2000));
@@ -242,7 +243,7 @@ TEST_F(Requests, WaitTimesOutWhenNobodyPairs) {
     const auto start = steady_clock::now();
     Started wait = Started::make<WaitBluetoothPairingRequest>("Phone");
     EXPECT_EQ(noted(wait.answer(), "wait-pair, the phone did not come"), REQUEST_TIMEOUT);
-    // The adapter stays discoverable for 300 s, which is not what is waited for.
+    // The adapter stays discoverable for 300 s; the test does not wait for that.
     const auto took = steady_clock::now() - start;
     EXPECT_GT(took, seconds(60));
     EXPECT_LT(took, seconds(240));
@@ -255,14 +256,14 @@ TEST_F(Requests, VanishingDeviceFailsInsteadOfHanging) {
     peers("speaker return");
 }
 
-/// Whether a callback of `Request` may start another request.
+/// Tells whether a callback of `Request` may start another request.
 template <class Request, class... Arguments>
 bool callbackMayStartARequest(Arguments&&... arguments) {
     auto result = std::make_shared<std::promise<bool>>();
     auto accepted = result->get_future();
     const auto request = std::make_shared<Request>(
         [result](BluetoothRequestAnswers) {
-            // Of no class that is handled: it ends at once when it is accepted.
+            // An unhandled class: the request ends at once if it is accepted.
             result->set_value(manager().makeRequest(
                 std::make_shared<DisconnectBluetoothRequest>(nullptr, nullptr, "nobody")));
         },
@@ -298,6 +299,6 @@ int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     const int status = RUN_ALL_TESTS();
     std::cout.flush();
-    // After a request the manager's destruction ends in std::terminate(); hosts leave like this.
+    // After a request, destroying the manager ends in std::terminate(), so leave as hosts do.
     std::quick_exit(status);
 }

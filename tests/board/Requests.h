@@ -13,11 +13,11 @@
 #include <utility>
 #include <vector>
 
-/// A request that was started, and its one answer.
+/// A started request and its one answer.
 class Started {
 public:
-    /// Makes the request with a callback of its own and hands it to the manager.
-    /// @param arguments  what the request's constructor takes behind the callback
+    /// Builds the request with its own callback and passes it to the manager.
+    /// @param arguments  the arguments of the request's constructor after the callback
     template <class Request, class... Arguments>
     static Started make(Arguments&&... arguments) {
         auto promise = std::make_shared<std::promise<BluetoothRequestAnswers>>();
@@ -34,8 +34,8 @@ public:
 
     bool isRunning() const { return request->isStillRunning(); }
 
-    /// Waits for the answer and for the request's end. @return the answer; -1 when none came in
-    /// time
+    /// Waits for the answer and the end of the request.
+    /// @return the answer; -1 if none came in time
     int answer() {
         constexpr std::chrono::milliseconds time(board::patience);
         if (!accepted || answers.wait_for(time) != std::future_status::ready) return -1;
@@ -49,9 +49,9 @@ private:
     bool accepted = false;
 };
 
-/// Fills the lists and makes sure that devices of these names are in them, as many as are named. A
-/// scan finds all on a machine that is idle; on a busy one it may take some more. BlueZ forgets a
-/// device that is neither paired nor trusted 30 s after a search.
+/// Fills the lists until they contain all named devices. One scan finds all on an idle machine; a
+/// busy one may need more. BlueZ forgets a device that is neither paired nor trusted 30 s after a
+/// search.
 inline bool areNear(const std::vector<std::string>& names) {
     BluetoothManager& manager = BluetoothManager::getInstance();
     constexpr int scans = 10;

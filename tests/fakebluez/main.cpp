@@ -1,6 +1,6 @@
-// Stands in for the services that the library meets on the system bus: BlueZ, the hardware service
-// and the HID service. It has no state of its own: each call is noted, then answered by the newest
-// rule that fits.
+// Replaces the services that the library uses on the system bus: BlueZ, the hardware service and
+// the HID service. It has no state: each call is recorded, then answered by the newest rule that
+// matches.
 //
 // Usage: corvane-fakebluez [NAME...]
 //   Owns the bus names (without any: org.bluez, org.corvane.Hardware, org.corvane.BluetoothHid) on
@@ -26,9 +26,8 @@
 //                                  "NAME PATH INTERFACE.MEMBER ARGUMENTS"
 //   Forget()                       empties that list
 //
-// To begin with, BlueZ has an adapter, knows no device and agrees to whatever adapter and agent
-// manager are asked, the HID service connects and disconnects, and the hardware service answers an
-// empty text.
+// At first BlueZ has an adapter, knows no device and accepts every call on adapter and agent
+// manager; the HID service connects and disconnects; the hardware service returns an empty text.
 
 #include <gio/gio.h>
 
@@ -228,7 +227,7 @@ void serve(const MessagePtr& call) {
     send(errorFor(call, "org.freedesktop.DBus.Error.UnknownObject", "no rule for " + path));
 }
 
-// Runs on GDBus's own thread: hands each call over to the main loop, so that all else is
+// Runs on GDBus's thread. Passes each call to the main loop, so that everything else is
 // single-threaded.
 GDBusMessage* take(GDBusConnection* /*connection*/, GDBusMessage* message, gboolean incoming,
                    gpointer /*userData*/) {

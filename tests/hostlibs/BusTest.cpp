@@ -47,10 +47,10 @@ constexpr char hid[] = "/org/corvane/BluetoothHid";
 constexpr char address[] = "00:AA:01:00:00:42";
 constexpr char lateName[] = "org.corvane.Late";
 
-// For what is sure to come, on a machine that is busy otherwise.
+// The longest wait for something that must happen, on a busy machine.
 constexpr std::chrono::duration<unsigned, std::milli> longTime = 5min;
 
-/// A bus with the fake services on it, and the connection that a host lends: no event loop.
+/// A bus with the fake services, and the host's connection without an event loop.
 class HostBus : public testing::Test {
 protected:
     PrivateBus bus;
@@ -145,7 +145,7 @@ TEST_F(HostBus, FindsAnOwnedNameAtOnce) {
 
 namespace {
 
-/// bluetoothd just after its start: it owns its name, its adapter is not there yet.
+/// bluetoothd just after its start: it owns its name but has no adapter yet.
 class LateAdapter : public HostBus {
 protected:
     LateAdapter() { services.reply("/", "GetManagedObjects", "(@a{oa{sa{sv}}} {},)"); }
@@ -155,7 +155,7 @@ protected:
             return proxy.waitUntilDBusNameExist("org.bluez", 2 * longTime.count());
         });
     }
-    /// Waits until BlueZ was asked for its objects, once.
+    /// Waits until BlueZ has been asked for its objects once.
     void awaitQuestion() {
         const auto end = Clock::now() + longTime;
         while (services.countCalls("GetManagedObjects") == 0 && Clock::now() < end) {
@@ -233,7 +233,7 @@ TEST_F(HostBus, WaitsForANameUntilTheTimeout) {
     EXPECT_FALSE(proxy.waitUntilDBusNameExist("not a bus name", 0));
 }
 
-// Also with an event loop on the host's connection, which must not swallow the signal.
+// Repeated with an event loop on the host's connection, which must not swallow the signal.
 TEST_F(HostBus, EndsEveryWaitWhenTheNameComes) {
     connection->enterEventLoopAsync();
     bool found[2] = {false, false};
@@ -316,7 +316,7 @@ TEST(BusPolicy, LetsOnlyRootServe) {
                         "--config-file=" + configuration});
     setenv("DBUS_SYSTEM_BUS_ADDRESS", daemon.firstLine().c_str(), 1);
 
-    // How many of the two names a user gets, as the exit status.
+    // The exit status counts which of the two names a user gets.
     const auto namesOf = [](uid_t user) {
         const pid_t child = fork();
         if (child == 0) {

@@ -49,6 +49,6 @@ TEST(Condition, ReleasesEveryWaiter) {
     const auto notified = std::chrono::steady_clock::now();
     condition.notify();
     for (std::thread& waiter : waiters) waiter.join();
-    // Whoever is left asleep finds the flag set in the end, so only the time tells.
+    // A waiter left asleep would find the flag set at its timeout, so only the time shows it.
     for (const auto& end : released) EXPECT_LT(end - notified, std::chrono::minutes(5));
 }

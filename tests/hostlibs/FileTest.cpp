@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What goes wrong in the C library's calls below; they stand in for it in this whole program.
+// The fault of the C library's functions below, which replace the originals in this program.
 enum class Fault { NONE, INTERRUPTED, DISK_FULL, FSYNC_FAILS, RENAME_FAILS, KILLED };
 Fault fault = Fault::NONE;
 
@@ -28,7 +28,7 @@ int failWith(int error) {
     return -1;
 }
 
-/// Whether a signal interrupts this call: the first, the third and so on.
+/// Tells whether a signal interrupts this call: the first, the third and so on.
 bool isInterrupted() {
     static bool interrupted = false;
     interrupted = fault == Fault::INTERRUPTED && !interrupted;
@@ -68,7 +68,7 @@ extern "C" int rename(const char* from, const char* to) noexcept {
 
 namespace {
 
-/// An empty folder with a file in it.
+/// A folder with one file in it.
 class Files : public testing::Test {
 protected:
     Files() { std::ofstream(file) << "old"; }

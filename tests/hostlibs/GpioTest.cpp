@@ -16,7 +16,7 @@ using GPIO::Direction;
 using GPIO::GPIOManager;
 using GPIO::Value;
 
-// A GPIO library without a kernel behind it: chips by device path, their lines, what was done.
+// A GPIO library without a kernel: chips by device path, their lines, and the calls made.
 
 struct gpiod_line {
     bool busy = false;
@@ -134,8 +134,8 @@ int gpiod_line_set_value(gpiod_line* line, int level) {
 
 namespace {
 
-/// Chips 0, 2 and 10 with 4, 2 and 8 lines: pins 0 to 13. Lines stay held from test to test, as
-/// they do in a process, so the tests use different pins of chips that are never freed.
+/// Chips 0, 2 and 10 with 4, 2 and 8 lines: pins 0 to 13. Lines stay held until the process ends,
+/// so each test uses other pins, and chips are never freed.
 class GpioLines : public testing::Test {
 protected:
     GpioLines() {

@@ -26,7 +26,7 @@ std::string identity(const std::string& inner) { return "<identity>" + inner + "
 
 std::string complete() { return identity(std::string(model) + family + revision + serial); }
 
-/// A complete record but for another model element.
+/// A complete record except for the model element.
 std::string withModel(const std::string& element) {
     return identity(element + family + revision + serial);
 }

@@ -1,4 +1,4 @@
-// A host with a timer whose signal interrupts whatever waits: its handler does not restart calls.
+// A host with a timer whose signal handler does not restart interrupted calls.
 
 #include "LogAppender.h"
 #include "TestBus.h"
@@ -95,7 +95,7 @@ TEST(Interrupted, BusCallsGetTheirReplies) {
     EXPECT_GE(Clock::now() - start, 900ms);
 }
 
-// Standard error is a pipe whose reader is late: a write blocks, and is interrupted.
+// Standard error is a pipe with a slow reader: a write blocks and is interrupted.
 TEST(Interrupted, LogLosesNoRecord) {
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);

@@ -19,7 +19,7 @@ namespace {
 constexpr char address[] = "AA:BB:CC:DD:EE:FF";
 constexpr char refused[] = "org.bluez.Error.Failed";
 
-/// One operation, what it sends, and what it logs when BlueZ refuses.
+/// An operation, its message, and its log records when BlueZ refuses.
 struct Operation {
     const char* name;
     bool (*run)(BluetoothManager& manager);
@@ -108,8 +108,9 @@ const std::vector<Operation> agentSteps{
     {"RequestDefaultAgent", [](BluetoothManager& m) { return m.agentRegister(true); }, "",
      "bluezAgentCallMethod : ", "Not able to request default agent", agentCallSignature}};
 
-/// What BlueZ 5.66 documents for its methods (doc/adapter-api.txt, device-api.txt, agent-api.txt),
-/// behind "org.bluez.Error.", and the NotAvailable that Connect gives without a common profile.
+/// The errors that BlueZ 5.66 documents for its methods (doc/adapter-api.txt, device-api.txt,
+/// agent-api.txt), after "org.bluez.Error.", and the NotAvailable of a Connect without a common
+/// profile.
 const std::map<std::string, std::vector<std::string>> documentedErrors{
     {"StartDiscovery", {"NotReady", "Failed", "InProgress"}},
     {"StopDiscovery", {"NotReady", "Failed", "NotAuthorized"}},
@@ -123,9 +124,9 @@ const std::map<std::string, std::vector<std::string>> documentedErrors{
     {"RegisterAgent", {"InvalidArguments", "AlreadyExists"}},
     {"RequestDefaultAgent", {"DoesNotExist"}},
     {"UnregisterAgent", {"DoesNotExist"}}};
-/// It documents none for properties; these are the ones that its sources send.
+/// BlueZ documents none for properties; its sources send these.
 const std::vector<std::string> writeErrors{"Busy", "Failed", "InvalidArguments", "NotReady"};
-/// What any service, and the bus for it, may answer, behind "org.freedesktop.DBus.Error.".
+/// The errors of any service, and of the bus on its behalf, after "org.freedesktop.DBus.Error.".
 const std::vector<std::string> generalErrors{
     "UnknownObject", "UnknownMethod", "UnknownProperty", "PropertyReadOnly", "InvalidArgs",
     "AccessDenied",  "NoMemory",      "LimitsExceeded",  "Timeout"};
@@ -181,7 +182,7 @@ protected:
 
 TEST_P(BusFailure, FailsTheOperationButNoLaterOne) {
     constexpr char path[] = "/org/bluez*";
-    // The record when every call fails, and so the step before does.
+    // The record if every call fails, including the previous step.
     const std::string first =
         member == "RequestDefaultAgent" ? agentSteps[0].record : operation.record;
     const auto known = [this] { bluez.setDevices({{address, "Phone"}}); };
@@ -252,7 +253,7 @@ TEST_F(PropertyWrites, LogTheWriteThenTheProperty) {
 
 class BluezCalls : public ManagerTest {};
 
-// GDBus's own limit is 25 s; all wait at once.
+// GDBus's default timeout is 25 s; all calls wait at the same time.
 TEST_F(BluezCalls, FailAtTheBusTimeoutWithoutAReply) {
     manager();
     bluez.ignore("*", "*");
@@ -288,8 +289,8 @@ TEST_F(BluezCalls, ReplaceOnlyTheColonsOfAnAddress) {
     EXPECT_THROW(part(nullptr), std::logic_error);
 }
 
-// GDBus refuses to send such things with a critical warning and no error, or the bus closes the
-// connection of whoever sends them.
+// GDBus refuses to send these with a critical warning and no error, or the bus closes the sender's
+// connection.
 TEST_F(BluezCalls, FailForArgumentsThatCannotBeSent) {
     EXPECT_FALSE(manager().connectDevice("no address"));
     EXPECT_FALSE(manager().deletePairedDevice("no address"));

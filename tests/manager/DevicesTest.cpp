@@ -9,7 +9,7 @@ using namespace corvane::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// What a host in C++14 finds, see Cxx14Host.cpp.
+/// The value that a C++14 host sees, see Cxx14Host.cpp.
 const std::uint16_t& vendorIdInCxx14();
 
 namespace {

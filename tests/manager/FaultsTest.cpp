@@ -1,5 +1,5 @@
-// What the library survives when the services it lives on break under it. docs/faults.md lists
-// these tests, beside those of the single operations.
+// Faults of the services under the library. docs/faults.md lists these tests and those of single
+// operations.
 
 #include "Edges.h"
 #include "ManagerTest.h"
@@ -38,7 +38,7 @@ constexpr char noService[] = "GDBus.Error:org.freedesktop.DBus.Error.ServiceUnkn
 
 class Faults : public ManagerTest {
 protected:
-    /// With everything whole again: off and on leave nothing to complain about.
+    /// With everything repaired: off and on must leave no ERROR record.
     void expectRecovery() {
         bluez.setDevices(everyDevice);
         manager().setEnabled(false, false);
@@ -346,7 +346,7 @@ TEST_F(BusLoss, DuringADescriptorShortageIsCuredAfterIt) {
     expectRecovery();
 }
 
-// Without the services: their tests' own connection would have GDBus's thread running already.
+// Without the services: their tests' connection would already have started GDBus's thread.
 TEST(FirstUse, ThrowsWithoutDescriptorsAndSucceedsLater) {
     const PrivateBus bus;
     captureLog();

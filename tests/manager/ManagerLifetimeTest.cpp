@@ -57,7 +57,7 @@ TEST_F(ManagerLifetime, TwoThreadsAtOnceMakeOneManager) {
 }
 
 TEST_F(ManagerLifetime, HostAndLibraryShareOneManager) {
-    // The callback of a scan reaches the manager through the accessor as the library has it.
+    // The scan's callback reaches the manager through the library's copy of the accessor.
     bluez.setDevices({{"AA:BB:CC:DD:EE:FF", "Phone"}});
     BluetoothManager::getInstance().scanDevicesInfo();
     EXPECT_EQ(BluetoothManager::getInstance().getBluetoothDeviceListSize(ALL_DEVICES), 1U);
@@ -155,7 +155,7 @@ TEST_F(ManagerLifetime, ExitAfterARequestEndsInTerminate) {
 
 class Descriptors : public ManagerTest {
 protected:
-    /// Those that a program started now would inherit.
+    /// The descriptors that a new program would inherit.
     static std::set<int> inherited() {
         std::set<int> result;
         for (int descriptor = 0; descriptor < 1024; ++descriptor) {
@@ -177,7 +177,7 @@ TEST_F(Descriptors, ZeroToTwoStayFreeWhenTheHostClosedThem) {
         {
             for (int descriptor = 0; descriptor < 3; ++descriptor) close(descriptor);
             manager().setEnabled(true, false);
-            // GDBus's thread is a moment late in closing what a call needed.
+            // GDBus's thread closes what a call needed a moment later.
             const bool free = eventually([] {
                 return fcntl(0, F_GETFD) == -1 && fcntl(1, F_GETFD) == -1 &&
                        fcntl(2, F_GETFD) == -1;
@@ -264,7 +264,7 @@ TEST_F(BusReferences, SwitchingOffDropsOnlyABringUpsReference) {
         return static_cast<int>(g_atomic_int_get(&G_OBJECT(shared)->ref_count));
     };
     const auto before = references();
-    // GDBus's own thread holds one for a moment now and then.
+    // GDBus's thread may hold one for a moment.
     const auto becomes = [&](int more) {
         return eventually([&] { return references() == before + more; });
     };

@@ -31,7 +31,7 @@ std::string loading(const std::string& driver) {
 const std::string fnLinkModules = loading("bluetooth_uart_driver/hci_uart_rtk.ko");
 const std::string lairdModules = loading("hci_uart.ko");
 
-/// How many of the descriptors are open that stand for HCI sockets and devices here.
+/// Counts the open descriptors that represent HCI sockets and devices here.
 int openHci() {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -286,7 +286,7 @@ TEST_F(RawHci, NoSignalInterruptsARequestToTheController) {
     EXPECT_EQ(sigismember(&blocked, SIGALRM), 0) << "only meanwhile";
 }
 
-// Since Linux 5.15 such a descriptor keeps a controller that was detached, and its number with it.
+// Since Linux 5.15 such a descriptor keeps a detached controller and its number.
 TEST_F(RawHci, NextAttachReleasesDetachedControllers) {
     manager().adapterSetClass(0);
     manager().adapterSetClass(0);
@@ -388,7 +388,7 @@ TEST_F(SetEnabled, PersistsTheRequestEvenWhenBringUpFails) {
     EXPECT_EQ(edges().flagFile, "1");
 }
 
-// Such a file reads as off: on works, off is taken for done.
+// Such a file reads as off: switching on works, switching off does nothing.
 TEST_F(SetEnabled, FollowsAFlagFileThatCannotBeWrittenOrRead) {
     edges().flagFile = "0";
     edges().flagWritable = false;

@@ -22,7 +22,7 @@ namespace {
 
 constexpr char headset[] = "00:00:00:00:00:01";
 
-/// A request that a test holds up and lets go.
+/// A request that runs until the test releases it.
 class HeldRequest : public BluetoothRequest {
 public:
     using BluetoothRequest::BluetoothRequest;
@@ -135,7 +135,7 @@ TEST_F(RequestNames, DependOnTheConstructor) {
 
 class RequestsBackToBack : public ManagerTest {};
 
-// To be run under the address and the thread sanitizer as well.
+// Also meant for the address and the thread sanitizer.
 TEST_F(RequestsBackToBack, AnswerExactlyOnceWhateverIsCancelled) {
     constexpr int rounds = 100;
     std::mt19937 random(20261122);  // the same run each time
@@ -171,7 +171,7 @@ TEST_F(RequestsBackToBack, AnswerExactlyOnceWhateverIsCancelled) {
         }
         if (cancel && chance(4)) request->cancelRequest();
         start(request);
-        // Let some of them get further than others.
+        // Some of them should get further than others.
         if (cancel && chance(2)) {
             eventually([&, target = random() % 2000] { return random() % 2000 > target; });
         }

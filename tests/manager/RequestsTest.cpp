@@ -65,7 +65,7 @@ protected:
         return answers.next();
     }
 
-    /// The shape of a callback that asks for the next request.
+    /// A callback that starts the next request.
     template <class Request, class... Arguments>
     bool nextIsTakenFromTheCallback(Arguments&&... arguments) {
         bool running = false;
@@ -278,8 +278,8 @@ protected:
                " org.freedesktop.DBus.Properties.Set ('org.bluez.Device1', 'Trusted', <true>)";
     }
 
-    /// Starts a wait for the phone with the clock stopped; returns when it waits for the reply of
-    /// its first pass, which comes with letGo().
+    /// Starts a wait for the phone with the clock stopped. Returns when the first pass waits for
+    /// its reply, which letGo() sends.
     void startAndHold(const Device& device) {
         listDevices({device});
         bluez.setDevices({device}, 0, FakeBluez::untilLetGo);

@@ -16,7 +16,7 @@ namespace {
 
 constexpr char refused[] = "GDBus.Error:org.bluez.Error.Failed: No";
 
-/// The adapter's settings that were tried, in order.
+/// The adapter settings that were tried, in order.
 std::string settings(const std::vector<std::string>& events) {
     const std::vector<std::pair<const char*, const char*>> names{
         {"'Powered'", "power "},
@@ -41,7 +41,7 @@ std::string settings(const std::vector<std::string>& events) {
 
 struct BringUpCase {
     const char* name;
-    const char* member;  // the one that BlueZ refuses; null: an HCI call fails
+    const char* member;  // refused by BlueZ; null: an HCI call fails
     const char* hci;
     bool result;
     const char* tried;
@@ -249,7 +249,7 @@ TEST_F(SystemLogWatcher, ReadsOnAfterAnInterruption) {
     EXPECT_THAT(happened({Kind::SLEEP}), testing::IsEmpty()) << "the line is not missed";
 }
 
-/// With a system log, and commands that really run.
+/// With a system log and real commands.
 class SystemLogFile : public SystemLogWatcher {
 protected:
     SystemLogFile() {
@@ -267,7 +267,7 @@ protected:
         std::ifstream file(folder / name);
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    /// Whether the pattern is found after what the action does to the log.
+    /// Tells whether the pattern is found after the action has changed the log.
     bool finds(const std::string& pattern, const std::function<void()>& action) {
         const auto act = [&action] {
             action();

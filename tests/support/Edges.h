@@ -15,8 +15,8 @@
 
 namespace corvane::test {
 
-/// Everything that the library does to its machine other than over the bus, as told by
-/// Interposed.cpp: nothing reaches the machine that the test runs on.
+/// An action of the library on its machine, other than over the bus, as recorded by Interposed.cpp.
+/// Nothing reaches the machine that runs the test.
 enum class Kind { SHELL, GPIO, HCI, FILE, SLEEP, LOG, BUS };
 
 struct Event {
@@ -32,9 +32,9 @@ struct LogRecord {
     std::string function;
 };
 
-/// The machine that the library meets: what its calls find, and what they did.
+/// The machine as the library sees it: the results of its calls, and a record of them.
 ///
-/// A test sets the fields up before it calls the library; the events may be read at any time.
+/// A test sets the fields before it calls the library; it may read the events at any time.
 class Edges {
 public:
     // Files
@@ -94,20 +94,20 @@ private:
     std::vector<LogRecord> records;
 };
 
-/// The one machine of this process. Never destroyed: the library uses it while the process ends.
+/// The one machine of this process. Never destroyed: the library uses it at the end of the process.
 Edges& edges();
 
-/// std::chrono::steady_clock of the whole process, stopped and moved by hand.
+/// Replaces std::chrono::steady_clock in the whole process; stopped and advanced by hand.
 class Clock {
 public:
     static void stop();
     static void advance(std::chrono::nanoseconds by);
     static bool stopped();
-    /// How often it has been read: shows that a loop on the clock goes round.
+    /// The number of readings: shows that a loop on the clock runs.
     static std::int64_t reads();
 };
 
-/// Records everything that goes through the library's logger, from TRACE up, instead of printing.
+/// Records everything from TRACE up that passes the library's logger, instead of printing it.
 void captureLog();
 
 }  // namespace corvane::test

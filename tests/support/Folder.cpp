@@ -19,7 +19,7 @@ Folder::Folder() {
     where = pattern;
     keeper = fork();
     if (keeper == 0) {
-        setsid();  // a signal from the terminal is for the test
+        setsid();  // the terminal's signals are for the test only
         dup2(ends[0], STDIN_FILENO);
         execl("/bin/sh", "sh", "-c", "read -r _; rm -rf \"$0\"", pattern.c_str(), nullptr);
         _exit(127);

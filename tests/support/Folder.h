@@ -7,8 +7,8 @@
 
 namespace corvane::test {
 
-/// A folder for what a test writes. It goes with this object; should the process end before it, a
-/// keeper of its own removes it.
+/// A folder for a test's files. The destructor removes it, or a helper process if the test dies
+/// first.
 class Folder {
 public:
     Folder();
@@ -22,7 +22,7 @@ public:
 private:
     std::filesystem::path where;
     pid_t keeper = -1;
-    int lifeline = -1;  // the keeper waits for its end
+    int lifeline = -1;  // the helper waits for its end
 };
 
 }  // namespace corvane::test

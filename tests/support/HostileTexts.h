@@ -8,8 +8,8 @@
 
 namespace corvane::test {
 
-/// The texts of a folder below tests/hostile, by what they show: what a stranger may put into a
-/// device's name or modalias, byte for byte.
+/// Reads the texts in a folder of tests/hostile, by name: what a stranger may put into a device's
+/// name or modalias, byte for byte.
 inline std::map<std::string, std::string> hostileTexts(const std::string& folder) {
     std::map<std::string, std::string> texts;
     for (const auto& entry :

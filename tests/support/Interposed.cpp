@@ -1,6 +1,6 @@
-// The machine's side of every call by which the library reaches its machine. The test program
-// exports these definitions, so that the dynamic linker takes them in the place of the C library's,
-// libbluetooth's and the host libraries' own. No command runs, no file or radio is touched.
+// Replaces every function through which the library reaches its machine. The test program exports
+// them, so the dynamic linker uses them instead of those in the C library, libbluetooth and the
+// host libraries. No command runs; no file or radio is touched.
 
 #include "BluetoothManager.h"
 
@@ -50,28 +50,28 @@ Function* next(const char* name) {
 
 constexpr char snapshotPath[] = "/tmp/messages_ref";
 
-/// The path of the file that stands for this one; the path itself for all but the snapshot.
+/// Returns the path of the file that replaces this one; only the snapshot has another.
 std::string standIn(const char* path) {
     const bool moved = std::string_view(path) == snapshotPath && !edges().folder.empty();
     return moved ? edges().folder + "/messages_ref" : path;
 }
 
-/// The command with the folder that stands for those of the machine.
+/// Returns the command with the test's folder in place of the machine's.
 std::string inFolder(const char* command) {
     return std::regex_replace(command, std::regex("/tmp/|/var/log/"), edges().folder + "/");
 }
 
-/// A descriptor that counts as open and leads nowhere.
+/// Opens a descriptor that leads nowhere.
 int openNothing(int flags) { return open("/dev/null", O_RDWR | flags); }
 
-/// Notes a call that waits while a signal could interrupt it.
+/// Records a call that waits while a signal could interrupt it.
 void noteIfInterruptible(const char* request) {
     sigset_t blocked{};
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
     if (sigismember(&blocked, SIGALRM) == 0) edges().interruptible.insert(request);
 }
 
-/// What a command printed, behind as many interrupted reads as the test wants.
+/// A command's output, after as many interrupted reads as the test wants.
 FILE* printed(const std::string& output) {
     FILE* const file = std::tmpfile();
     std::fwrite(output.data(), 1, output.size(), file);
@@ -133,7 +133,7 @@ int system(const char* command) {
     machine.note(Kind::SHELL, command);
     if (machine.echoShell) std::fprintf(stderr, "%s\n", command);
     if (machine.onShell) machine.onShell(command);
-    // Whatever else is ordered has no place on the machine that the test runs on.
+    // Nothing else may run on the machine that runs the test.
     if (machine.folder.empty() || std::strncmp(command, "cp ", 3) != 0) return 0;
     return next<decltype(system)>("system")(inFolder(command).c_str());
 }

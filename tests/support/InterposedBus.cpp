@@ -1,5 +1,5 @@
-// The calls over the bus, which pass through unless a test says otherwise. Apart from the machine's
-// other side because the fuzz targets answer these calls themselves.
+// The calls over the bus, which pass through unless a test says otherwise. In a file of its own,
+// because the fuzz targets answer these calls themselves.
 
 #include "Edges.h"
 

@@ -115,7 +115,7 @@ BluetoothManager& ManagerTest::manager() {
 std::vector<std::string> ManagerTest::happened(std::initializer_list<Kind> kinds) {
     std::vector<Event> events = edges().events();
     for (auto& [time, text] : bluez.calls()) events.push_back({time, Kind::BUS, text});
-    // The library's calls are synchronous, so the time tells the order.
+    // The library's calls are synchronous, so sorting by time restores the order.
     std::stable_sort(events.begin(), events.end(),
                      [](const Event& a, const Event& b) { return a.time < b.time; });
     std::vector<std::string> texts;
@@ -155,13 +155,13 @@ void ManagerTest::listDevices(const std::vector<Device>& devices) {
 int main(int argc, char** argv) {
     testing::InitGoogleMock(&argc, argv);
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    // GLib prints a critical warning and goes on; here it is a failure.
+    // GLib prints a critical warning and continues; here it is a failure.
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
     const int result = RUN_ALL_TESTS();
     std::fflush(nullptr);
 #ifdef __SANITIZE_ADDRESS__
     __lsan_do_leak_check();
 #endif
-    // Not through exit(): with a request behind it the manager would end the process in terminate.
+    // Not exit(): after a request, destroying the manager would end in std::terminate().
     std::_Exit(result);
 }

@@ -19,21 +19,21 @@
 
 namespace corvane::test {
 
-/// Waits, on the wall clock, until the condition holds; false after five minutes.
+/// Waits on the wall clock until the condition holds; false after five minutes.
 bool eventually(const std::function<bool()>& condition);
 
-/// The entries of the fake's list of calls.
+/// Entries of the fake's list of calls.
 std::string adapterCall(const std::string& method, const std::string& arguments = "()");
 std::string adapterSet(const std::string& property, const std::string& value);
 std::string deviceCall(const std::string& address, const std::string& method);
 std::string agentCall(const std::string& method, const std::string& arguments);
 
-/// The answers that a request's callback gets.
+/// The answers passed to a request's callback.
 class Answers {
 public:
     std::function<void(BluetoothRequestAnswers)> callback();
     void note(BluetoothRequestAnswers answer);
-    /// Waits for one more answer; -1 after five minutes.
+    /// Waits for the next answer; -1 after five minutes.
     int next();
     std::size_t count();
 
@@ -44,8 +44,8 @@ private:
     std::size_t taken = 0;
 };
 
-/// A host's source on GLib's default main context. Counts how often it is run, and goes after a
-/// thousand times.
+/// A host's source on GLib's default main context. Counts its runs and removes itself after a
+/// thousand.
 class HostsSource {
 public:
     HostsSource();
@@ -59,28 +59,28 @@ private:
     GSource* source;
 };
 
-/// A process with its own bus, fake services and machine, in which the one manager is made by the
-/// first call of manager().
+/// A process with its own bus, fake services and machine. The first call of manager() creates the
+/// one manager.
 class ManagerTest : public testing::Test {
 protected:
     ManagerTest();
 
-    /// The board's identity. To be called before manager().
+    /// Sets the board's identity. Call it before manager().
     void useBoard(int modelType, int productFamily);
 
     BluetoothManager& manager();
 
-    /// What has happened since the manager was made or since forget(), in order.
+    /// The events since the manager's construction or forget(), in order.
     std::vector<std::string> happened(std::initializer_list<Kind> kinds);
     std::vector<std::string> log() { return happened({Kind::LOG}); }
-    /// The messages of the ERROR records alone; asks nobody on the bus.
+    /// The messages of the ERROR records only; asks nobody on the bus.
     static std::vector<std::string> errors();
     void forget();
 
-    /// Starts a request; waits for the one before to be over.
+    /// Starts a request after the previous one has ended.
     void start(std::shared_ptr<BluetoothRequest> request);
 
-    /// The manager's device lists, filled as a scan would.
+    /// Fills the manager's device lists as a scan would.
     void listDevices(const std::vector<Device>& devices);
 
     PrivateBus bus;

@@ -13,12 +13,12 @@ namespace {
 
 constexpr int mostLeft = 30;
 
-/// Takes the lowest descriptor from this one up.
+/// Takes the lowest free descriptor from this number up.
 int take(int from) { return fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, from); }
 
-/// Low descriptors that nobody else has, taken when the program starts. What is open below the
-/// limit stays open so: GDBus's thread closes some that it has used at a moment of its own, and
-/// each would be one more to have.
+/// Low descriptors that nobody else has, taken at program start. What is open below the limit must
+/// stay open: GDBus's thread closes some of its own with a delay, and each would be one more to
+/// have.
 std::vector<int> reserve() {
     std::vector<int> descriptors(mostLeft);
     for (int& descriptor : descriptors) descriptor = take(STDERR_FILENO + 1);
@@ -42,7 +42,7 @@ FewDescriptors::~FewDescriptors() {
         const int taken = take(descriptor);
         if (taken == descriptor) continue;
         close(taken);
-        // Somebody has it still, and it is theirs to close.
+        // It is in use; its owner will close it.
         reserved.erase(std::find(reserved.begin(), reserved.end(), descriptor));
     }
 }

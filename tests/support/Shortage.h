@@ -7,7 +7,7 @@
 
 namespace corvane::test {
 
-/// While it lives the process gets no descriptor more, or only so many, up to 30.
+/// While it exists the process gets no more descriptors, or only so many, up to 30.
 class FewDescriptors {
 public:
     explicit FewDescriptors(unsigned left = 0);
@@ -20,7 +20,7 @@ private:
     rlimit before{};
 };
 
-/// While it lives the process gets no thread more.
+/// While it exists the process gets no more threads.
 class NoThreads {
 public:
     NoThreads();

@@ -14,8 +14,8 @@
 
 namespace corvane::test {
 
-/// A child process: started by the constructor and start(), which return when it has printed its
-/// first line; ended by the destructor, or by the kernel should the test die before.
+/// A child process. The constructor and start() return when it has printed its first line; the
+/// destructor ends it, or the kernel if the test dies first.
 class Child {
 public:
     explicit Child(const std::vector<std::string>& command);
@@ -24,9 +24,9 @@ public:
     Child& operator=(const Child&) = delete;
 
     const std::string& firstLine() const { return line; }
-    /// Ends it now.
+    /// Ends it.
     void stop();
-    /// Starts it anew, after its end.
+    /// Starts it again after its end.
     void start();
 
 private:
@@ -35,14 +35,14 @@ private:
     std::string line;
 };
 
-/// A message bus that takes the system bus's place in this process and its children, from before
-/// the first use of the bus until the end of the process.
+/// A message bus that replaces the system bus for this process and its children, from before the
+/// first use of the bus until the end of the process.
 class PrivateBus {
 public:
     PrivateBus();
     const std::string& address() const { return where; }
     void stop() { daemon.stop(); }
-    /// The same address, another bus: nobody is on it.
+    /// Starts another bus at the same address, without anybody on it.
     void restart();
 
 private:
@@ -51,7 +51,7 @@ private:
     Child daemon;
 };
 
-/// A device as BlueZ would show it.
+/// A device as BlueZ shows it.
 struct Device {
     std::string address;
     std::string name;
@@ -61,15 +61,15 @@ struct Device {
     std::string modalias = "";
 
     std::string path() const;
-    /// Its entry of the reply to GetManagedObjects, in GVariant text form.
+    /// Returns its entry in the reply to GetManagedObjects, in GVariant text form.
     std::string object() const;
 };
 
-/// The fake services (tests/fakebluez says what they do), and the way to steer them.
+/// The fake services (see tests/fakebluez), and how to control them.
 class FakeBluez {
 public:
     using Milliseconds = std::chrono::milliseconds;
-    /// Delay of a reply that waits for letGo().
+    /// The delay of a reply that waits for letGo().
     static constexpr Milliseconds untilLetGo{G_MAXUINT};
 
     /// @param address  the private bus
@@ -83,24 +83,25 @@ public:
     void fail(const std::string& path, const std::string& member, const std::string& errorName,
               const std::string& message, unsigned times = 0, Milliseconds delay = Milliseconds(0));
     void ignore(const std::string& path, const std::string& member, unsigned times = 0);
-    /// The services end at such a call, after or instead of the answer.
+    /// Ends the services at such a call, after or instead of the reply.
     void crash(const std::string& path, const std::string& member, bool answered);
-    /// They end now.
+    /// Ends the services now.
     void stop() { process.stop(); }
-    /// They start anew, after their end, on the bus of the same address: no rule, no call is left.
+    /// Starts the services again at the same bus address, without rules and recorded calls.
     void restart();
     void own(const std::string& name);
     void release(const std::string& name);
     void emit(const std::string& path, const std::string& interface, const std::string& member,
               const std::string& body);
 
-    /// The devices that BlueZ knows, beside the adapter: listed, and agreeing to every call.
+    /// Sets the devices that BlueZ lists besides the adapter; they accept every call.
     void setDevices(const std::vector<Device>& devices, unsigned times = 0,
                     Milliseconds delay = Milliseconds(0));
 
-    /// What came in: monotonic time in microseconds, and "NAME PATH INTERFACE.MEMBER ARGUMENTS".
+    /// Returns the recorded calls: monotonic time in microseconds, "NAME PATH INTERFACE.MEMBER
+    /// ARGUMENTS".
     std::vector<std::pair<std::int64_t, std::string>> calls();
-    /// How many of them hold the text.
+    /// Counts the recorded calls that contain the text.
     int countCalls(const std::string& text);
     void letGo();
     void forget();

@@ -1,5 +1,5 @@
-// The radio module outside the board, with sockets for the two UARTs and a monitor that tells the
-// levels this test chooses.
+// The radio module outside the board, with sockets as UARTs and a monitor that reports the levels
+// chosen by the test.
 
 #include "RadioRelay.h"
 #include "UniqueFd.h"
@@ -48,7 +48,7 @@ protected:
         poller.add(remote.ours.get(),
                    [this](const std::uint8_t* data, std::size_t size) {
                        toRemote.append(reinterpret_cast<const char*>(data), size);
-                       // The other machine repeats each power packet once it has obeyed it.
+                       // The other machine echoes each power packet once it has obeyed it.
                        if (data[0] == board::H4_RADIO_POWER) {
                            poller.send(remote.ours.get(), data, size & ~std::size_t{1});
                        }
@@ -76,7 +76,7 @@ protected:
         poller.send(monitor.ours.get(), std::string(text));
     }
 
-    /// Lets everything happen that the relay would do in some polls of the lines.
+    /// Gives the relay time for several polls of the lines.
     void settle() {
         int ticks = 0;
         poller.setTick(1ms, [this, &ticks] {
@@ -157,7 +157,7 @@ TEST_F(RadioRelay, AlwaysHasPowerWithoutEnableLines) {
     start(1);
     settle();
     EXPECT_EQ(toRemote, on);
-    // A packet of our own from the board must not reach the other machine's switch.
+    // One of our own packets from the board must not reach the other machine's switch.
     EXPECT_EQ(boardSends(off + reset), reset);
 }
 

@@ -9,11 +9,11 @@ DEPENDS = "bluez5 glib-2.0 log4cplus sdbus-c++"
 
 inherit cmake externalsrc pkgconfig
 
-# The tree that this layer is part of. For another one, set EXTERNALSRC:pn-corvane.
+# The tree that contains this layer. For another one, set EXTERNALSRC:pn-corvane.
 EXTERNALSRC ?= "${@os.path.realpath('${THISDIR}/../../../..')}"
 EXTERNALSRC_BUILD ?= "${WORKDIR}/build"
 
-# A board's own host libraries: their folder here, and "corvanectl" alone in PACKAGECONFIG where they need neither
+# For a board's own host libraries, set their folder here, and PACKAGECONFIG to "corvanectl" if they need neither
 # libgpiod nor tinyxml2.
 CORVANE_HOSTLIBS ?= "${S}/hostlibs"
 
