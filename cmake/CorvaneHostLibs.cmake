@@ -20,7 +20,7 @@ function(corvane_install_hostlibs target)
   endforeach()
 
   add_library(Corvane::HostLibs ALIAS ${target})
-  target_compile_features(${target} PUBLIC cxx_std_17)
+  target_compile_features(${target} INTERFACE cxx_std_17)  # how it is compiled itself is its own choice
   set_target_properties(${target} PROPERTIES EXPORT_NAME HostLibs VERIFY_INTERFACE_HEADER_SETS ON)
   install(TARGETS ${target} EXPORT CorvaneHostLibsTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
