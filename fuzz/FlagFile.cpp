@@ -3,9 +3,9 @@
 #include "Edges.h"
 #include "Machine.h"
 
-#include <limits>
-#include <optional>
-#include <stdexcept>
+#include <algorithm>
+#include <exception>
+#include <typeinfo>
 
 using corvane::fuzz::manager;
 using corvane::fuzz::require;
@@ -14,67 +14,42 @@ using corvane::test::Kind;
 
 namespace {
 
-enum class Reading { on, off, noNumber, outOfRange };
-
-/// The setting by hand, to compare with: blanks, a sign, decimal digits; the rest does not count.
-Reading read(const std::string& content) {
-    const std::string text = content.substr(0, content.find('\0'));
-    std::size_t at = text.find_first_not_of(" \t\n\v\f\r");
-    if (at == std::string::npos) return Reading::noNumber;
-    const bool negative = text[at] == '-';
-    if (negative || text[at] == '+') ++at;
-    constexpr std::int64_t largest = std::numeric_limits<int>::max();
-    std::int64_t number = 0;
-    const std::size_t start = at;
-    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
-        if (number <= largest + 1) number = number * 10 + (text[at] - '0');
-    }
-    if (at == start) return Reading::noNumber;
-    if (number > largest + (negative ? 1 : 0)) return Reading::outOfRange;
-    return number == 1 && !negative ? Reading::on : Reading::off;
-}
-
+/// "on", "off" or the error.
 template <class Call>
-Reading outcomeOf(Call call) {
+std::string outcomeOf(Call call) {
     try {
-        return call() ? Reading::on : Reading::off;
-    } catch (const std::invalid_argument&) {
-        return Reading::noNumber;
-    } catch (const std::out_of_range&) {
-        return Reading::outOfRange;
+        return call() ? "on" : "off";
+    } catch (const std::exception& error) {
+        return typeid(error).name();
     }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    edges().busMissing = true;  // switching on ends where the radio's settings would begin
+    edges().busMissing = true;  // switching on stops before the radio's settings
     const std::string content(reinterpret_cast<const char*>(data), size);
-    const Reading expected = read(content);
     manager();
     edges().flagFile = content;
-    require(outcomeOf([] { return manager().getEnabled(); }) == expected, "the setting");
+    const std::string setting = outcomeOf([] { return manager().getEnabled(); });
+    require(setting != "on" || content.find('1') != std::string::npos, "only 1 means on");
 
     for (const bool enable : {false, true}) {
         edges().flagFile = content;
         edges().forget();
-        const Reading outcome = outcomeOf([enable] {
+        const std::string outcome = outcomeOf([enable] {
             manager().setEnabled(enable, false);
-            return edges().flagFile == "1";
+            return manager().getEnabled();
         });
-        bool acted = false;
-        for (const auto& event : edges().events()) acted = acted || event.kind == Kind::SHELL;
-        if (expected == Reading::noNumber || expected == Reading::outOfRange) {
-            require(outcome == expected && !acted,
-                    "a broken setting is told before anything is done");
-        } else {
-            const bool nothingToDo = (expected == Reading::on) == enable;
-            require(acted != nothingToDo, "it acts when the setting is another");
-            require(edges().flagFile == (nothingToDo ? content
-                                         : enable    ? "1"
-                                                     : "0"),
-                    "the setting is kept");
-        }
+        const auto events = edges().events();
+        const bool acted = std::any_of(events.begin(), events.end(),
+                                       [](const auto& event) { return event.kind == Kind::SHELL; });
+        const std::string wanted = enable ? "on" : "off";
+        const bool broken = setting != "on" && setting != "off";
+        require(outcome == (broken ? setting : wanted), "it is then set, or the same error");
+        require(acted == (!broken && setting != wanted), "it acts only to change the setting");
+        require(edges().flagFile == (acted ? (enable ? "1" : "0") : content),
+                "the file changes only with the setting");
     }
     edges().forget();
     return 0;

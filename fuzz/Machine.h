@@ -4,13 +4,12 @@
 
 namespace corvane::fuzz {
 
-/// Ends the process, which the fuzzer takes for a finding, unless the condition holds.
+/// Ends the process unless the condition holds; the fuzzer reports that as a finding.
 void require(bool holds, const char* what);
 
-/// The manager, made at the first call on a machine of this process's own: no command of the
-/// library reaches a shell, no file, line or radio is touched (tests/support/Interposed.cpp), and
-/// that is tried before anything else. The bus is a private one without any service; the log is
-/// kept in corvane::test::edges().
+/// The manager, on a simulated machine (tests/support/Interposed.cpp): its commands never reach a
+/// shell, and it touches no file, line or radio. The bus is private and empty;
+/// corvane::test::edges() keeps the log.
 BluetoothManager& manager();
 
 }  // namespace corvane::fuzz

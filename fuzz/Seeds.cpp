@@ -1,114 +1,103 @@
-// Writes the first inputs of managed-objects: replies as BlueZ would send them, and as it would
-// not.
-//
-// Usage: corvane-fuzz-seeds FOLDER
+#include "Seeds.h"
 
-#include "Bluez.h"
 #include "HostileTexts.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <fstream>
+using namespace std::string_literals;
 
-using namespace corvane::fuzz;
+namespace corvane::fuzz {
 
 namespace {
 
-struct Seed {
-    const char* name;
-    const char* body;  // in GVariant text form
-};
+using Inputs = std::map<std::string, std::string>;
 
-constexpr char phone[] =
-    "'Address': <'00:00:00:00:00:03'>, 'Name': <'Phone'>, 'Alias': <'an alias'>, "
-    "'Class': <uint32 5898764>, 'Paired': <true>, 'Connected': <true>, 'RSSI': <int16 -40>, "
-    "'UUIDs': <['0000110b-0000-1000-8000-00805f9b34fb']>, "
-    "'ManufacturerData': <{uint16 76: <b'\\x10\\x05'>}>, "
-    "'Modalias': <'bluetooth:v004Cp0269d0001'>";
-
-std::string object(const std::string& interfaces) {
-    return "(@a{oa{sa{sv}}} {'/org/bluez/hci0/dev_1': " + interfaces + "},)";
+Inputs flagFiles() {
+    return {{"below-int", "-2147483649"},
+            {"beyond-int", "2147483648"},
+            {"beyond-long", std::string(40, '9')},
+            {"blanks-before", " \t\n\v\f\r1\n"},
+            {"empty", ""},
+            {"hexadecimal", "0x1"},
+            {"invalid-utf8", "\xC2\xA0\x31"},
+            {"leading-zeros", std::string(40, '0') + '1'},
+            {"letters", "maybe"},
+            {"long", std::string(5000, ' ') + '1'},
+            {"minus-one", "-1"},
+            {"nul-behind", "1\0"s},
+            {"nul-first", "\0001"s},
+            {"off", "0"},
+            {"on", "1"},
+            {"plus", "+1"},
+            {"sign-alone", "-"},
+            {"sign-twice", "+-1"},
+            {"trailing", "1maybe"}};
 }
 
-std::string device(const std::string& properties) {
-    return object("{'org.bluez.Device1': {" + properties + "}}");
+std::string identity(const std::string& model, const std::string& serial) {
+    return "<identity><model>" + model +
+           "</model><family>2</family><revision>3</revision><serial>" + serial +
+           "</serial></identity>";
 }
 
-std::string folder;
-
-void write(const std::string& name, const std::vector<std::uint8_t>& bytes) {
-    std::ofstream file(folder + '/' + name, std::ios_base::binary);
-    file.write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
+Inputs identities() {
+    const std::string usual = identity("6", "C6A1B2C3D4");
+    std::string deep;
+    for (int i = 0; i < 400; ++i) deep += "<identity>";
+    return {{"byte-order-mark", "\xEF\xBB\xBF" + usual},
+            {"character-reference", identity("6", "C6A1&#0;B2C3D4")},
+            {"complete", "<?xml version=\"1.0\"?>\n<!-- a -->" + usual + '\n'},
+            {"cut-short", usual.substr(0, 60)},
+            {"deep", deep},
+            {"doctype", "<!DOCTYPE i [<!ENTITY a \"aaaa\">]>" + usual},
+            {"model-beyond-int", identity("99999999999999999999", "C6")},
+            {"model-holds-element", identity("6<b/>", "C6")},
+            {"model-negative", identity("-1", "C6")},
+            {"model-out-of-range", identity("65536", "C6")},
+            {"model-twice", identity("6</model><model>1", "C6")},
+            {"no-xml", "model=6"},
+            {"nul-behind", usual + '\0'},
+            {"serial-cdata", identity("6", "<![CDATA[A<B]]>")},
+            {"serial-escape", identity("6", "A\033[2J")},
+            {"serial-of-33", identity("6", std::string(33, 'x'))},
+            {"serial-of-many-kinds", identity("6", " A-1 ~&lt;&amp;&apos; ")},
+            {"two-roots", usual + usual}};
 }
 
-void write(const std::string& name, const std::string& body,
-           GDBusMessageByteOrder order = G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN) {
-    GError* error = nullptr;
-    GVariant* const value = g_variant_parse(nullptr, body.c_str(), nullptr, nullptr, &error);
-    if (value == nullptr) {
-        std::fprintf(stderr, "%s: %s\n", name.c_str(), error->message);
-        std::exit(1);
+/// A device with the items of an input of managed-objects.
+std::string device(const std::string& items) { return "O\0Iorg.bluez.Device1\0"s + items; }
+
+Inputs replies() {
+    Inputs inputs{
+        {"phone", device("sAddress=00:00:00:00:00:03\0sName=Phone\0sAlias=an alias\0uClass=\0\x5A"
+                         "\x02\x0C\0bPaired=1\0bConnected=1\0sModalias=usb:v1D6Bp0246d0542\0"s)},
+        {"no-objects", ""},
+        {"no-interfaces", "O\0"s},
+        {"no-properties", device("")},
+        {"name-empty", device("sName=\0sAddress=A\0"s)},
+        {"other-types", device("xAddress=\0xName=1\0xClass=22\0bModalias=1\0xPaired=333\0"
+                               "uConnected=1\0sRSSI=4\0saddress=lower case\0"s)},
+        {"loose-interfaces",
+         "O\0Iorg.bluez.Device1\0sName=one\0bPaired=1\0Iorg.bluez.DEVICESet1\0"
+         "Icom.example.mydevices\0sName=three\0Iorg.bluez.Devic\0sName=none\0"s},
+        {"doubled", device("sName=first\0bPaired=1\0sName=second\0bPaired=\0"s) +
+                        device("sName=second\0bConnected=1\0"s)},
+        {"error", "E\0"s},
+        {"address-no-path", device("sAddress=00:11:22;id:'44\0"s)}};
+    for (const auto& [folder, property] : {std::pair{"names", "Name"}, {"modalias", "Modalias"}}) {
+        for (const auto& [name, text] : test::hostileTexts(folder)) {
+            inputs[property + ("-" + name)] =
+                device("sAddress=00:00:00:00:00:01\0s"s + property + '=' + text + '\0');
+        }
     }
-    write(name, wireOf(own(value), order));
-}
-
-/// The text in the place of one of the same length, whether the bus likes it or not.
-void writeNamed(const std::string& name, const char* property, const std::string& text) {
-    const std::string placeholder(text.size(), '~');
-    Reply reply{{"/org/bluez/hci0/dev_1",
-                 {{"org.bluez.Device1",
-                   {{"Address", own(g_variant_new_string("00:00:00:00:00:01"))},
-                    {property, own(g_variant_new_string(placeholder.c_str()))}}}}}};
-    auto bytes = wireOf(reply, G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN);
-    const auto at = std::search(bytes.begin(), bytes.end(), placeholder.begin(), placeholder.end());
-    std::copy(text.begin(), text.end(), at);
-    write(name, bytes);
+    return inputs;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (argc != 2) return 2;
-    folder = argv[1];
-    write("phone", device(phone));
-    write("phone-big-endian", device(phone), G_DBUS_MESSAGE_BYTE_ORDER_BIG_ENDIAN);
-    write("no-objects", "(@a{oa{sa{sv}}} {},)");
-    write("no-interfaces", object("@a{sa{sv}} {}"));
-    write("no-properties", object("{'org.bluez.Device1': @a{sv} {}}"));
-    write("empty-name", device("'Name': <''>, 'Address': <'A'>"));
-    write("other-types",
-          device("'Address': <objectpath '/a'>, 'Name': <b'bytes'>, 'Class': <int32 5898764>, "
-                 "'Paired': <'true'>, 'Connected': <byte 1>, 'Modalias': <['usb:v1p2d3']>, "
-                 "'address': <'lower case'>"));
-    write("deeper-variants", device("'Name': <<<'inside'>>>, 'Paired': <<true>>"));
-    write(
-        "loose-interfaces",
-        object("{'org.bluez.Device1': {'Name': <'one'>, 'Paired': <true>}, 'org.bluez.DEVICESet1': "
-               "@a{sv} {}, 'com.example.mydevices': {'Name': <'three'>}, 'org.bluez.Devic': "
-               "{'Name': <'none'>}}"));
-    write("another-type", "('no objects',)");
-    write("nearly-the-type", "(@a{oa{sas}} {},)");
-    write("no-body", "()");
-
-    Reply doubled{{"/a",
-                   {{"org.bluez.Device1",
-                     {{"Name", own(g_variant_new_string("first"))},
-                      {"Paired", own(g_variant_new_boolean(TRUE))},
-                      {"Name", own(g_variant_new_string("second"))},
-                      {"Paired", own(g_variant_new_boolean(FALSE))}}}}}};
-    doubled.push_back(doubled.front());
-    write("doubled", wireOf(doubled, G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN));
-
-    for (const auto& [name, text] : corvane::test::hostileTexts("names")) {
-        writeNamed("name-" + name, "Name", text);
-    }
-    for (const auto& [name, text] : corvane::test::hostileTexts("modalias")) {
-        writeNamed("modalias-" + name, "Modalias", text);
-    }
-    writeNamed("address-no-path", "Address", "00:11:22;id:'44");
-    auto bytes = wireOf(Reply{}, G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN);
-    bytes.resize(bytes.size() - 1);
-    write("cut-short", bytes);
-    return 0;
+std::map<std::string, std::string> seeds(const std::string& target) {
+    if (target == "flag-file") return flagFiles();
+    if (target == "identity") return identities();
+    if (target == "managed-objects") return replies();
+    return test::hostileTexts("modalias");
 }
+
+}  // namespace corvane::fuzz
