@@ -1,39 +1,117 @@
-// Stands in for bluetoothd, with as many devices as wanted, for what is measured against it: its
-// own share in a call is small. The reply to GetManagedObjects is marshalled once and copied for
-// each caller, which is why this is built on libdbus, as bluetoothd itself is.
+// Stands in for bluetoothd with any number of devices. The reply to GetManagedObjects is marshalled
+// once and copied for each caller, so that the server's own share of a call is small.
 //
 // Usage: corvane-bench-bluez DEVICES
-//   Owns org.bluez and org.corvane.Hardware on the system bus (DBUS_SYSTEM_BUS_ADDRESS), prints
-//   "ready" and serves until it is ended or the bus goes. Properties are read from the devices;
-//   every other call is agreed to.
-
-#include "Devices.h"
+//   Owns org.bluez and org.corvane.Hardware on the system bus, prints "ready" and serves until it
+//   is ended or the bus goes away. Every other call gets an empty reply.
 
 #include <gio/gio.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
-#include <unordered_map>
 
 #include <dbus/dbus.h>
 
 namespace {
 
-using MessagePtr = std::unique_ptr<DBusMessage, void (*)(DBusMessage*)>;
-
-// A Laird ST60-SIPT board: the one wiring without enable lines.
+// A board with the wiring that has no enable lines.
 constexpr char identity[] =
     "<identity><model>6</model><family>3</family><serial>SN12345678</serial><revision>7</revision>"
     "</identity>";
 
-std::unordered_map<std::string, GVariant*> interfacesOf;  // by object path
+// What BlueZ 5.66 shows beside its devices, in GVariant text form.
+constexpr char bluez[] =
+    "{'org.freedesktop.DBus.Introspectable': {}, 'org.bluez.AgentManager1': {}, "
+    "'org.bluez.ProfileManager1': @a{sv} {}}";
+constexpr char adapter[] =
+    "{'org.freedesktop.DBus.Introspectable': {}, 'org.bluez.Adapter1': {'Address': "
+    "<'00:AA:01:00:00:42'>, 'AddressType': <'public'>, 'Name': <'C600'>, 'Alias': "
+    "<'C600 SN12345678'>, 'Class': <uint32 8448>, 'Powered': <true>, 'Discoverable': <false>, "
+    "'DiscoverableTimeout': <uint32 0>, 'Pairable': <true>, 'PairableTimeout': <uint32 0>, "
+    "'Discovering': <false>, 'UUIDs': <['00001105-0000-1000-8000-00805f9b34fb', "
+    "'0000110a-0000-1000-8000-00805f9b34fb', '0000110c-0000-1000-8000-00805f9b34fb', "
+    "'0000110e-0000-1000-8000-00805f9b34fb', '0000111f-0000-1000-8000-00805f9b34fb', "
+    "'00001200-0000-1000-8000-00805f9b34fb']>, 'Modalias': <'usb:v1D6Bp0246d0542'>}, "
+    "'org.freedesktop.DBus.Properties': {}, 'org.bluez.GattManager1': {}, 'org.bluez.Media1': {}, "
+    "'org.bluez.NetworkServer1': {}}";
 
-MessagePtr own(DBusMessage* message) { return {message, dbus_message_unref}; }
+struct Kind {
+    const char* name;
+    const char* own;  // the properties that only this kind has
+};
+constexpr char sensor[] =
+    "'Appearance': <uint16 1344>, 'UUIDs': <['00001105-0000-1000-8000-00805f9b34fb']>, "
+    "'ManufacturerData': <{uint16 89: <b'\\1\\2\\3\\4\\5\\6\\7\\10\\11\\12\\13'>}>, "
+    "'ServiceData': <{'0000180f-0000-1000-8000-00805f9b34fb': <b''>}>";
+#define CLASSIC_SERVICES                                                              \
+    ", 'UUIDs': <['00001105-0000-1000-8000-00805f9b34fb', "                           \
+    "'0000110a-0000-1000-8000-00805f9b34fb', '0000110c-0000-1000-8000-00805f9b34fb'," \
+    "'0000110e-0000-1000-8000-00805f9b34fb', '0000111f-0000-1000-8000-00805f9b34fb'," \
+    "'00001200-0000-1000-8000-00805f9b34fb']>"
+constexpr std::array<Kind, 4> kinds{
+    {{"Phone of room",
+      "'Class': <uint32 5898764>, 'Icon': <'phone'>, 'Modalias': "
+      "<'bluetooth:v004Cp0269d0001'>" CLASSIC_SERVICES},
+     {"Loudspeaker",
+      "'Class': <uint32 2360340>, 'Icon': <'audio-card'>, 'Modalias': "
+      "<'bluetooth:v009Ep4020d0251'>" CLASSIC_SERVICES},
+     {"Keyboard",
+      "'Class': <uint32 1344>, 'Icon': <'input-keyboard'>, 'Modalias': "
+      "<'usb:v05ACp0267d0066'>" CLASSIC_SERVICES},
+     {"Notebook",
+      "'Class': <uint32 1835276>, 'Icon': <'computer'>, 'Modalias': "
+      "<'usb:v1D6Bp0246d0542'>" CLASSIC_SERVICES}}};
 
-/// A method reply with the body that GLib has built, without its addressee.
-MessagePtr marshal(GVariant* body) {
+/// Every second device is a low-energy one, every tenth is paired, every fiftieth connected.
+std::string device(unsigned index, const std::string& address) {
+    const bool lowEnergy = index % 2 == 1;
+    const Kind& kind = kinds.at(index / 2 % kinds.size());
+    const std::string name = (lowEnergy ? "'Sensor " : '\'' + std::string(kind.name) + ' ') +
+                             std::to_string(index) + '\'';
+    const std::string paired = index % 10 == 0 ? "<true>" : "<false>";
+    const std::string connected = index % 50 == 0 ? "<true>" : "<false>";
+    return "{'org.freedesktop.DBus.Introspectable': {}, 'org.bluez.Device1': {'Address': <'" +
+           address + "'>, 'AddressType': <'" + (lowEnergy ? "random" : "public") + "'>, 'Name': <" +
+           name + ">, 'Alias': <" + name + ">, " + (lowEnergy ? sensor : kind.own) +
+           ", 'Paired': " + paired + ", 'Bonded': " + paired + ", 'Trusted': " + paired +
+           ", 'Blocked': <false>, 'LegacyPairing': <false>, 'RSSI': <int16 " +
+           std::to_string(-40 - static_cast<int>(index % 50)) + ">, 'Connected': " + connected +
+           ", 'Adapter': <objectpath '/org/bluez/hci0'>, 'TxPower': <int16 4>, "
+           "'ServicesResolved': " +
+           connected + "}, 'org.freedesktop.DBus.Properties': {}" +
+           (index % 50 == 0 ? ", 'org.bluez.MediaControl1': {'Connected': <true>}}" : "}");
+}
+
+/// @return floating, of type (a{oa{sa{sv}}})
+GVariant* managedObjects(unsigned devices) {
+    GVariantBuilder objects;
+    g_variant_builder_init(&objects, G_VARIANT_TYPE("a{oa{sa{sv}}}"));
+    const auto add = [&objects](const char* path, const std::string& text) {
+        GVariant* const interfaces =
+            g_variant_parse(G_VARIANT_TYPE("a{sa{sv}}"), text.c_str(), nullptr, nullptr, nullptr);
+        if (interfaces == nullptr) std::abort();
+        g_variant_builder_add(&objects, "{o@a{sa{sv}}}", path, interfaces);
+        g_variant_unref(interfaces);
+    };
+    add("/org/bluez", bluez);
+    add("/org/bluez/hci0", adapter);
+    for (unsigned i = 0; i < devices; ++i) {
+        std::array<char, 18> address{};
+        std::snprintf(address.data(), address.size(), "00:1A:7D:%02X:%02X:%02X", i >> 16 & 0xFF,
+                      i >> 8 & 0xFF, i & 0xFF);
+        std::string path = std::string("/org/bluez/hci0/dev_") + address.data();
+        for (char& c : path) {
+            if (c == ':') c = '_';
+        }
+        add(path.c_str(), device(i, address.data()));
+    }
+    return g_variant_new("(a{oa{sa{sv}}})", &objects);
+}
+
+/// A method reply with that body and no addressee.
+DBusMessage* marshal(GVariant* body) {
     GDBusMessage* const message = g_dbus_message_new();
     g_dbus_message_set_message_type(message, G_DBUS_MESSAGE_TYPE_METHOD_RETURN);
     g_dbus_message_set_reply_serial(message, 1);
@@ -42,82 +120,33 @@ MessagePtr marshal(GVariant* body) {
     gsize size = 0;
     guchar* const blob =
         g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
-    MessagePtr reply = own(dbus_message_demarshal(reinterpret_cast<const char*>(blob),
-                                                  static_cast<int>(size), nullptr));
+    DBusMessage* const reply = dbus_message_demarshal(reinterpret_cast<const char*>(blob),
+                                                      static_cast<int>(size), nullptr);
     g_free(blob);
     g_object_unref(message);
     return reply;
 }
 
-/// The properties of an interface; null when there is none such.
-GVariant* propertiesOf(const char* path, const char* interface) {
-    const auto object = interfacesOf.find(path);
-    if (object == interfacesOf.end()) return nullptr;
-    return g_variant_lookup_value(object->second, interface, nullptr);
-}
+struct Replies {
+    DBusMessage* objects;
+    DBusMessage* hardware;
+    DBusMessage* empty;
+};
 
-/// The names alone, each with its own end tag: tools look there for an interface before they use
-/// it.
-std::string introspect(const char* path) {
-    std::string xml = "<node>";
-    const auto add = [&xml](const std::string& name) {
-        xml += "<interface name=\"" + name + "\"></interface>";
-    };
-    const auto object = interfacesOf.find(path);
-    if (object == interfacesOf.end()) {
-        add("org.freedesktop.DBus.ObjectManager");
-    } else {
-        GVariantIter iterator;
-        g_variant_iter_init(&iterator, object->second);
-        const char* name = nullptr;
-        while (g_variant_iter_next(&iterator, "{&sa{sv}}", &name, nullptr) != FALSE) add(name);
-    }
-    return xml + "</node>";
-}
-
-MessagePtr readProperties(DBusMessage* call) {
-    const char* interface = nullptr;
-    const char* name = nullptr;
-    const bool one = dbus_message_is_method_call(call, DBUS_INTERFACE_PROPERTIES, "Get") != 0;
-    if (dbus_message_get_args(call, nullptr, DBUS_TYPE_STRING, &interface,
-                              one ? DBUS_TYPE_STRING : DBUS_TYPE_INVALID, &name,
-                              DBUS_TYPE_INVALID) == 0) {
-        return own(nullptr);
-    }
-    GVariant* const properties = propertiesOf(dbus_message_get_path(call), interface);
-    if (properties == nullptr) return own(nullptr);
-    GVariant* const value = one ? g_variant_lookup_value(properties, name, nullptr) : nullptr;
-    MessagePtr reply = own(nullptr);
-    if (!one) reply = marshal(g_variant_new("(@a{sv})", properties));
-    if (value != nullptr) reply = marshal(g_variant_new("(v)", value));
-    if (value != nullptr) g_variant_unref(value);
-    g_variant_unref(properties);
-    return reply;
-}
-
-DBusHandlerResult serve(DBusConnection* connection, DBusMessage* call, void* listed) {
+DBusHandlerResult serve(DBusConnection* connection, DBusMessage* call, void* data) {
     if (dbus_message_get_type(call) != DBUS_MESSAGE_TYPE_METHOD_CALL) {
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     }
-    MessagePtr reply = own(nullptr);
-    if (dbus_message_has_member(call, "GetManagedObjects") != 0) {
-        reply = own(dbus_message_copy(static_cast<DBusMessage*>(listed)));
-    } else if (dbus_message_has_member(call, "GetHardwareInfo") != 0) {
-        reply = marshal(g_variant_new("(s)", static_cast<const char*>(identity)));
-    } else if (dbus_message_has_member(call, "Introspect") != 0) {
-        reply = marshal(g_variant_new("(s)", introspect(dbus_message_get_path(call)).c_str()));
-    } else if (dbus_message_has_member(call, "Get") != 0 ||
-               dbus_message_has_member(call, "GetAll") != 0) {
-        reply = readProperties(call);
-        if (!reply) {
-            reply = own(dbus_message_new_error(call, DBUS_ERROR_INVALID_ARGS, "no such property"));
-        }
-    } else {
-        reply = own(dbus_message_new_method_return(call));
-    }
-    dbus_message_set_reply_serial(reply.get(), dbus_message_get_serial(call));
-    dbus_message_set_destination(reply.get(), dbus_message_get_sender(call));
-    dbus_connection_send(connection, reply.get(), nullptr);
+    const auto* const replies = static_cast<const Replies*>(data);
+    const auto* const wanted =
+        dbus_message_has_member(call, "GetManagedObjects") != 0 ? replies->objects
+        : dbus_message_has_member(call, "GetHardwareInfo") != 0 ? replies->hardware
+                                                                : replies->empty;
+    DBusMessage* const reply = dbus_message_copy(wanted);
+    dbus_message_set_reply_serial(reply, dbus_message_get_serial(call));
+    dbus_message_set_destination(reply, dbus_message_get_sender(call));
+    dbus_connection_send(connection, reply, nullptr);
+    dbus_message_unref(reply);
     return DBUS_HANDLER_RESULT_HANDLED;
 }
 
@@ -128,20 +157,13 @@ int main(int argc, char** argv) {
         std::fputs("usage: corvane-bench-bluez DEVICES\n", stderr);
         return 2;
     }
-    GVariant* const objects = g_variant_ref_sink(
-        corvane::bench::managedObjects(static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10))));
-    GVariantIter iterator;
-    g_variant_iter_init(&iterator, objects);
-    const char* path = nullptr;
-    GVariant* interfaces = nullptr;
-    while (g_variant_iter_next(&iterator, "{&o@a{sa{sv}}}", &path, &interfaces) != FALSE) {
-        interfacesOf[path] = interfaces;
-    }
-    const MessagePtr listed = marshal(g_variant_new("(@a{oa{sa{sv}}})", objects));
-
+    const auto devices = static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10));
+    Replies replies{marshal(managedObjects(devices)),
+                    marshal(g_variant_new("(s)", static_cast<const char*>(identity))),
+                    marshal(g_variant_new("()"))};
     DBusConnection* const connection = dbus_bus_get(DBUS_BUS_SYSTEM, nullptr);
     if (connection == nullptr ||
-        dbus_connection_add_filter(connection, serve, listed.get(), nullptr) == 0) {
+        dbus_connection_add_filter(connection, serve, &replies, nullptr) == 0) {
         std::fputs("corvane-bench-bluez: no system bus\n", stderr);
         return EXIT_FAILURE;
     }

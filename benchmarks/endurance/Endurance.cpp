@@ -1,353 +1,287 @@
-// A host application that runs for long on the virtual board and judges what it holds meanwhile:
-// off and on, requests that are cancelled at random, scans of a device list that changes.
-// script/endurance runs it.
+// A host application that runs for long on the virtual board and judges what it holds meanwhile.
+// script/endurance runs it; docs/endurance.md says how it judges.
 //
-// Prints one row of a Markdown table; exit status 0 when everything stayed flat.
+// Usage: endurance cycles|requests NUMBER [SEED]
+//        endurance scans SECONDS [SEED]
+//   Prints a line for each sample and at last a row of a Markdown table; exit status 0 when
+//   everything stayed flat.
 
 #include "BluetoothManager.h"
 
 #include "Board.h"
-#include "LogAppender.h"
-#include "Vitals.h"
 #include "bluetoothRequests/ConnectBluetoothRequest.h"
 #include "bluetoothRequests/DisconnectBluetoothRequest.h"
 #include "bluetoothRequests/ScanBluetoothRequest.h"
 #include "bluetoothRequests/WaitBluetoothPairingRequest.h"
 #include "hwcommon/DBusBluetoothHidProxy.h"
 
-#include <log4cplus/appender.h>
-#include <log4cplus/spi/loggingevent.h>
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <random>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
+#include <malloc.h>
 #include <unistd.h>
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
 constexpr char logFile[] = "/tmp/endurance.log";  // what the library logs
-constexpr auto longestAnswer = 100s;              // a HID call gives up after 60 s
+constexpr int leftOpenOnPurpose = 3;              // HCI sockets of each switching on
+constexpr unsigned longestAnswer = 100'000;       // ms; a HID call gives up after 60 s
+
+// How much may rise over a run: of the heap less than a block (16 bytes) for each step, in a short
+// run what one look differs from the next; of private memory the pages that the allocator already
+// holds and touches little by little.
+constexpr double heapLimitPerStep = 15;    // bytes
+constexpr double heapLimitAtLeast = 1024;  // bytes
+constexpr double dirtyLimit = 256;         // KiB
 
 BluetoothManager& manager() { return BluetoothManager::getInstance(); }
 
-/// Counts ERROR records.
-class Errors : public log4cplus::Appender {
-public:
-    ~Errors() override { destructorImpl(); }
-    void close() override { closed = true; }
-    std::atomic<unsigned> count{0};
-    std::atomic<unsigned> tooEarly{0};  // of objects that BlueZ did not have yet
+std::mt19937 dice;
+unsigned upTo(unsigned limit) { return std::uniform_int_distribution<unsigned>(0, limit)(dice); }
 
-protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& event) override {
-        if (event.getLogLevel() < log4cplus::ERROR_LOG_LEVEL) return;
-        ++count;
-        if (event.getMessage().find("UnknownObject") != std::string::npos) ++tooEarly;
+/// The number behind "NAME:" in a file of such lines.
+double numberIn(const char* path, const std::string& name) {
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind(name + ":", 0) == 0) return std::stod(line.substr(name.size() + 1));
     }
+    std::abort();
+}
+
+struct Vitals {
+    double heap, dirty;  // bytes that the allocator has handed out; KiB
+    int threads, descriptors;
 };
 
-/// What a run found wrong beside what its vitals show, and what its row says of it.
-struct Result {
-    std::string complaints;
-    std::string remarks;
-};
+Vitals vitalsNow() {
+    const struct mallinfo2 heap = mallinfo2();
+    const std::filesystem::directory_iterator open("/proc/self/fd");
+    return {static_cast<double>(heap.uordblks + heap.hblkhd),
+            numberIn("/proc/self/smaps_rollup", "Private_Dirty"),
+            static_cast<int>(numberIn("/proc/self/status", "Threads")),
+            static_cast<int>(std::distance(begin(open), end(open)))};
+}
 
-class Dice {
+/// Samples from moments that ought to be alike. The first tenth settles what is made once; from
+/// then on memory must be flat, and descriptors and threads must stay the same.
+class Trend {
 public:
-    explicit Dice(unsigned seed) : engine(seed) {}
-    unsigned upTo(unsigned limit) {
-        return std::uniform_int_distribution<unsigned>(0, limit)(engine);
+    explicit Trend(unsigned length) : warmUp(std::max(2U, length / 10)) { kept.reserve(length); }
+
+    /// @param switchings  how often the radio has been switched on so far
+    void sample(unsigned step, int switchings) {
+        const auto look = [switchings] {
+            Vitals now = vitalsNow();
+            now.descriptors -= leftOpenOnPurpose * switchings;
+            return now;
+        };
+        Vitals now{};
+        // A request's thread ends, and a connection closes, some moments later.
+        if (kept.empty()) std::this_thread::sleep_for(1s);
+        const bool same = board::waitFor(
+            [&] {
+                now = look();
+                return kept.empty() || (now.threads == kept.front().threads &&
+                                        now.descriptors == kept.front().descriptors);
+            },
+            10'000);
+        std::printf("%u\t%.0f\t%.0f\t%d\t%d\n", step, now.heap, now.dirty, now.threads,
+                    now.descriptors);
+        if (step < warmUp) return;
+        if (!same) changed = true;
+        if (kept.empty()) first = step;
+        last = step;
+        kept.push_back(now);
     }
-    bool oneIn(unsigned number) { return upTo(number - 1) == 0; }
-    template <class Container>
-    const auto& oneOf(const Container& choice) {
-        return choice[upTo(static_cast<unsigned>(choice.size()) - 1)];
+
+    /// What is not flat; empty when all is.
+    std::string complaints() const {
+        if (kept.size() < 3) return "too few samples; ";
+        std::string all = changed ? "threads or descriptors differ; " : "";
+        const double heapLimit = std::max(heapLimitPerStep * (last - first), heapLimitAtLeast);
+        if (rise(&Vitals::heap) > heapLimit) all += "the heap grows; ";
+        if (rise(&Vitals::dirty) > dirtyLimit) all += "private memory grows; ";
+        return all;
+    }
+
+    /// Cells of the table: heap, private dirty, descriptors, threads.
+    void printCells() const {
+        if (kept.empty()) return;
+        const Vitals& a = kept.front();
+        const Vitals& b = kept.back();
+        std::printf("%.1f → %.1f KiB (%+.2f B a step) | %.0f → %.0f KiB | %d → %d | %d → %d",
+                    a.heap / 1024, b.heap / 1024, rise(&Vitals::heap) / std::max(1U, last - first),
+                    a.dirty, b.dirty, a.descriptors, b.descriptors, a.threads, b.threads);
     }
 
 private:
-    std::mt19937 engine;
+    /// Twice what the second half holds more than the first on average: the whole of an even rise.
+    double rise(double Vitals::*value) const {
+        const std::size_t half = kept.size() / 2;
+        double sum = 0;
+        for (std::size_t i = 0; i < 2 * half; ++i) sum += (i < half ? -1 : 1) * kept[i].*value;
+        return half > 0 ? 2 * sum / static_cast<double>(half) : 0;
+    }
+
+    unsigned warmUp, first = 0, last = 0;
+    std::vector<Vitals> kept;
+    bool changed = false;
 };
 
 /// A request and how often it was answered.
 struct Asked {
     std::shared_ptr<BluetoothRequest> request;
     std::atomic<unsigned> answers{0};
-    std::atomic<int> last{-1};
 
     std::function<void(BluetoothRequestAnswers)> callback() {
-        return [this](BluetoothRequestAnswers answer) {
-            last = answer;
-            ++answers;
-        };
+        return [this](BluetoothRequestAnswers /*answer*/) { ++answers; };
     }
-
-    bool isOver(milliseconds limit) const {
+    bool isOver(unsigned milliseconds) const {
         return board::waitFor([this] { return answers > 0 && !request->isStillRunning(); },
-                              static_cast<unsigned>(limit.count()));
+                              milliseconds);
     }
 };
 
-/// Looks for devices and fills the lists.
 bool discover() {
     Asked scan;
     scan.request = std::make_shared<ScanBluetoothRequest>(scan.callback());
-    return manager().makeRequest(scan.request) && scan.isOver(60s) &&
-           scan.last == REQUEST_SUCCESS && manager().scanDevicesInfo();
+    return manager().makeRequest(scan.request) && scan.isOver(longestAnswer) &&
+           manager().scanDevicesInfo();
 }
 
-// The ERROR records do not judge: BlueZ makes the adapter pairable itself when the agent registers,
-// and tells who sets it at that moment "Busy".
-Result cycles(unsigned rounds, Trend& trend, const Errors& errors) {
-    Result result;
+std::string cycles(unsigned rounds, Trend& trend) {
+    std::string complaints;
     // The first error of all makes GLib's table of error names, which must not count as growth.
     manager().deletePairedDevice("00:00:00:00:00:00");
-    const unsigned before = errors.count;
     for (unsigned round = 1; round <= rounds; ++round) {
         manager().setEnabled(true, false);
         if (const std::string faults = board::adapterFaults(); !faults.empty()) {
-            result.complaints += "round " + std::to_string(round) + ": " + faults;
+            complaints += "round " + std::to_string(round) + ": " + faults;
         }
         manager().setEnabled(false, false);
-        trend.sample(round, round);
+        trend.sample(round, static_cast<int>(round));
     }
-    rlimit descriptors{};
-    getrlimit(RLIMIT_NOFILE, &descriptors);
-    if (errors.tooEarly != 0) {
-        result.complaints += std::to_string(errors.tooEarly) + " calls on objects not there yet; ";
-    }
-    result.remarks = std::to_string(errors.count - before) + " ERROR records, limit of " +
-                     std::to_string(descriptors.rlim_cur) + " descriptors";
-    return result;
+    return complaints;
 }
 
-/// Starts a request of any kind for any device.
-void start(Asked& asked, Dice& dice, hwcommon::DBusBluetoothHidProxy* hid) {
-    static const std::vector<std::string> names{"Phone",   "Speaker", "Headphones", "Keyboard",
-                                                "Refuser", "Ghost",   "Twin",       "nobody"};
-    const std::string name = dice.oneOf(names);
-    switch (dice.upTo(3)) {
-        case 0:
-            asked.request = std::make_shared<ScanBluetoothRequest>(asked.callback());
-            break;
-        case 1:
-            asked.request = std::make_shared<ConnectBluetoothRequest>(asked.callback(), hid, name);
-            break;
-        case 2:
-            asked.request =
-                std::make_shared<DisconnectBluetoothRequest>(asked.callback(), hid, name);
-            break;
-        default:
-            asked.request = std::make_shared<WaitBluetoothPairingRequest>(asked.callback(), name);
+void makeAny(Asked& asked, hwcommon::DBusBluetoothHidProxy* hid) {
+    constexpr std::array<const char*, 8> names{"Phone",   "Speaker", "Headphones", "Keyboard",
+                                               "Refuser", "Ghost",   "Twin",       "nobody"};
+    const std::string name = names.at(upTo(names.size() - 1));
+    const unsigned kind = upTo(3);
+    if (kind == 0) {
+        asked.request = std::make_shared<ScanBluetoothRequest>(asked.callback());
+    } else if (kind == 1) {
+        asked.request = std::make_shared<ConnectBluetoothRequest>(asked.callback(), hid, name);
+    } else if (kind == 2) {
+        asked.request = std::make_shared<DisconnectBluetoothRequest>(asked.callback(), hid, name);
+    } else {
+        asked.request = std::make_shared<WaitBluetoothPairingRequest>(asked.callback(), name);
     }
 }
 
-Result requests(unsigned rounds, Trend& trend, Dice& dice) {
+std::string requests(unsigned rounds, Trend& trend) {
     const auto connection = sdbus::createSystemBusConnection();
     hwcommon::DBusBluetoothHidProxy hid(*connection);
     std::vector<Asked> all(rounds);
-    std::array<unsigned, 6> answers{};
-    unsigned cancelled = 0;
-    Result result;
     manager().setEnabled(true, false);
     for (unsigned round = 1; round <= rounds; ++round) {
         // BlueZ forgets a device that is not paired 30 s after a search.
         if (round % 20 == 1) discover();
-        // Who has paired is forgotten now and then, so that there is something to pair.
-        if (round % 20 == 11 && manager().getBluetoothDeviceListSize(PAIRED_DEVICES) > 0) {
+        // Pairings are forgotten now and then, so that there is something to pair.
+        if (round % 20 == 11) {
             const auto paired = manager().getBluetoothDeviceInfoList(PAIRED_DEVICES);
-            manager().deletePairedDevice(dice.oneOf(paired).macAddress.c_str());
-            for (const char* device :
-                 {"phone", "speaker", "headphones", "keyboard", "ghost", "twin1", "twin2"})
-                board::run(std::string("peers ") + device + " forget");
+            for (const auto& device : paired) {
+                manager().deletePairedDevice(device.macAddress.c_str());
+            }
+            board::run(
+                "for d in phone speaker headphones keyboard ghost twin1 twin2; do "
+                "peers $d forget; done");
             manager().scanDevicesInfo();
         }
         Asked& asked = all[round - 1];
-        start(asked, dice, &hid);
-        if (!manager().makeRequest(asked.request)) {
-            result.complaints = "request " + std::to_string(round) + " was refused; ";
-            break;
-        }
-        // Two of three are cancelled at a random moment, the others when they have taken their
-        // time; a whole scan and a whole wait would take 10 and 60 s.
-        const milliseconds patience(dice.oneIn(3) ? 3000 : dice.upTo(1000));
-        if (!asked.isOver(patience)) {
-            ++cancelled;
-            manager().cancelRequest();
-        }
-        if (!asked.isOver(longestAnswer)) {
-            result.complaints =
-                "request " + std::to_string(round) + " (seed above) was not answered; ";
-            break;
-        }
-        ++answers.at(static_cast<std::size_t>(asked.last.load()));
+        makeAny(asked, &hid);
+        const std::string name = "request " + std::to_string(round);
+        if (!manager().makeRequest(asked.request)) return name + " was refused; ";
+        // Two of three are cancelled at a random moment, the others when they have had their time:
+        // a whole scan takes 10 s, a whole wait 60 s.
+        if (!asked.isOver(upTo(2) == 0 ? 3000 : upTo(1000))) manager().cancelRequest();
+        if (!asked.isOver(longestAnswer)) return name + " was not answered; ";
         asked.request.reset();
         if (round % 5 == 0) trend.sample(round, 1);
     }
     std::this_thread::sleep_for(2s);
-    for (const Asked& asked : all) {
-        if (result.complaints.empty() && asked.answers != 1)
-            result.complaints = "a request was not answered once; ";
-    }
-    result.remarks = std::to_string(cancelled) + " cancelled; answers 0 to 5:";
-    for (const unsigned number : answers) result.remarks += " " + std::to_string(number);
     manager().setEnabled(false, false);
-    return result;
+    const bool once =
+        std::all_of(all.begin(), all.end(), [](const auto& a) { return a.answers == 1; });
+    return once ? "" : "a request was not answered once; ";
 }
 
-/// Another process that lets devices go and come back, as long as this one lives.
-class Changes {
-public:
-    explicit Changes(unsigned seed)
-        : shared(static_cast<Counts*>(mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE,
-                                           MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
-        if (shared == MAP_FAILED) throw std::runtime_error("no shared memory");
-        child = fork();
-        if (child != 0) return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        Dice dice(seed);
-        std::array<bool, 8> away{};
-        constexpr std::array<const char*, 8> devices{"phone",   "speaker", "headphones", "keyboard",
-                                                     "refuser", "ghost",   "twin1",      "twin2"};
-        for (;;) {
-            std::this_thread::sleep_for(milliseconds(500 + dice.upTo(2500)));
-            const unsigned device = dice.upTo(7);
-            away.at(device) = !away.at(device);
-            const std::string command = std::string("peers ") + devices.at(device) +
-                                        (away.at(device) ? " vanish" : " return") + " > /dev/null";
-            ++(std::system(command.c_str()) == 0 ? shared->made : shared->failed);
-        }
-    }
-    ~Changes() {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-    }
-    Changes(const Changes&) = delete;
-    Changes& operator=(const Changes&) = delete;
-
-    unsigned made() const { return shared->made; }
-    unsigned failed() const { return shared->failed; }
-
-private:
-    struct Counts {
-        std::atomic<unsigned> made, failed;
-    };
-    Counts* shared;
-    pid_t child;
-};
-
-/// Pairs a device that is there, or forgets one that has paired. @return the ERROR records that
-/// this made
-unsigned changePairings(Dice& dice, const Errors& errors) {
-    const unsigned before = errors.count;
-    const auto known = manager().getBluetoothDeviceInfoList(ALL_DEVICES);
-    if (known.empty()) return 0;
-    const auto& device = dice.oneOf(known);
-    if (!manager().searchForDevicesName(PAIRED_DEVICES, device.name)) {
-        manager().pairDevice(device.macAddress.c_str());
-    } else {
-        manager().deletePairedDevice(device.macAddress.c_str());
-        std::string key = device.name;
-        key[0] = static_cast<char>(std::tolower(key[0]));
-        board::run("peers " + key + " forget");
-    }
-    return errors.count - before;
-}
-
-Result scans(std::chrono::seconds time, Trend& trend, Dice& dice, const Errors& errors,
-             const Changes& changes) {
-    const auto start = Clock::now();
-    const auto end = start + time;
-    auto nextSearch = start;
-    auto nextPairing = nextSearch + 15s;
-    auto nextSample = nextSearch + 2s;
-    unsigned lists = 0, searches = 0, expectedErrors = 0, least = ~0U, most = 0;
-    Result result;
+std::string scans(unsigned seconds, unsigned seed, Trend& trend) {
     manager().setEnabled(true, false);
-    while (Clock::now() < end && result.complaints.empty()) {
-        if (Clock::now() >= nextSearch) {
-            nextSearch = Clock::now() + 40s;
-            ++searches;
-            if (!discover()) result.complaints = "a search failed; ";
+    // Devices go and come back.
+    board::run("timeout " + std::to_string(seconds) + " bash -c 'RANDOM=" + std::to_string(seed) +
+               "; all=(phone speaker headphones keyboard refuser ghost twin1 twin2); while :; do "
+               "d=${all[RANDOM % 8]}; peers $d vanish; sleep $((RANDOM % 5)); peers $d return; "
+               "sleep 1; done' > /dev/null 2>&1 &");
+    const auto start = Clock::now();
+    unsigned nextSearch = 0;
+    for (unsigned now = 0, sampled = 0; now < seconds;) {
+        if (now >= nextSearch) {
+            nextSearch = now + 40;
+            if (!discover()) return "a search failed; ";
         }
-        if (Clock::now() >= nextPairing) {
-            nextPairing = Clock::now() + 20s;
-            expectedErrors += changePairings(dice, errors);
-        }
-        if (!manager().scanDevicesInfo()) result.complaints = "no lists; ";
-        const unsigned size = manager().getBluetoothDeviceListSize(ALL_DEVICES);
-        least = std::min(least, size);
-        most = std::max(most, size);
-        ++lists;
-        if (Clock::now() >= nextSample) {
-            nextSample = Clock::now() + 2s;
-            // GDBus lets go of a reply once its message about it has been dispatched.
-            std::this_thread::sleep_for(50ms);
-            while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
-            }
-            trend.sample(static_cast<unsigned>((Clock::now() - start) / 1s), 1);
-        }
+        if (!manager().scanDevicesInfo()) return "no lists; ";
         std::this_thread::sleep_for(50ms);
+        now = static_cast<unsigned>((Clock::now() - start) / 1s);
+        if (now < sampled + 2) continue;
+        sampled = now;
+        // GDBus lets go of a reply once its message about it has been dispatched.
+        while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+        }
+        trend.sample(now, 1);
     }
-    if (errors.count != expectedErrors)
-        result.complaints +=
-            std::to_string(errors.count - expectedErrors) + " ERROR records of the scans; ";
-    result.remarks = std::to_string(lists) + " scans, " + std::to_string(searches) + " searches, " +
-                     std::to_string(changes.made()) + " devices gone or back (" +
-                     std::to_string(changes.failed()) + " would not), " + std::to_string(least) +
-                     " to " + std::to_string(most) + " listed";
     manager().setEnabled(false, false);
-    return result;
+    return "";
 }
 
 int endurance(const std::string& what, unsigned length, unsigned seed) {
-    const std::unique_ptr<Changes> changes(what == "scans" ? new Changes(seed + 1) : nullptr);
-    std::cout << "endurance: " << what << " " << length << ", seed " << seed << std::endl;
-    if (std::freopen(logFile, "w", stderr) == nullptr) throw std::runtime_error(logFile);
-    auto* const errors = new Errors;  // owned by the logger
-    log4cplus::Logger logger = LogAppender::getLogger();
-    logger.addAppender(log4cplus::SharedAppenderPtr(errors));
+    dice.seed(seed);
+    std::printf("endurance: %s %u, seed %u\n", what.c_str(), length, seed);
+    if (std::freopen(logFile, "w", stderr) == nullptr) return EXIT_FAILURE;
     unlink("/tmp/bluetoothEnabled");
-    Dice dice(seed);
     const auto begun = Clock::now();
     Trend trend(length);
-    Result result;
-    if (what == "cycles") {
-        result = cycles(length, trend, *errors);
-    } else if (what == "requests") {
-        result = requests(length, trend, dice);
-    } else {
-        result = scans(std::chrono::seconds(length), trend, dice, *errors, *changes);
+    std::string complaints = what == "cycles"     ? cycles(length, trend)
+                             : what == "requests" ? requests(length, trend)
+                                                  : scans(length, seed, trend);
+    complaints += trend.complaints();
+    if (!board::waitFor([] { return board::zombies() == 0; }, 10'000)) complaints += "zombies; ";
+    if (!complaints.empty()) {
+        std::puts(board::run(std::string("tail -n 50 ") + logFile).c_str());
     }
-    result.complaints += trend.complaints();
-    if (!board::waitFor([] { return board::zombies() == 0; }, 5000)) {
-        result.complaints += std::to_string(board::zombies()) + " zombies; ";
-    }
-    if (!result.complaints.empty()) std::cout << board::run(std::string("tail -50 ") + logFile);
-    std::cout << "| " << length << (what == "scans" ? " s of scans" : " " + what) << ", wiring "
-              << board::wiring() << ", seed " << seed << " | " << (Clock::now() - begun) / 1s
-              << " s | " << trend.cells() << " | " << result.remarks << " | "
-              << (result.complaints.empty() ? "flat" : result.complaints) << " |" << std::endl;
-    return result.complaints.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+    std::printf("| %u%s%s, wiring %d, seed %u | %lld s | ", length,
+                what == "scans" ? " s of " : " ", what.c_str(), board::wiring(), seed,
+                static_cast<long long>((Clock::now() - begun) / 1s));
+    trend.printCells();
+    std::printf(" | %s |\n", complaints.empty() ? "flat" : complaints.c_str());
+    return complaints.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace
@@ -355,25 +289,20 @@ int endurance(const std::string& what, unsigned length, unsigned seed) {
 int main(int argc, char** argv) {
     const std::string what = argc > 2 ? argv[1] : "";
     if (argc > 4 || (what != "cycles" && what != "requests" && what != "scans")) {
-        std::cerr << "usage: endurance cycles|requests NUMBER [SEED]\n"
-                     "       endurance scans SECONDS [SEED]\n";
+        std::fputs("usage: endurance cycles|requests|scans NUMBER [SEED]\n", stderr);
         return 2;
     }
-    // What the allocator and GLib keep for the next request counts as handed out: without it the
-    // heap tells byte for byte what is held.
+    // Without caches in the allocator and in GLib the heap tells to the byte what is held.
     if (std::getenv("G_SLICE") == nullptr) {
         setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0", 1);
         setenv("G_SLICE", "always-malloc", 1);
         execv("/proc/self/exe", argv);
     }
-    int status = EXIT_FAILURE;
-    try {
-        const unsigned seed =
-            argc > 3 ? static_cast<unsigned>(std::stoul(argv[3])) : std::random_device()();
-        status = endurance(what, static_cast<unsigned>(std::stoul(argv[2])), seed);
-    } catch (const std::exception& error) {
-        std::cout << "endurance: " << error.what() << std::endl;
-    }
+    const auto length = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10));
+    const unsigned seed = argc > 3 ? static_cast<unsigned>(std::strtoul(argv[3], nullptr, 10))
+                                   : std::random_device()();
+    const int status = endurance(what, length, seed);
+    std::fflush(stdout);
     // After a request the manager's destruction ends in std::terminate(); hosts leave like this.
     std::quick_exit(status);
 }
