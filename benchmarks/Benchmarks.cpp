@@ -39,6 +39,11 @@ constexpr char managerInterface[] = "org.freedesktop.DBus.ObjectManager";
 constexpr char deviceInterface[] = "org.bluez.Device1";
 constexpr char phone[] = "Phone of room 8";  // not connected
 
+[[noreturn]] void fail(const char* what) {
+    std::fprintf(stderr, "corvane-bench: %s\n", what);
+    std::quick_exit(EXIT_FAILURE);
+}
+
 BluetoothManager& manager() { return BluetoothManager::getInstance(); }
 
 GDBusConnection* bus() {
@@ -86,7 +91,7 @@ std::size_t call(std::size_t (*count)(GVariant* reply)) {
             auto* const call = static_cast<Call*>(data);
             GVariant* const reply =
                 g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, nullptr);
-            if (reply == nullptr) std::abort();
+            if (reply == nullptr) fail("no reply within 25 s: this machine is too busy");
             call->devices = call->count(reply);
             g_variant_unref(reply);
             g_main_loop_quit(call->loop);
@@ -139,7 +144,7 @@ std::size_t objectManagerClient() {
     GDBusObjectManager* const client = g_dbus_object_manager_client_new_for_bus_sync(
         G_BUS_TYPE_SYSTEM, G_DBUS_OBJECT_MANAGER_CLIENT_FLAGS_NONE, busName, "/", nullptr, nullptr,
         nullptr, nullptr, nullptr);
-    if (client == nullptr) std::abort();
+    if (client == nullptr) fail("no GDBusObjectManagerClient");
     std::vector<Device> devices;
     GList* const objects = g_dbus_object_manager_get_objects(client);
     for (const GList* entry = objects; entry != nullptr; entry = entry->next) {
@@ -204,7 +209,7 @@ void bareCall(const char* interface, const char* method, GVariant* arguments) {
     GVariant* const reply =
         g_dbus_connection_call_sync(bus(), busName, "/org/bluez/hci0", interface, method, arguments,
                                     nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    if (reply == nullptr) std::abort();
+    if (reply == nullptr) fail("no reply within 25 s: this machine is too busy");
     g_variant_unref(reply);
 }
 
@@ -241,7 +246,7 @@ void start(benchmark::State& state, const Begin& begin) {
 
 auto startRequest(std::promise<Clock::time_point>& entered) {
     const auto request = std::make_shared<EmptyRequest>(entered);
-    if (!manager().makeRequest(request)) std::abort();
+    if (!manager().makeRequest(request)) fail("a request was refused");
     return [request] {
         while (request->isStillRunning()) std::this_thread::yield();
     };
@@ -267,12 +272,16 @@ void cancel(benchmark::State& state, Arguments... arguments) {
         while (!request->isStillRunning()) std::this_thread::yield();
         // Past its first calls, at a random point of its waiting loop.
         std::this_thread::sleep_for(std::chrono::microseconds(20'000 + std::rand() % 2000));
-        if (!request->isStillRunning()) std::abort();
+        if (!request->isStillRunning()) fail("a request ended before it was cancelled");
         const auto before = Clock::now();
         manager().cancelRequest();
         state.SetIterationTime(Seconds(answered.get_future().get() - before).count());
         while (request->isStillRunning()) std::this_thread::yield();
     }
+}
+
+void check(std::size_t listed, std::size_t expected) {
+    if (listed != expected) fail("not all devices were listed; this machine may be too busy");
 }
 
 template <class Action>
@@ -286,9 +295,8 @@ void registerAll(const std::string& devices) {
     using benchmark::RegisterBenchmark;
     const std::size_t expected = std::stoul(devices);
     for (const auto& [name, list] : ways) {
-        RegisterBenchmark(("scan/" + devices + '/' + name).c_str(), repeat([list = list, expected] {
-                              if (list() != expected) std::abort();
-                          }))
+        RegisterBenchmark(("scan/" + devices + '/' + name).c_str(),
+                          repeat([list = list, expected] { check(list(), expected); }))
             ->UseRealTime();
     }
     const std::pair<const char*, void (*)()> calls[] = {
@@ -330,7 +338,9 @@ int run(int argc, char** argv) {
     static const corvane::test::Child bluez({CORVANE_BENCH_BLUEZ, devices});
     manager();
     if (argc == 4 && ways.count(argv[2]) > 0) {
-        for (int rounds = std::atoi(argv[3]); rounds > 0; --rounds) ways.at(argv[2])();
+        for (int rounds = std::atoi(argv[3]); rounds > 0; --rounds) {
+            check(ways.at(argv[2])(), std::stoul(devices));
+        }
         // By then GDBus's thread has freed the last reply: it handles one message after the other.
         stopDiscovery();
         return EXIT_SUCCESS;

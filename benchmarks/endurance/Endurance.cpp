@@ -43,8 +43,8 @@ constexpr char logFile[] = "/tmp/endurance.log";  // what the library logs
 constexpr int leftOpenOnPurpose = 3;              // HCI sockets of each switching on
 constexpr unsigned longestAnswer = 100'000;       // ms; a HID call gives up after 60 s
 
-// How much may rise over a run: of the heap less than a block (16 bytes) for each step, in a short
-// run what one look differs from the next; of private memory the pages that the allocator already
+// The most that may be gained over a run. Heap: less than a block (16 bytes) for each step, and in
+// a short run the difference between two looks. Private memory: pages that the allocator already
 // holds and touches little by little.
 constexpr double heapLimitPerStep = 15;    // bytes
 constexpr double heapLimitAtLeast = 1024;  // bytes
@@ -86,17 +86,13 @@ public:
 
     /// @param switchings  how often the radio has been switched on so far
     void sample(unsigned step, int switchings) {
-        const auto look = [switchings] {
-            Vitals now = vitalsNow();
-            now.descriptors -= leftOpenOnPurpose * switchings;
-            return now;
-        };
         Vitals now{};
         // A request's thread ends, and a connection closes, some moments later.
         if (kept.empty()) std::this_thread::sleep_for(1s);
         const bool same = board::waitFor(
             [&] {
-                now = look();
+                now = vitalsNow();
+                now.descriptors -= leftOpenOnPurpose * switchings;
                 return kept.empty() || (now.threads == kept.front().threads &&
                                         now.descriptors == kept.front().descriptors);
             },
