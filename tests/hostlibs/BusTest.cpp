@@ -199,7 +199,7 @@ TEST_F(LateAdapter, IsNotMissedWhenItComesBeforeTheReply) {
 
 TEST_F(LateAdapter, ThatNeverComesDoesNotFailTheWait) {
     const auto start = Clock::now();
-    EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.bluez", 0)) << "no time to ask";
+    EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.bluez", 0)) << "no time to ask for objects";
     EXPECT_TRUE(proxy.waitUntilDBusNameExist("org.bluez", 300));
     EXPECT_EQ(services.countCalls("GetManagedObjects"), 1);
     services.ignore("/", "GetManagedObjects");
@@ -301,7 +301,7 @@ TEST_F(HostBus, CallsNoObserverWithoutThreads) {
 }
 
 TEST(BusPolicy, LetsOnlyRootServe) {
-    if (getuid() != 0) GTEST_SKIP() << "needs root, to become somebody else";
+    if (getuid() != 0) GTEST_SKIP() << "needs root to become another user";
     const Folder folder;
     fs::permissions(folder.path(), fs::perms(0755));  // for somebody else to find the bus
     const std::string configuration = folder / "policy.conf";

@@ -224,6 +224,6 @@ TEST_F(GpioLines, AreTakenOnceFreeWithTheirDirection) {
     EXPECT_EQ(manager.setValue(10, Value::HIGH), 1);
     EXPECT_EQ(gpios->done, (Done{"request", "output 0", "set 1"}));
     EXPECT_EQ(manager.setDirection(10, Direction::INPUT), 1);
-    EXPECT_EQ(manager.setValue(10, Value::HIGH), 0) << "no output";
+    EXPECT_EQ(manager.setValue(10, Value::HIGH), 0) << "not an output";
     EXPECT_EQ(manager.getValue(12), -1) << "never exported";
 }

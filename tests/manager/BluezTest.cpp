@@ -149,7 +149,7 @@ TEST_P(BluezOperation, SendsItsMessageAndLogsARefusalTwice) {
     forget();
     bluez.fail("/org/bluez*", "*", refused, "Operation refused");
     EXPECT_FALSE(operation.run(manager()));
-    EXPECT_EQ(happened({Kind::BUS}).size(), 1U) << "nothing is tried twice";
+    EXPECT_EQ(happened({Kind::BUS}).size(), 1U) << "there is no retry";
     const auto records = edges().log();
     ASSERT_EQ(records.size(), 2U);
     EXPECT_EQ(records[0].level, "ERROR");
@@ -208,7 +208,7 @@ TEST_P(BusFailure, FailsTheOperationButNoLaterOne) {
     }
 #endif
     bluez.reply(path, member, "('unexpected', uint32 7)", 1, std::chrono::milliseconds(200));
-    EXPECT_TRUE(run()) << "late and of another type: not looked at";
+    EXPECT_TRUE(run()) << "a late reply of another type is not inspected";
 
     bluez.reply(path, member, "()", 1, FakeBluez::untilLetGo);
     bluez.forget();
@@ -218,7 +218,7 @@ TEST_P(BusFailure, FailsTheOperationButNoLaterOne) {
     bluez.release("org.bluez");
     bluez.letGo();
     EXPECT_EQ(outcome.get(), member != "RegisterAgent")  // which has a second step
-        << "the name goes in the middle, the service answers";
+        << "the name disappears during the call, but the service answers";
     expectFailure("GDBus.Error:org.freedesktop.DBus.Error.ServiceUnknown: ", first);
     bluez.own("org.bluez");
     EXPECT_TRUE(run());
@@ -357,6 +357,6 @@ TEST_F(AgentRegister, StopsWhenItCannotRegister) {
 TEST_F(AgentRegister, LeavesTheRegistrationWhenItCannotBeTheDefault) {
     bluez.fail("/org/bluez", "RequestDefaultAgent", refused, "No");
     EXPECT_FALSE(manager().agentRegister(true));
-    EXPECT_EQ(happened({Kind::BUS}).size(), 2U) << "nothing is taken back";
+    EXPECT_EQ(happened({Kind::BUS}).size(), 2U) << "the registration is not undone";
     EXPECT_EQ(log().back(), "ERROR Not able to request default agent");
 }

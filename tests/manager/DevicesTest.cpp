@@ -83,7 +83,7 @@ TEST_F(DeviceScan, MissingPropertiesTakeTheirDefaults) {
     EXPECT_EQ(bare[0].deviceClass + bare[0].vendorId + bare[0].productId + bare[0].versionId, 0U);
 
     report("{'org.bluez.Device1': {'Address': <'A'>, 'Name': <''>, 'Alias': <'Other'>}}");
-    EXPECT_EQ(scan().at(0).name, "A") << "the address stands in for an empty name, not the alias";
+    EXPECT_EQ(scan().at(0).name, "A") << "the address replaces an empty name, the alias does not";
 }
 
 TEST_F(DeviceScan, IgnoresKnownPropertiesOfAnotherType) {
@@ -122,7 +122,7 @@ TEST_F(DeviceScan, EveryInterfaceWithDeviceInItsNameYieldsARecord) {
     EXPECT_THAT(manager().getBluetoothDeviceListNames(ALL_DEVICES),
                 ElementsAre("one", "", "three"));
     EXPECT_THAT(manager().getBluetoothDeviceListNames(PAIRED_DEVICES), ElementsAre("one"))
-        << "nothing is carried over to the next record";
+        << "the next record starts empty";
 }
 
 TEST_F(DeviceScan, KeepsNamesByteForByte) {

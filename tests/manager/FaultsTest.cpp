@@ -88,7 +88,7 @@ TEST_F(SwitchingOn, RecoversAfterTheDaemonDiesInAnyStep) {
     bluez.restart();
     EXPECT_THAT(errors(), Contains("Not able to set Powered property to 0"));
     EXPECT_EQ(happened({Kind::SHELL}).back(), "/sbin/kill_and_wait.sh bluetoothd")
-        << "nothing is left out";
+        << "every step runs";
     manager().setEnabled(true, false);
     expectRecovery();
 }
@@ -261,10 +261,11 @@ TEST_F(BusLoss, IsCuredWhileTheHostHoldsTheClosedConnection) {
         manager().setEnabled(false, false);
         forget();
         manager().setEnabled(true, false);
-        EXPECT_EQ(source.runs, 0) << "nobody but a scan runs the host's sources";
+        EXPECT_EQ(source.runs, 0) << "only a scan runs the host's sources";
         EXPECT_THAT(errors(), IsEmpty());
         expectRecovery();
-        EXPECT_TRUE(eventually([&] { return sockets() == before; })) << "a closed one costs none";
+        EXPECT_TRUE(eventually([&] { return sockets() == before; }))
+            << "a closed connection holds no socket";
     }
     EXPECT_TRUE(g_dbus_connection_is_closed(hosts));
     g_object_unref(hosts);
@@ -288,7 +289,7 @@ TEST_F(BusLoss, IsCuredAfterABringUpWithoutAConnection) {
         withoutConnection();
         expectRecovery();
     }
-    EXPECT_TRUE(eventually([&] { return sockets() == before; })) << "our own is used again";
+    EXPECT_TRUE(eventually([&] { return sockets() == before; })) << "our own connection is reused";
 }
 
 TEST_F(BusLoss, DoesNotFreeTheConnectionOfACallInFlight) {
@@ -331,7 +332,7 @@ TEST_F(DescriptorShortage, FailsSwitchingOnUntilItIsOver) {
                                       "system bus"));
     expectRecovery();
     const FewDescriptors none;
-    EXPECT_TRUE(manager().scanDevicesInfo()) << "needs none";
+    EXPECT_TRUE(manager().scanDevicesInfo()) << "a scan needs no descriptor";
     manager().setEnabled(false, false);
 }
 

@@ -113,7 +113,7 @@ TEST_P(StrangeIdentity, SelectsWiringZeroAndReachesNoShell) {
     EXPECT_TRUE(manager().enableGpio(true, false));
     EXPECT_EQ(happened({Kind::GPIO}).front(), "set 48 1");
     manager().setEnabled(true, false);
-    EXPECT_EQ(bluez.countCalls("'Alias'"), 1) << "whatever the serial number, the radio works";
+    EXPECT_EQ(bluez.countCalls("'Alias'"), 1) << "the radio works with any serial number";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -282,7 +282,7 @@ TEST_F(BusReferences, SwitchingOffDropsOnlyABringUpsReference) {
     g_object_unref(shared);
     bluez.setDevices({{"AA:BB:CC:DD:EE:FF", "Phone"}});
     EXPECT_TRUE(manager().scanDevicesInfo());
-    EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 1U) << "the connection serves";
+    EXPECT_EQ(manager().getBluetoothDeviceListSize(ALL_DEVICES), 1U) << "the connection works";
 }
 
 TEST_F(BusReferences, OffAndOnFindsABusAtAnotherAddress) {

@@ -155,7 +155,7 @@ TEST_P(HciAttach, RunsTheAttachProgramOfTheWiring) {
 
 TEST_P(HciAttach, DoesNotWaitForTheSystemLog) {
     edges().hciPresent = false;
-    EXPECT_TRUE(manager().hciattach(true)) << "also when the device never comes up";
+    EXPECT_TRUE(manager().hciattach(true)) << "even if the device never comes up";
     for (const std::string& event : happened({Kind::SHELL, Kind::SLEEP})) {
         EXPECT_EQ(event.find("messages"), std::string::npos) << event;
         EXPECT_EQ(event.find("wait"), std::string::npos) << event;
@@ -202,7 +202,7 @@ TEST_F(HciUp, LooksTenTimesForAMissingDevice) {
     EXPECT_EQ(std::count(events.begin(), events.end(), "HCIDEVUP 0"), 0);
     EXPECT_EQ(std::count(events.begin(), events.end(), "nanosleep 500"), 10);
     EXPECT_EQ(std::count(events.begin(), events.end(), "nanosleep 250"), 1)
-        << "an interrupted sleep goes on with what is left";
+        << "an interrupted sleep continues with the remaining time";
 }
 
 TEST_F(HciUp, TimesOutWithoutASocket) {
@@ -283,7 +283,7 @@ TEST_F(RawHci, NoSignalInterruptsARequestToTheController) {
     EXPECT_THAT(edges().interruptible, IsEmpty());
     sigset_t blocked{};
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-    EXPECT_EQ(sigismember(&blocked, SIGALRM), 0) << "only meanwhile";
+    EXPECT_EQ(sigismember(&blocked, SIGALRM), 0) << "blocked only during the request";
 }
 
 // Since Linux 5.15 such a descriptor keeps a detached controller and its number.
@@ -300,7 +300,7 @@ TEST_F(RawHci, NextAttachReleasesDetachedControllers) {
     };
     EXPECT_EQ(binds(true), 2) << "refused while the controller is there";
     EXPECT_EQ(binds(false), 2);
-    EXPECT_EQ(binds(false), 0) << "each is let go of once";
+    EXPECT_EQ(binds(false), 0) << "each is released once";
     EXPECT_EQ(openHci(), before);
 }
 
@@ -404,7 +404,7 @@ TEST_F(SetEnabled, FollowsAFlagFileThatCannotBeWrittenOrRead) {
         EXPECT_FALSE(acts(false));
     }
     edges().flagFile.reset();
-    EXPECT_TRUE(acts(false)) << "whoever deletes the file can switch off";
+    EXPECT_TRUE(acts(false)) << "switching off works once the file is deleted";
 }
 
 class AirplaneMode : public ManagerTest {};

@@ -99,7 +99,7 @@ TEST_F(MakeRequest, CancellingAffectsOnlyTheRunningRequest) {
     manager().cancelRequest();
     const auto second = startHeld();
     second->released = true;
-    EXPECT_EQ(answers.next(), REQUEST_SUCCESS) << "the next one is not touched by it";
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS) << "the next request is not affected";
     EXPECT_EQ(answers.count(), 2U);
 }
 
@@ -115,7 +115,7 @@ TEST_F(MakeRequest, ThrowsWithoutAThreadAndTakesTheNextRequest) {
     const auto next = startHeld();
     next->released = true;
     EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
-    EXPECT_EQ(answers.count(), 1U) << "none for the one that never ran";
+    EXPECT_EQ(answers.count(), 1U) << "the request that never ran does not answer";
 }
 
 class RequestNames : public testing::Test {};

@@ -111,7 +111,7 @@ TEST_F(ScanRequest, EndsJustAfterTenSeconds) {
     EXPECT_TRUE(request->isStillRunning());
     EXPECT_EQ(answers.count(), 0U);
     Clock::advance(milliseconds(1));
-    EXPECT_EQ(answers.next(), REQUEST_SUCCESS) << "whether or not BlueZ could discover";
+    EXPECT_EQ(answers.next(), REQUEST_SUCCESS) << "even if BlueZ could not start the discovery";
     EXPECT_THAT(happened({Kind::BUS}), ElementsAre(startDiscovery, stopDiscovery));
     EXPECT_TRUE(eventually([&] { return !request->isStillRunning(); }));
 }
@@ -164,7 +164,7 @@ TEST_F(ConnectRequest, DisconnectsTheOtherPlaybackDevicesFirst) {
     EXPECT_THAT(happened({Kind::BUS}), ElementsAre(deviceCall(speaker.address, "Disconnect"),
                                                    deviceCall(second.address, "Disconnect"),
                                                    deviceCall(headphones.address, "Connect")))
-        << "the one to connect is left as it is, and connected again";
+        << "the target is not disconnected, but connected again";
     std::vector<std::string> own;
     for (const auto& record : edges().log()) {
         if (record.file == "ConnectBluetoothRequest.cpp") own.push_back(record.message);
@@ -180,7 +180,7 @@ TEST_F(ConnectRequest, FallsBackToHidWhenTheAudioConnectionFails) {
     bluez.fail(headphones.path(), "Connect", refused, "No");
     EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, "Headphones"), REQUEST_SUCCESS);
     EXPECT_EQ(run<ConnectBluetoothRequest>(&hid, "Microphone"), REQUEST_SUCCESS)
-        << "no playback device, so only HID";
+        << "not a playback device, so only HID is tried";
     EXPECT_THAT(happened({Kind::BUS}),
                 ElementsAre(deviceCall(headphones.address, "Connect"),
                             hidCall("Connect", headphones), hidCall("Connect", microphone)));
@@ -413,7 +413,7 @@ TEST_F(WaitRequest, ConnectsTheAddressFromThePairedList) {
     const Device after{"00:00:00:00:00:44", headphones.name, headphones.deviceClass, true};
     bluez.setDevices({after});
     EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), REQUEST_FAILED)
-        << "not known before: an empty address cannot be paired";
+        << "unknown before: an empty address cannot be paired";
     EXPECT_EQ(bluez.countCalls(deviceCall("", "Pair")), 1);
     EXPECT_EQ(bluez.countCalls(deviceCall(after.address, "Connect")), 1);
 }

@@ -126,7 +126,7 @@ class Stack : public ManagerTest {};
 
 TEST_F(Stack, BringUpContinuesWithoutTheBusNames) {
     edges().missingNames = {"org.bluez", "org.freedesktop.DBus"};
-    EXPECT_TRUE(manager().setBluetoothComponents(true)) << "BlueZ came late, yet it answers";
+    EXPECT_TRUE(manager().setBluetoothComponents(true)) << "BlueZ is late, but answers";
     EXPECT_THAT(log(), ElementsAre("DEBUG setBluetoothComponents : 1", "INFO hci0 is up.",
                                    "ERROR setBluetoothDaemon : Cannot start bluetooth daemon!",
                                    "ERROR setBluetoothComponents : setBluetoothDaemon failed",
@@ -220,7 +220,7 @@ TEST_F(SystemLogWatcher, TimesOutAfterTheLimitCountedFromTheCall) {
     forget();
     edges().onShell = [](const std::string&) { Clock::advance(std::chrono::milliseconds(1)); };
     EXPECT_FALSE(watch("up", 0));
-    EXPECT_THAT(happened({Kind::SLEEP}), testing::IsEmpty()) << "the snapshot's time counts";
+    EXPECT_THAT(happened({Kind::SLEEP}), testing::IsEmpty()) << "the time for the snapshot counts";
 }
 
 TEST_F(SystemLogWatcher, SkipsTheWaitWhenTheActionSaysSo) {
@@ -294,7 +294,7 @@ TEST_F(SystemLogFile, MayBeReplacedOrMissingDuringAWait) {
     EXPECT_TRUE(finds("old: the line", [&] { rotate("something else\n"); }))
         << "lines that are gone differ from the snapshot too";
     EXPECT_FALSE(finds("it came", [this] { write("messages", std::string("\0it came\n", 9)); }))
-        << "diff takes a log with a zero byte, as a power cut leaves it, for no text";
+        << "diff treats a log with a zero byte, as after a power cut, as binary";
     EXPECT_EQ(errors().size(), 3U);
 }
 
@@ -304,7 +304,7 @@ TEST_F(SystemLogFile, MatchesNothingWithoutASnapshot) {
     EXPECT_FALSE(finds("old: the line", reappear)) << "it is not new";
     EXPECT_FALSE(std::filesystem::exists(folder / "messages_ref"));
     write("messages", "");
-    EXPECT_TRUE(finds("old: the line", reappear)) << "the copy of an empty log is one";
+    EXPECT_TRUE(finds("old: the line", reappear)) << "the copy of an empty log is a snapshot";
     EXPECT_FALSE(finds("old: the line", [] {}));
     std::filesystem::remove(folder / "messages");
     EXPECT_FALSE(finds("old: the line", reappear));

@@ -88,8 +88,7 @@ HostsSource::~HostsSource() {
 ManagerTest::ManagerTest() {
     static bool used = false;
     if (std::exchange(used, true)) {
-        std::fputs("Each test needs a process of its own, with a manager of its own: use ctest.\n",
-                   stderr);
+        std::fputs("Each test needs its own process, with its own manager: use ctest.\n", stderr);
         std::_Exit(2);
     }
     captureLog();
