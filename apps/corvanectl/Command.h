@@ -1,7 +1,5 @@
 #pragma once
 
-#include "ExitStatus.h"
-
 #include <nlohmann/json.hpp>
 
 #include <memory>
@@ -16,12 +14,40 @@ class Session;
 
 using Json = nlohmann::ordered_json;
 
-/// What a command has to tell.
+/// How a command, and with it the process, ends. Scripts rely on the numbers: add new ones, never
+/// reuse one.
+enum class ExitStatus : int {
+    success,
+    unexpected,
+    usage,
+    noBus,
+    badSetting,
+    noIdentity,
+    refused,
+    noDevice,
+    incomplete,
+    busy,
+    request,  // plus the request's answer
+    requestCancelled = 12,
+    requestFailed = 14,
+    notLogged = 16,
+    boardUnfit,
+    interrupted = 130,  // as shells report an end by Ctrl-C
+};
+
+/// The field "outcome" of --json, by exit status from 0 on.
+constexpr char outcomes[] =
+    "success|unexpected|usage|no-bus|bad-setting|no-identity|refused|no-device|incomplete|busy||"
+    "request-timeout|request-cancelled|request-connect-failed|request-failed|"
+    "request-device-not-found|not-logged|board-unfit";
+constexpr char interruptedOutcome[] = "interrupted";
+
+/// What a command reports.
 struct Result {
     ExitStatus status = ExitStatus::success;
-    std::string text;     ///< for people: lines, without a line end after the last
-    std::string problem;  ///< what is wrong and the remedy; empty on success
-    Json data = Json(Json::value_t::null);  ///< the field "result" of --json; null for nothing
+    std::string text;                       ///< for people: lines, the last one without a line end
+    std::string problem;                    ///< what is wrong and the remedy; empty on success
+    Json data = Json(Json::value_t::null);  ///< the field "result" of --json
 };
 
 /// Ends a command.
@@ -34,68 +60,49 @@ public:
     const ExitStatus status;
 };
 
-/// A command with its arguments, checked and ready to run.
+/// A command with checked arguments, ready to run.
 struct Invocation {
     const Command* command = nullptr;
     std::vector<std::string> arguments;
     std::shared_ptr<const Invocation> inner;  ///< the command that watch-log runs
 };
 
+using Run = Result(Session&, const Invocation&);
+Run switchOn, switchOff, showStatus, airplane, watchLog;  // RadioCommands.cpp
+Run scan, listDevices, findDevice, pairDevice, waitForPairing, trustDevice, connectDevice,
+    disconnectDevice, forgetDevice;  // DeviceCommands.cpp
+Run examineBoard;                    // Doctor.cpp
+Run writeReport;                     // BoardReport.cpp
+
 /// One row of the table of commands.
 struct Command {
     const char* name;
     const char* takes;  ///< as help shows it: words in capitals, choices "a|b", optional "[a|b]"
-    Result (*run)(Session&, const Invocation&);
+    Run* run;
     const char* help;     ///< one line
-    const char* details;  ///< what help adds for this command alone; "" for nothing
+    const char* details;  ///< what help adds for this command alone; may be empty
 };
 
-/// The table, in the order in which help shows it.
+/// The table, in the order of help.
 const std::vector<Command>& commands();
 
 /// @return null when there is no such command
 const Command* findCommand(const std::string& name);
 
-/// The choices of what a command takes, or its words in capitals, one by one.
-std::vector<std::string> choicesOf(const Command& command);
+/// The words in something that a command takes: "[all|paired]" has two.
+std::vector<std::string> choicesOf(std::string takes);
 
-/// The commands with what they take, a line each.
+/// The commands and what they take, one per line.
 std::string commandList();
 
-/// Reads one command from a line. Throws Failure (usage) that names the word it is about.
-/// @return without a command for a line that is blank or a comment (first character '#')
+/// Reads one command from a line. Throws Failure (usage) that names the offending word.
+/// @return without a command for a blank line and for a comment (first character '#')
 Invocation parseLine(const std::string& line);
 
-/// Reads the commands from the words of a command line. A word with a blank, where a command is
-/// expected, is a whole line. Any other word there is a command's name, and the following words are
-/// its arguments as they are: as many as it takes, and an optional one unless it is a command or a
-/// whole line itself. Throws like parseLine().
+/// Reads the commands from the words of a command line. Where a command is expected, a word with a
+/// blank is a whole line; any other word is a command's name. The words after a name are its
+/// arguments, unchanged: as many as it needs, and an optional one unless it is a command or a whole
+/// line. Throws like parseLine().
 std::vector<Invocation> parseArguments(const std::vector<std::string>& arguments);
-
-// The functions of the table's rows, by the file that holds them.
-
-// RadioCommands.cpp
-Result switchOn(Session& session, const Invocation& invocation);
-Result switchOff(Session& session, const Invocation& invocation);
-Result showStatus(Session& session, const Invocation& invocation);
-Result airplane(Session& session, const Invocation& invocation);
-Result watchLog(Session& session, const Invocation& invocation);
-
-// DeviceCommands.cpp
-Result scan(Session& session, const Invocation& invocation);
-Result listDevices(Session& session, const Invocation& invocation);
-Result findDevice(Session& session, const Invocation& invocation);
-Result pairDevice(Session& session, const Invocation& invocation);
-Result waitForPairing(Session& session, const Invocation& invocation);
-Result trustDevice(Session& session, const Invocation& invocation);
-Result connectDevice(Session& session, const Invocation& invocation);
-Result disconnectDevice(Session& session, const Invocation& invocation);
-Result forgetDevice(Session& session, const Invocation& invocation);
-
-// Doctor.cpp
-Result examineBoard(Session& session, const Invocation& invocation);
-
-// BoardReport.cpp
-Result writeReport(Session& session, const Invocation& invocation);
 
 }  // namespace corvanectl

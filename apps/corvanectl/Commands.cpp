@@ -1,10 +1,11 @@
-#include "Console.h"
 #include "Session.h"
 #include "Text.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <deque>
 #include <iomanip>
 #include <sstream>
@@ -16,7 +17,7 @@ namespace {
 using Words = std::deque<std::string>;
 
 Result cancelNothing(Session& /*session*/, const Invocation& /*invocation*/) {
-    // Commands run one after the other: a request that runs sees the line itself.
+    // Commands run one after the other: the running request reads this line itself.
     return {ExitStatus::success, "No request is running", "", {{"cancelled", false}}};
 }
 
@@ -39,7 +40,7 @@ Result showHelp(Session& /*session*/, const Invocation& invocation) {
         result.data["commands"].push_back(
             {{"usage", usageOf(command)}, {"help", command.help}, {"details", command.details}});
     }
-    result.text = wrapped(result.text, Console::widthOrUsual());
+    result.text = wrapped(result.text, Session::widthOrUsual());
     result.text.erase(result.text.find_last_not_of(" \n") + 1);
     return result;
 }
@@ -61,34 +62,19 @@ const Command& commandNamed(const std::string& name) {
     if (const Command* const command = findCommand(name)) return *command;
     throw Failure(ExitStatus::usage,
                   name.compare(0, 1, "-") == 0
-                      ? inQuotes(name) + " is no command; options stand before the first command"
+                      ? inQuotes(name) + " is not a command; options go before the first command"
                       : "unknown command " + inQuotes(name) + "; help lists the commands");
 }
 
-/// Checks the words that belong to a command. Throws CLI::ParseError.
-void check(const Command& command, const std::vector<std::string>& arguments) {
-    CLI::App grammar;
-    grammar.set_help_flag();
-    const std::vector<std::string> choices = choicesOf(command);
-    std::istringstream takes(command.takes);
-    for (std::string word; takes >> word && word != "--";) {
-        if (word == "[--anonymous]") {
-            grammar.add_flag("--anonymous");
-            continue;
-        }
-        CLI::Option* const option = grammar.add_option(word);
-        option->required(word.front() != '[');
-        option->check(CLI::Validator(
-            [](const std::string& text) { return text.empty() ? "must not be empty" : ""; }, ""));
-        if (word == "TIMEOUT") option->check(CLI::Range(0U, 999999999U));
-        if (word.find_first_of("abcdefghijklmnopqrstuvwxyz") != std::string::npos) {
-            option->check(CLI::IsMember(choices));
-        }
-    }
-    // From the last to the first, and as they are: only the file's command has options.
-    std::vector<std::string> words(arguments.rbegin(), arguments.rend());
-    if (command.run != writeReport) words.emplace_back("--");
-    grammar.parse(words);
+/// @param taken  what the argument stands for, a word of Command::takes
+/// @return what is wrong with an argument; empty for nothing
+std::string faultIn(std::string argument, const std::string& taken) {
+    if (argument.empty()) return taken + " must not be empty";
+    if (taken == "[COMMAND]") commandNamed(argument);
+    if (taken == "TIMEOUT") return CLI::Range(0U, 999999999U)(argument);
+    const bool isWord =
+        std::none_of(taken.begin(), taken.end(), [](char c) { return std::islower(c) != 0; });
+    return isWord ? "" : CLI::IsMember(choicesOf(taken))(argument);
 }
 
 /// Takes a command's name and its arguments, or a whole line, from the front.
@@ -97,41 +83,28 @@ Invocation takeCommand(Words& words) {
     if (isWholeLine(name)) return parseLine(name);
     const Command& command = commandNamed(name);
     Invocation invocation{&command, {}, nullptr};
-    std::istringstream takes(command.takes);
-    for (std::string word; takes >> word && word != "--" && !words.empty();) {
-        const bool isChoice = word.front() == '[' && word != "[COMMAND]";
-        if (word == "[--anonymous]") {
-            // It may stand on either side of the file.
-            if (words.size() < 2 || (words[0] != word.substr(1, 11) && words[1] != "--anonymous")) {
-                continue;
+    for (const std::string& taken : splitWords(command.takes)) {
+        if (taken == "--") {
+            if (words.empty() || take(words) != "--") {
+                throw wrongUse(command, "expected -- after the timeout");
             }
-        } else if (isChoice &&
-                   (findCommand(words.front()) != nullptr || isWholeLine(words.front()))) {
-            continue;
+            if (!words.empty()) invocation.inner = std::make_shared<Invocation>(takeCommand(words));
+            if (!invocation.inner || invocation.inner->command == nullptr) {
+                throw wrongUse(command, "the command is missing");
+            }
+            break;
         }
+        const bool optional = taken.front() == '[';
+        if (words.empty() && !optional) throw wrongUse(command, taken + " is required");
+        const std::string next = words.empty() ? "" : words.front();
+        const bool nextIsCommand = findCommand(next) != nullptr || isWholeLine(next);
+        const bool absent = taken == "[--anonymous]" ? next != "--anonymous"
+                            : taken == "[COMMAND]"   ? false
+                                                     : nextIsCommand;
+        if (words.empty() || (optional && absent)) continue;
+        const std::string fault = faultIn(next, taken);
+        if (!fault.empty()) throw wrongUse(command, fault);
         invocation.arguments.push_back(take(words));
-    }
-    try {
-        check(command, invocation.arguments);
-    } catch (const CLI::ParseError& error) {
-        throw wrongUse(command, error.what());
-    }
-    if (command.run == showHelp && !invocation.arguments.empty()) {
-        commandNamed(invocation.arguments.front());
-    }
-    if (command.run == watchLog) {
-        // It would end the shell's command line.
-        if (invocation.arguments.front().find('\0') != std::string::npos) {
-            throw wrongUse(command, '"' + invocation.arguments.front() +
-                                        "\" holds a zero byte; write . in its place");
-        }
-        if (words.empty() || take(words) != "--") {
-            throw wrongUse(command, "expected -- behind the timeout");
-        }
-        if (!words.empty()) invocation.inner = std::make_shared<Invocation>(takeCommand(words));
-        if (!invocation.inner || invocation.inner->command == nullptr) {
-            throw wrongUse(command, "the command is missing");
-        }
     }
     return invocation;
 }
@@ -141,48 +114,47 @@ Invocation takeCommand(Words& words) {
 const std::vector<Command>& commands() {
     static const std::vector<Command> table{
         {"on", "", switchOn, "switch Bluetooth on",
-         "Does nothing when the persisted setting says on already. It succeeded when the setting "
-         "is on, BlueZ is on the bus, and the adapter is powered, pairable and has its name."},
+         "Does nothing when the persisted setting is already on. Succeeds when the setting is on, "
+         "BlueZ is on the bus, and the adapter is powered, pairable and has its name."},
         {"off", "[forced]", switchOff, "switch Bluetooth off",
-         "Does nothing when the persisted setting says off already. With forced, the power line "
-         "that the Wi-Fi shares goes down as well. It succeeded when the setting is off, BlueZ "
-         "has left the bus and the adapter is gone."},
-        {"status", "", showStatus, "show setting, board, adapter, services, lists", ""},
+         "Does nothing when the persisted setting is already off. With forced, the power line "
+         "shared with the Wi-Fi goes down as well. Succeeds when the setting is off, BlueZ has "
+         "left the bus and the adapter is gone."},
+        {"status", "", showStatus, "show setting, board, adapter, services and device counts", ""},
         {"airplane", "on|off", airplane, "power the radio hardware down for flight, or up again",
-         "Lowers every enable line, the one that the Wi-Fi shares included, and unloads the "
-         "kernel modules, or reverts that. Daemons and setting are left alone: switch off first. "
-         "It succeeded when the library logged no error and, for on, the adapter is gone."},
+         "on lowers every enable line, including the one shared with the Wi-Fi, and unloads the "
+         "kernel modules; off reverts that. Daemons and setting stay as they are: switch off "
+         "first. Succeeds when the library logged no error and, for on, the adapter is gone."},
         {"scan", "", scan, "discover devices for ten seconds", ""},
         {"devices", "[all|paired|connected]", listDevices, "list the devices that BlueZ knows",
          "Without an argument: all."},
-        {"find", "NAME", findDevice, "show what is known of one device",
-         "Tells also whether it is a playback device."},
+        {"find", "NAME", findDevice, "show what is known about a device",
+         "Includes whether it is a playback device."},
         {"pair", "NAME", pairDevice, "pair with a device that was found", ""},
         {"wait-pair", "NAME", waitForPairing, "let a device pair with the appliance",
          "Makes the appliance discoverable and trusts the device. A phone or a computer has 60 "
          "seconds to pair and connect by itself; an audio device is paired and connected."},
-        {"trust", "NAME", trustDevice, "accept the connections of a device without asking", ""},
+        {"trust", "NAME", trustDevice, "accept connections from a device without asking", ""},
         {"connect", "NAME", connectDevice, "connect a paired device",
-         "A playback device takes the place of the one that is connected."},
+         "A playback device replaces the connected one."},
         {"disconnect", "NAME", disconnectDevice, "disconnect a connected device",
-         "A disconnection that BlueZ refuses is tried again until it is cancelled."},
-        {"forget", "NAME", forgetDevice, "remove a device's pairing and all that BlueZ knows of it",
-         ""},
+         "Retries until cancelled when BlueZ refuses."},
+        {"forget", "NAME", forgetDevice, "remove a device and its pairing from BlueZ", ""},
         {"cancel", "", cancelNothing, "cancel the running request",
-         "For standard input and the shell: a line that says cancel while a request runs. Ctrl-C "
-         "does the same; a second Ctrl-C leaves."},
+         "For standard input and the shell: type it while a request runs. Ctrl-C does the same; a "
+         "second Ctrl-C leaves."},
         {"watch-log", "PATTERN TIMEOUT -- COMMAND", watchLog,
          "run a command, then wait for a text in the system log",
-         "PATTERN is a basic regular expression, TIMEOUT is in "
-         "milliseconds, COMMAND is any of these commands. Only lines that the log has gained "
-         "since just before the command count."},
+         "PATTERN is a basic regular expression, TIMEOUT is in milliseconds, COMMAND is any of "
+         "these commands. Only lines logged since just before the command count."},
         {"doctor", "", examineBoard, "examine the board without touching the radio",
-         "Tells for each file, program and service that the library relies on what was looked "
-         "for, what was found, and what to do about it."},
+         "Says for each file, program and service that the library relies on what was expected, "
+         "what was found, and how to fix it."},
         {"report", "[--anonymous] FILE", writeReport, "write a tar archive to attach to a mail",
-         "Doctor's findings, versions, identity, logs since the last boot, BlueZ's objects and, "
-         "when BlueZ runs and btmon is there, the trace of a scan."},
-        {"quit", "", quit, "leave; what follows is not run", ""},
+         "Contains doctor's findings, versions, identity, logs since the last boot, BlueZ's "
+         "objects and, when BlueZ runs and btmon is installed, the trace of a scan. --anonymous "
+         "leaves out names, addresses and the trace."},
+        {"quit", "", quit, "leave without running what follows", ""},
         {"help", "[COMMAND]", showHelp, "explain the commands, or one of them", ""},
     };
     return table;
@@ -195,12 +167,10 @@ const Command* findCommand(const std::string& name) {
     return match == table.end() ? nullptr : &*match;
 }
 
-std::vector<std::string> choicesOf(const Command& command) {
-    std::string takes = command.takes;
-    takes.erase(
-        std::remove_if(takes.begin(), takes.end(), [](char c) { return c == '[' || c == ']'; }),
-        takes.end());
-    std::replace(takes.begin(), takes.end(), '|', ' ');
+std::vector<std::string> choicesOf(std::string takes) {
+    for (char& c : takes) {
+        if (std::strchr("[|]", c) != nullptr) c = ' ';
+    }
     return splitWords(takes);
 }
 
@@ -220,8 +190,8 @@ Invocation parseLine(const std::string& line) {
     if (words.empty() || words.front().compare(0, 1, "#") == 0) return {};
     Invocation invocation = takeCommand(words);
     if (!words.empty()) {
-        throw wrongUse(*invocation.command, "one argument too many, " + words.front() +
-                                                "; a name with blanks stands in quotes");
+        throw wrongUse(*invocation.command, "unexpected argument " + words.front() +
+                                                "; put a name with blanks in quotes");
     }
     return invocation;
 }

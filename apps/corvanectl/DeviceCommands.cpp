@@ -1,4 +1,3 @@
-#include "DeviceKinds.h"
 #include "RadioWirings.h"
 #include "Session.h"
 #include "Text.h"
@@ -17,22 +16,71 @@ constexpr std::chrono::milliseconds unknownLength{0};
 
 struct AnswerRow {
     const char* name;
-    ExitStatus status;
     const char* problem;
 };
 
 /// By the number of the answer.
 constexpr std::array<AnswerRow, 6> answerRows{{
-    {"REQUEST_SUCCESS", ExitStatus::success, ""},
-    {"REQUEST_TIMEOUT", ExitStatus::requestTimeout,
+    {"REQUEST_SUCCESS", ""},
+    {"REQUEST_TIMEOUT",
      "did not pair and connect in time; start the pairing on the device, then try again"},
-    {"REQUEST_CANCELLED", ExitStatus::requestCancelled, "was cancelled"},
-    {"REQUEST_CONNECT_FAILED", ExitStatus::requestConnectFailed,
-     "paired, but could not be connected; try connect"},
-    {"REQUEST_FAILED", ExitStatus::requestFailed, "failed"},
-    {"REQUEST_DEVICE_NOT_FOUND", ExitStatus::requestDeviceNotFound,
+    {"REQUEST_CANCELLED", "was cancelled"},
+    {"REQUEST_CONNECT_FAILED", "is paired, but could not be connected; try connect"},
+    {"REQUEST_FAILED", "failed"},
+    {"REQUEST_DEVICE_NOT_FOUND",
      "is not among the paired devices after pairing; try again near the device"},
 }};
+
+struct MajorClass {
+    const char* name;
+    const char* flags;   // from bit 2 of the minor class on
+    const char* minors;  // from number 1 on; empty: not told apart
+};
+
+constexpr std::array<MajorClass, 10> majorClasses{{
+    {"Miscellaneous", "", ""},
+    {"Computer", "", "desktop|server|laptop|handheld|palm-size|wearable|tablet"},
+    {"Phone", "", "cellular|cordless|smartphone|modem or gateway|ISDN"},
+    {"Network access point", "", ""},
+    {"Audio/video", "",
+     "headset|hands-free||microphone|loudspeaker|headphones|portable audio|car audio|set-top box|"
+     "hi-fi|VCR|video camera|camcorder|video monitor|video display and loudspeaker|"
+     "video conferencing||gaming or toy"},
+    {"Peripheral", "||keyboard|pointing device",
+     "joystick|gamepad|remote control|sensing device|digitizer tablet|card reader|digital pen|"
+     "handheld scanner|handheld gestural input"},
+    {"Imaging", "display|camera|scanner|printer", ""},
+    {"Wearable", "", "wristwatch|pager|jacket|helmet|glasses|pin"},
+    {"Toy", "", ""},
+    {"Health", "", ""},
+}};
+
+/// A Class of Device in words, "Phone, smartphone": major and minor device class by the Bluetooth
+/// Assigned Numbers, Baseband. Unassigned numbers appear as such.
+std::string kindOf(std::uint32_t deviceClass) {
+    const std::uint32_t major = (deviceClass >> 8) & 0x1F;
+    std::uint32_t minor = (deviceClass >> 2) & 0x3F;
+    if (deviceClass == 0) return "unknown";
+    if (major == 31) return "Uncategorized";
+    if (major >= majorClasses.size()) return "Major class " + std::to_string(major);
+    const MajorClass& row = majorClasses.at(major);
+    std::string text = row.name;
+    for (std::uint32_t i = 0; i < 4; ++i) {
+        const std::uint32_t bit = 4U << i;
+        const std::string flag = part(row.flags, i);
+        if ((minor & bit) == 0 || flag.empty()) continue;
+        text += ", " + flag;
+        minor &= ~bit;
+    }
+    if (minor == 0 || *row.minors == '\0') return text;
+    const std::string name = part(row.minors, minor - 1);
+    return text + ", " + (name.empty() ? "minor class " + std::to_string(minor) : name);
+}
+
+/// A vendor of 0 means that the device did not identify itself.
+std::string idText(const Device& device, std::uint16_t id) {
+    return device.info.vendorId == 0 ? "-" : hexadecimal(id, 4);
+}
 
 Json toJson(const Device& device) {
     const bool identified = device.info.vendorId != 0;
@@ -49,11 +97,6 @@ Json toJson(const Device& device) {
             {"playback", device.playback}};
 }
 
-/// The ids of a modalias: a vendor that is 0 means that the device told none.
-std::string idText(const Device& device, std::uint16_t id) {
-    return device.info.vendorId == 0 ? "-" : hexadecimal(id, 4);
-}
-
 std::string flagsOf(const Device& device) {
     std::vector<std::string> flags;
     if (device.paired) flags.emplace_back("paired");
@@ -64,57 +107,54 @@ std::string flagsOf(const Device& device) {
 
 const char* yesOrNo(bool yes) { return yes ? "yes" : "no"; }
 
-/// An operation on one device: finds it, runs it, tells.
-Result act(Session& session, const std::string& name, const char* done, const char* failed,
+/// Finds the device that the invocation names and runs an operation on it.
+Result act(Session& session, const Invocation& invocation, const char* done, const char* failed,
            bool (*operation)(BluetoothManager&, const char* address)) {
     Host& host = session.host;
-    const Device device = host.device(ALL_DEVICES, name);
-    const std::string which = inQuotes(name) + " (" + escaped(device.info.macAddress) + ")";
-    Result result;
-    result.data = {{"address", device.info.macAddress}, {"name", device.info.name}};
-    if (operation(host.manager(), device.info.macAddress.c_str())) {
-        result.text = std::string(done) + ' ' + which;
-        host.manager().scanDevicesInfo();  // the shell completes names from the lists
-    } else {
-        result.status = ExitStatus::refused;
-        result.problem = std::string(failed) + ' ' + which + "; the log tells BlueZ's reason";
+    const BluetoothConnectionInfo info = host.device(ALL_DEVICES, invocation.arguments[0]).info;
+    const std::string which = inQuotes(info.name) + " (" + escaped(info.macAddress) + ")";
+    const Json data{{"address", info.macAddress}, {"name", info.name}};
+    if (!operation(host.manager(), info.macAddress.c_str())) {
+        return {ExitStatus::refused, "",
+                std::string(failed) + ' ' + which + "; the log has BlueZ's reason", data};
     }
-    return result;
+    host.manager().scanDevicesInfo();  // the shell completes names from the lists
+    return {ExitStatus::success, std::string(done) + ' ' + which, "", data};
 }
 
-Result toResult(const Host::Answer& answer, const std::string& what, const std::string& done) {
-    const AnswerRow& row = answerRows.at(static_cast<std::size_t>(answer.answer));
-    Result result;
-    result.status = row.status;
-    result.data = {{"answer", row.name}};
-    if (answer.answer == REQUEST_SUCCESS) {
-        result.text = done;
-    } else if (answer.cancelled && answer.answer == REQUEST_FAILED) {
-        // A request says so, too, when it is cancelled before it has begun to wait.
-        result.status = ExitStatus::requestCancelled;
-        result.problem = what + " was cancelled";
-    } else {
-        result.problem = what + ' ' + row.problem;
-    }
-    return result;
-}
-
-/// A request on the device of a list that has the name in the invocation.
+/// Runs a request to its answer.
+/// @param what  its object, for messages
 template <class Request, class... Arguments>
-Result request(Session& session, const Invocation& invocation, BluetoothDeviceListType type,
-               const char* label, std::chrono::milliseconds limit, const char* before,
-               const char* behind, Arguments... arguments) {
-    const std::string& name = invocation.arguments.front();
-    const Device device = session.host.device(type, name);
-    const auto answer = session.host.perform(
+Result perform(Session& session, const char* label, std::chrono::milliseconds limit,
+               const std::string& what, const Arguments&... arguments) {
+    const auto [answer, cancelled] = session.host.perform(
         [&](const Host::Callback& callback) {
-            return std::make_shared<Request>(callback, arguments..., name);
+            return std::make_shared<Request>(callback, arguments...);
         },
         label, limit);
-    session.host.manager().scanDevicesInfo();  // the shell completes names from the lists
-    Result result = toResult(answer, inQuotes(name), before + inQuotes(name) + behind);
+    Result result;
+    result.data = {{"answer", answerRows.at(answer).name}};
+    if (answer == REQUEST_SUCCESS) return result;
+    // A request that is cancelled before it has begun to wait answers REQUEST_FAILED.
+    const auto number = cancelled && answer == REQUEST_FAILED ? REQUEST_CANCELLED : answer;
+    result.status = static_cast<ExitStatus>(static_cast<int>(ExitStatus::request) + number);
+    result.problem = what + ' ' + answerRows.at(number).problem;
+    return result;
+}
+
+/// Runs a request on the device of a list that the invocation names.
+template <class Request, class... Arguments>
+Result request(Session& session, const Invocation& invocation, BluetoothDeviceListType type,
+               const char* label, std::chrono::milliseconds limit, const char* done,
+               const Arguments&... arguments) {
+    Host& host = session.host;
+    const std::string& name = invocation.arguments.front();
+    const Device device = host.device(type, name);
+    Result result = perform<Request>(session, label, limit, inQuotes(name), arguments..., name);
+    host.manager().scanDevicesInfo();  // the shell completes names from the lists
+    if (result.status == ExitStatus::success) result.text = done + inQuotes(name);
     if (result.status == ExitStatus::requestFailed &&
-        session.host.manager().getMajorDeviceClass(device.info) == MAJOR_CLASS_OTHER) {
+        host.manager().getMajorDeviceClass(device.info) == MAJOR_CLASS_OTHER) {
         result.problem += std::string("; ") + invocation.command->name +
                           " handles computers, phones and audio devices; this one is: " +
                           kindOf(device.info.deviceClass);
@@ -128,18 +168,14 @@ Result scan(Session& session, const Invocation& /*invocation*/) {
     Host& host = session.host;
     host.manager();
     const std::size_t before = host.errorCount();
-    const auto answer = host.perform(
-        [](const Host::Callback& callback) {
-            return std::make_shared<ScanBluetoothRequest>(callback);
-        },
-        "Scanning", corvane::scanLength);
-    Result result = toResult(answer, "the scan", "");
+    Result result =
+        perform<ScanBluetoothRequest>(session, "Scanning", corvane::scanLength, "the scan");
     result.data["devices"] = nullptr;
     if (result.status != ExitStatus::success) return result;
-    // The request succeeds also when BlueZ could not start the discovery.
+    // The request also succeeds when BlueZ could not start the discovery.
     if (host.errorCount() > before) {
         result.status = ExitStatus::refused;
-        result.problem = "BlueZ did not discover; is Bluetooth on? See status";
+        result.problem = "BlueZ did not start the discovery; is Bluetooth on? See status";
         return result;
     }
     host.refresh();
@@ -157,36 +193,33 @@ Result listDevices(Session& session, const Invocation& invocation) {
     session.host.refresh();
     Result result;
     result.data = {{"list", wanted}, {"devices", Json::array()}};
-    std::vector<std::vector<std::string>> rows;
+    std::vector<std::vector<std::string>> rows{
+        {"ADDRESS", "NAME", "FLAGS", "KIND", "VENDOR", "PRODUCT"}};
     for (const Device& device : session.host.devices(type)) {
-        rows.push_back({escaped(device.info.macAddress), escaped(device.info.name),
-                        kindOf(device.info.deviceClass), idText(device, device.info.vendorId),
-                        idText(device, device.info.productId), flagsOf(device)});
+        const BluetoothConnectionInfo& info = device.info;
+        rows.push_back({escaped(info.macAddress), escaped(info.name), flagsOf(device),
+                        kindOf(info.deviceClass), idText(device, info.vendorId),
+                        idText(device, info.productId)});
         result.data["devices"].push_back(toJson(device));
     }
-    constexpr std::size_t shortest = 10;
-    result.text = rows.empty() ? "No devices"
-                               : table({{"ADDRESS", Column::whole},
-                                        {"NAME", Column::whole},
-                                        {"KIND", shortest},
-                                        {"VENDOR", 0},
-                                        {"PRODUCT", 0},
-                                        {"FLAGS", shortest}},
-                                       rows, Console::width());
+    result.text = rows.size() == 1
+                      ? "No devices"
+                      : table(rows, {never, never, 10, 10, 0, 0}, terminalColumns(Streams::output));
     return result;
 }
 
 Result findDevice(Session& session, const Invocation& invocation) {
     const Device device = session.host.device(ALL_DEVICES, invocation.arguments.front());
+    const BluetoothConnectionInfo& info = device.info;
     Result result;
     result.data = toJson(device);
-    result.text = pairs({{"Address", escaped(device.info.macAddress)},
-                         {"Name", escaped(device.info.name)},
-                         {"Class", hexadecimal(device.info.deviceClass, 6)},
-                         {"Kind", kindOf(device.info.deviceClass)},
-                         {"Vendor", idText(device, device.info.vendorId)},
-                         {"Product", idText(device, device.info.productId)},
-                         {"Version", idText(device, device.info.versionId)},
+    result.text = pairs({{"Address", escaped(info.macAddress)},
+                         {"Name", escaped(info.name)},
+                         {"Class", hexadecimal(info.deviceClass, 6)},
+                         {"Kind", kindOf(info.deviceClass)},
+                         {"Vendor", idText(device, info.vendorId)},
+                         {"Product", idText(device, info.productId)},
+                         {"Version", idText(device, info.versionId)},
                          {"Paired", yesOrNo(device.paired)},
                          {"Connected", yesOrNo(device.connected)},
                          {"Playback device", yesOrNo(device.playback)}});
@@ -194,41 +227,36 @@ Result findDevice(Session& session, const Invocation& invocation) {
 }
 
 Result pairDevice(Session& session, const Invocation& invocation) {
-    return act(
-        session, invocation.arguments.front(), "Paired with", "not paired with",
-        [](BluetoothManager& manager, const char* address) { return manager.pairDevice(address); });
+    return act(session, invocation, "Paired with", "cannot pair with",
+               [](auto& manager, auto address) { return manager.pairDevice(address); });
 }
 
 Result trustDevice(Session& session, const Invocation& invocation) {
-    return act(session, invocation.arguments.front(), "Trusts", "cannot trust",
-               [](BluetoothManager& manager, const char* address) {
-                   return manager.deviceSetTrusted(address, true);
-               });
+    return act(session, invocation, "Trusts", "cannot trust",
+               [](auto& manager, auto address) { return manager.deviceSetTrusted(address, true); });
 }
 
 Result forgetDevice(Session& session, const Invocation& invocation) {
-    return act(session, invocation.arguments.front(), "Forgot", "cannot forget",
-               [](BluetoothManager& manager, const char* address) {
-                   return manager.deletePairedDevice(address);
-               });
+    return act(session, invocation, "Forgot", "cannot forget",
+               [](auto& manager, auto address) { return manager.deletePairedDevice(address); });
 }
 
 Result connectDevice(Session& session, const Invocation& invocation) {
     return request<ConnectBluetoothRequest>(session, invocation, PAIRED_DEVICES, "Connecting",
-                                            unknownLength, "Connected ", "", session.host.hid());
+                                            unknownLength, "Connected ", session.host.hid());
 }
 
 Result disconnectDevice(Session& session, const Invocation& invocation) {
-    // A device that is not connected would be tried until somebody cancels.
+    // The request would retry on a device that is not connected until somebody cancels.
     return request<DisconnectBluetoothRequest>(session, invocation, CONNECTED_DEVICES,
-                                               "Disconnecting", unknownLength, "Disconnected ", "",
+                                               "Disconnecting", unknownLength, "Disconnected ",
                                                session.host.hid());
 }
 
 Result waitForPairing(Session& session, const Invocation& invocation) {
     return request<WaitBluetoothPairingRequest>(session, invocation, ALL_DEVICES,
-                                                "Waiting for pairing", corvane::pairingLength, "",
-                                                " is paired");
+                                                "Waiting for pairing", corvane::pairingLength,
+                                                "Paired with ");
 }
 
 }  // namespace corvanectl

@@ -23,12 +23,6 @@ Failure noBus(const char* reason) {
                                    "DBUS_SYSTEM_BUS_ADDRESS where it is set"};
 }
 
-Failure noIdentity(const std::string& reason, const char* remedy) {
-    return {ExitStatus::noIdentity, "no board identity: " + reason +
-                                        ", and without it the wrong lines could be driven; " +
-                                        remedy};
-}
-
 }  // namespace
 
 sdbus::IConnection& Host::bus() {
@@ -45,20 +39,16 @@ const eepromXML& Host::identity() {
     const bool served = isOnTheBus(hardwareName);
     const std::string text =
         served ? hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo() : std::string();
-    if (!served) {
-        throw noIdentity("org.corvane.Hardware is not on the system bus",
-                         "start the hardware service");
-    }
-    if (text.empty()) {
-        throw noIdentity("org.corvane.Hardware gives an empty one, or does not answer",
-                         "correct the identity, or start the hardware service anew");
-    }
     eepromXML parsed(text);
-    if (parsed.GetModelType() == MODEL_UNKNOWN) {
-        throw noIdentity("the one from org.corvane.Hardware names no model",
-                         ("correct the identity: " + inQuotes(text.substr(0, 200))).c_str());
-    }
-    return board.emplace(std::move(parsed));
+    if (parsed.GetModelType() != MODEL_UNKNOWN) return board.emplace(std::move(parsed));
+    const std::string reason =
+        !served        ? "org.corvane.Hardware is not on the system bus; start the hardware service"
+        : text.empty() ? "org.corvane.Hardware returns an empty one, or does not answer; correct "
+                         "the identity, or restart the hardware service"
+                       : "the one from org.corvane.Hardware names no model; correct it: " +
+                             inQuotes(text.substr(0, 200));
+    throw Failure(ExitStatus::noIdentity,
+                  "no board identity, so the wrong lines could be driven: " + reason);
 }
 
 BluetoothManager& Host::manager() {
@@ -103,34 +93,27 @@ std::optional<bool> Host::setting() {
     }
 }
 
-std::shared_ptr<GVariant> Host::ask(const char* path, const char* interface, const char* method,
-                                    GVariant* arguments) {
-    GDBusConnection* const bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    if (bus == nullptr) return nullptr;
-    g_dbus_connection_set_exit_on_close(bus, FALSE);
-    GVariant* const reply =
-        g_dbus_connection_call_sync(bus, bluezName, path, interface, method, arguments, nullptr,
-                                    G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr);
-    g_object_unref(bus);
-    if (reply == nullptr) return nullptr;
-    return {reply, &g_variant_unref};
-}
-
 std::optional<AdapterState> Host::adapterState() {
-    const auto reply = ask(corvane::bluez::adapterPath, "org.freedesktop.DBus.Properties", "GetAll",
-                           g_variant_new("(s)", corvane::bluez::adapterInterface));
-    if (!reply || g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a{sv})")) == FALSE) {
-        return std::nullopt;
-    }
-    const std::shared_ptr<GVariant> all(g_variant_get_child_value(reply.get(), 0),
-                                        &g_variant_unref);
+    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (shared == nullptr) return std::nullopt;
+    g_dbus_connection_set_exit_on_close(shared, FALSE);
+    GVariant* const reply = g_dbus_connection_call_sync(
+        shared, bluezName, corvane::bluez::adapterPath, "org.freedesktop.DBus.Properties", "GetAll",
+        g_variant_new("(s)", corvane::bluez::adapterInterface), G_VARIANT_TYPE("(a{sv})"),
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr);
+    g_object_unref(shared);
+    if (reply == nullptr) return std::nullopt;
+    GVariant* const all = g_variant_get_child_value(reply, 0);
     gboolean powered = FALSE;
     gboolean pairable = FALSE;
     const char* alias = "";
-    g_variant_lookup(all.get(), "Powered", "b", &powered);
-    g_variant_lookup(all.get(), "Pairable", "b", &pairable);
-    g_variant_lookup(all.get(), "Alias", "&s", &alias);
-    return AdapterState{powered != FALSE, pairable != FALSE, alias};
+    g_variant_lookup(all, "Powered", "b", &powered);
+    g_variant_lookup(all, "Pairable", "b", &pairable);
+    g_variant_lookup(all, "Alias", "&s", &alias);
+    AdapterState state{powered != FALSE, pairable != FALSE, alias};
+    g_variant_unref(all);
+    g_variant_unref(reply);
+    return state;
 }
 
 void Host::refresh() {
@@ -186,8 +169,8 @@ Host::Answer Host::perform(const RequestMaker& make, const std::string& what, mi
     auto answer = promise->get_future();
     bool cancelled = false;
     while (answer.wait_for(milliseconds(0)) != std::future_status::ready) {
-        if (!cancelled &&
-            (Interrupt::happened() || (lines != nullptr && lines->takeIf("cancel")))) {
+        if (!cancelled && (Interrupt::happened() ||
+                           (cancelSource != nullptr && cancelSource->takeIf("cancel")))) {
             request->cancelRequest();
             cancelled = true;
             tell("Cancelling, Ctrl-C again leaves", milliseconds(0));

@@ -44,9 +44,8 @@ public:
     /// Told what is waited for, and how long at most; 0 when nobody knows.
     using Teller = std::function<void(const std::string& what, std::chrono::milliseconds limit)>;
 
-    /// @param input  where a line "cancel" may come from while a request runs; null for nowhere
-    Host(LogRecords& logRecords, LineSource* input, Teller tellWait)
-        : records(logRecords), lines(input), tell(std::move(tellWait)) {}
+    Host(LogRecords& logRecords, Teller tellWait)
+        : records(logRecords), tell(std::move(tellWait)) {}
 
     /// The manager; the first call constructs it. Throws Failure (noBus, noIdentity) before the
     /// radio is touched.
@@ -68,10 +67,6 @@ public:
 
     /// The adapter's properties; none when BlueZ does not give them.
     static std::optional<AdapterState> adapterState();
-
-    /// What a method without arguments of a BlueZ object returns, or null.
-    static std::shared_ptr<GVariant> ask(const char* path, const char* interface,
-                                         const char* method, GVariant* arguments);
 
     /// Refills the lists from BlueZ. Throws Failure (refused) when BlueZ did not answer.
     void refresh();
@@ -99,11 +94,13 @@ public:
     /// What this process did last about airplane mode; the manager does not tell.
     bool inAirplaneMode = false;
 
+    /// Where a line "cancel" may come from while a request runs; null for nowhere.
+    LineSource* cancelSource = nullptr;
+
 private:
     sdbus::IConnection& bus();
 
     LogRecords& records;
-    LineSource* const lines;
     const Teller tell;
     bool constructed = false;
     std::unique_ptr<sdbus::IConnection> connection;

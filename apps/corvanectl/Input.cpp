@@ -3,14 +3,12 @@
 #include "Command.h"
 #include "Text.h"
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <iostream>
 #include <system_error>
-#include <utility>
 
 #include <ext/stdio_filebuf.h>
 #include <fcntl.h>
@@ -22,17 +20,7 @@ namespace corvanectl {
 
 namespace {
 
-std::array<std::FILE*, 3> kept{};
-
-[[noreturn]] void fail(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
-void replace(int descriptor, int with) {
-    if (dup2(with, descriptor) == -1) fail("dup2");
-}
-
-// A signal handler may use nothing but these.
+// All that the signal handler uses.
 std::atomic<int> interrupts{0};
 int errorDescriptor = -1;
 
@@ -46,44 +34,41 @@ extern "C" void onInterrupt(int /*signal*/) {
 }  // namespace
 
 void Streams::claim() {
-    // Each takes the lowest free number, so none of ours is below 3.
+    // open() takes the lowest free number, so this opens what is closed.
     int nobody = -1;
     do {
-        nobody = open("/dev/null", O_RDWR);
-        if (nobody == -1) fail("/dev/null");
-    } while (nobody <= STDERR_FILENO);
-    for (int i = STDIN_FILENO; i <= STDERR_FILENO; ++i) {
-        const int own = fcntl(i, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        kept.at(static_cast<std::size_t>(i)) = fdopen(own, i == STDIN_FILENO ? "r" : "w");
-        if (kept.at(static_cast<std::size_t>(i)) == nullptr) fail("standard streams");
-        replace(i, nobody);
-    }
+        nobody = open("/dev/null", O_RDWR | O_CLOEXEC);
+    } while (nobody >= 0 && nobody <= STDERR_FILENO);
+    const auto take = [&](int descriptor, const char* mode) {
+        std::FILE* const stream =
+            fdopen(fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), mode);
+        if (stream == nullptr || dup2(nobody, descriptor) == -1) {
+            throw std::system_error(errno, std::generic_category(), "standard streams");
+        }
+        return stream;
+    };
+    input = take(STDIN_FILENO, "r");
+    output = take(STDOUT_FILENO, "w");
+    errors = take(STDERR_FILENO, "w");
     close(nobody);
-    std::setvbuf(errors(), nullptr, _IONBF, 0);
-    errorDescriptor = fileno(errors());
-    // The log's console appender writes there.
+    std::setvbuf(errors, nullptr, _IONBF, 0);
+    errorDescriptor = fileno(errors);
+    // The log's console appender writes to std::cerr.
     static __gnu_cxx::stdio_filebuf<char> log(errorDescriptor, std::ios::out);
     std::cerr.rdbuf(&log);
 }
 
 void Streams::logCommandsTo(const std::string& file) {
     const int log = open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (log == -1) {
+    if (log == -1 || dup2(log, STDOUT_FILENO) == -1 || dup2(log, STDERR_FILENO) == -1) {
         throw Failure(ExitStatus::usage, "--command-log " + inQuotes(file) + ": " +
-                                             std::strerror(errno) +
-                                             "; name a file that can be written");
+                                             std::strerror(errno) + "; name a writable file");
     }
-    replace(STDOUT_FILENO, log);
-    replace(STDERR_FILENO, log);
     close(log);
 }
 
-std::FILE* Streams::input() { return kept[0]; }
-std::FILE* Streams::output() { return kept[1]; }
-std::FILE* Streams::errors() { return kept[2]; }
-
 std::size_t terminalColumns(std::FILE* stream) {
-    constexpr std::size_t usual = 80;  // for terminals that do not tell
+    constexpr std::size_t usual = 80;  // for terminals that do not say
     winsize size{};
     if (isatty(fileno(stream)) != 1) return 0;
     if (ioctl(fileno(stream), TIOCGWINSZ, &size) == -1 || size.ws_col == 0) return usual;
@@ -93,7 +78,7 @@ std::size_t terminalColumns(std::FILE* stream) {
 void Interrupt::install() {
     struct sigaction action {};
     action.sa_handler = onInterrupt;
-    // Without SA_RESTART: a read ends.
+    // Without SA_RESTART, so that the signal ends a read.
     sigaction(SIGINT, &action, nullptr);
 }
 
@@ -103,16 +88,13 @@ bool Interrupt::happened() { return interrupts > 0; }
 
 void LineSource::readSome() {
     char buffer[4096];
-    const ssize_t got = read(descriptor, buffer, sizeof buffer);
-    if (got > 0) {
-        ahead.append(static_cast<const char*>(buffer), static_cast<std::size_t>(got));
-    } else if (got == 0 || errno != EINTR) {
-        ended = true;
-    }
+    const ssize_t got = read(fileno(Streams::input), buffer, sizeof buffer);
+    if (got > 0) ahead.append(static_cast<const char*>(buffer), static_cast<std::size_t>(got));
+    ended = got == 0 || (got < 0 && errno != EINTR);
 }
 
 bool LineSource::next(std::string& line) {
-    while (ahead.find('\n') == std::string::npos && !ended) {
+    while (!isAhead()) {
         if (Interrupt::happened()) return false;
         readSome();
     }
@@ -124,13 +106,11 @@ bool LineSource::next(std::string& line) {
 }
 
 bool LineSource::takeIf(const std::string& word) {
-    pollfd readable{descriptor, POLLIN, 0};
-    if (!ended && ahead.find('\n') == std::string::npos && poll(&readable, 1, 0) == 1) readSome();
+    pollfd readable{fileno(Streams::input), POLLIN, 0};
+    if (!isAhead() && poll(&readable, 1, 0) == 1) readSome();
     if (ahead.compare(0, word.size() + 1, word + '\n') != 0) return false;
     ahead.erase(0, word.size() + 1);
     return true;
 }
-
-std::string LineSource::takeRest() { return std::exchange(ahead, {}); }
 
 }  // namespace corvanectl

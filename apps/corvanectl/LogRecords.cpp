@@ -1,5 +1,6 @@
 #include "LogRecords.h"
 
+#include "Command.h"
 #include "Input.h"
 #include "LogAppender.h"
 #include "Text.h"
@@ -11,7 +12,6 @@
 #include <log4cplus/logger.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -23,7 +23,7 @@ namespace {
 
 using log4cplus::Logger;
 
-/// One record a line, whatever the message holds.
+/// One record per line, whatever the message holds.
 class LineLayout : public log4cplus::Layout {
 public:
     void formatAndAppend(log4cplus::tostream& output, const LogRecord& event) override {
@@ -35,55 +35,45 @@ public:
     }
 };
 
-log4cplus::LogLevel levelOf(std::string name) {
-    for (char& c : name) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return log4cplus::getLogLevelManager().fromString(name);
-}
-
 /// Our standard error: the host process's own console appender may write to descriptor 2, which is
-/// for commands and daemons here.
+/// for commands and daemons here. Not through std::cerr, which stays broken once a signal has
+/// interrupted a write.
 class Screen : public log4cplus::Appender {
 public:
-    Screen() { setLayout(std::make_unique<LineLayout>()); }
     ~Screen() override { destructorImpl(); }
     void close() override { closed = true; }
 
 protected:
     void append(const LogRecord& record) override {
-        std::fputs(formatEvent(record).c_str(), Streams::errors());
+        std::fputs(formatEvent(record).c_str(), Streams::errors);
     }
 };
 
-Failure unusable(const char* option, const std::string& file, const std::string& reason) {
-    return {ExitStatus::usage, std::string(option) + ' ' + inQuotes(file) + ": " + reason};
+void add(Logger logger, log4cplus::Appender* appender) {
+    appender->setLayout(std::make_unique<LineLayout>());
+    logger.addAppender(log4cplus::SharedAppenderPtr(appender));
 }
 
 /// Replaces the host process's own configuration.
 void configure(const std::string& file) {
-    std::ifstream stream(file);
-    if (!stream) throw unusable("the log configuration", file, std::strerror(errno));
     log4cplus::Hierarchy& hierarchy = Logger::getDefaultHierarchy();
     hierarchy.resetConfiguration();
-    log4cplus::PropertyConfigurator(log4cplus::helpers::Properties(stream), hierarchy).configure();
+    log4cplus::PropertyConfigurator(file, hierarchy).configure();
     auto loggers = hierarchy.getCurrentLoggers();
     loggers.push_back(hierarchy.getRoot());
     if (std::all_of(loggers.begin(), loggers.end(),
                     [](Logger& each) { return each.getAllAppenders().empty(); })) {
-        throw unusable("the log configuration", file,
-                       "not a log4cplus properties file that configures an appender");
+        throw Failure(ExitStatus::usage, "--log-config " + inQuotes(file) +
+                                             ": not a log4cplus properties file that configures "
+                                             "an appender");
     }
 }
 
-log4cplus::SharedAppenderPtr openFile(const std::string& file) {
-    // log4cplus reports a file that it cannot open on the console only.
-    if (!std::ofstream(file, std::ios_base::app)) {
-        throw unusable("--log-file", file,
-                       std::string(std::strerror(errno)) + "; name a file that can be written");
-    }
-    log4cplus::SharedAppenderPtr appender(
-        new log4cplus::FileAppender(file, std::ios_base::app, true));
-    appender->setLayout(std::make_unique<LineLayout>());
-    return appender;
+/// log4cplus reports a file that it cannot open on the console only.
+void check(const char* option, const std::string& file, std::ios_base::openmode mode) {
+    if (file.empty() || std::fstream(file, mode)) return;
+    throw Failure(ExitStatus::usage,
+                  std::string(option) + ' ' + inQuotes(file) + ": " + std::strerror(errno));
 }
 
 }  // namespace
@@ -113,32 +103,37 @@ void LogRecords::append(const LogRecord& record) {
 }
 
 void setUpLogging(const LogOptions& options, const log4cplus::SharedAppenderPtr& records) {
+    check("--log-config", options.config, std::ios_base::in);
+    check("--log-file", options.file, std::ios_base::app);
     Logger logger = LogAppender::getLogger();
     if (options.config.empty()) {
         Logger::getRoot().removeAllAppenders();
         logger.removeAllAppenders();
-        logger.addAppender(log4cplus::SharedAppenderPtr(new Screen));
+        add(logger, new Screen);
     } else {
         configure(options.config);
     }
     const bool leveled = !options.level.empty();
-    log4cplus::LogLevel wanted = leveled ? levelOf(options.level) : log4cplus::OFF_LOG_LEVEL;
-    if (!leveled && !options.config.empty()) wanted = logger.getChainedLogLevel();
-    // The records that we collect make the logger pass on more than before; what the others get
-    // stays what it was, or becomes what was asked for.
+    auto wanted = log4cplus::OFF_LOG_LEVEL;
+    if (leveled) {
+        wanted = log4cplus::getLogLevelManager().fromString(options.level);
+    } else if (!options.config.empty()) {
+        wanted = logger.getChainedLogLevel();
+    }
+    // The logger has to pass more on than before, to us: give the others what they got, or what was
+    // asked for.
     for (Logger place : {logger, Logger::getRoot()}) {
         for (const auto& appender : place.getAllAppenders()) {
             appender->setThreshold(leveled ? wanted : std::max(appender->getThreshold(), wanted));
         }
     }
     if (!options.file.empty()) {
-        const auto appender = openFile(options.file);
-        if (leveled) appender->setThreshold(wanted);
-        logger.addAppender(appender);
+        auto* const file = new log4cplus::FileAppender(options.file, std::ios_base::app, true);
+        if (leveled) file->setThreshold(wanted);
+        add(logger, file);
     }
     logger.addAppender(records);
-    logger.setLogLevel(wanted == log4cplus::TRACE_LOG_LEVEL ? log4cplus::TRACE_LOG_LEVEL
-                                                            : log4cplus::DEBUG_LOG_LEVEL);
+    logger.setLogLevel(std::min(wanted, log4cplus::DEBUG_LOG_LEVEL));
 }
 
 }  // namespace corvanectl

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "Command.h"
-
 #include <log4cplus/appender.h>
 #include <log4cplus/spi/loggingevent.h>
 
@@ -14,27 +12,26 @@ namespace corvanectl {
 
 using LogRecord = log4cplus::spi::InternalLoggingEvent;
 
-/// The errors of one command. A request that tries again and again can log thousands.
+/// The errors logged during a command. A request that keeps retrying can log thousands.
 struct LoggedErrors {
     static constexpr std::size_t keptAtMost = 100;
-    std::vector<LogRecord> first;  ///< the first ones, keptAtMost at most
+    std::vector<LogRecord> first;
     std::size_t total = 0;
 };
 
-/// Sees the records of the host process's logger: keeps those of level ERROR and above, and passes
-/// those of level DEBUG and above on as they come. Records come from any thread.
+/// Collects the records of level ERROR and above from the host process's logger, and passes those
+/// of level DEBUG and above on as they come. Thread-safe.
 class LogRecords : public log4cplus::Appender {
 public:
     using Listener = std::function<void(const LogRecord&)>;
 
-    LogRecords() = default;
     ~LogRecords() override { destructorImpl(); }
     void close() override {}
 
     /// Forgets the errors.
     void restart();
 
-    /// Takes a listener for what follows; may be empty.
+    /// Passes what follows to a listener; may be empty.
     void listen(Listener newListener);
 
     /// The errors since the last restart().
@@ -49,16 +46,15 @@ private:
     Listener listener;
 };
 
-/// Where the records go besides.
+/// Where else the records go.
 struct LogOptions {
     std::string level;   ///< trace, debug, info, error, off; empty: the default
     std::string file;    ///< appended to; empty: none
     std::string config;  ///< a log4cplus properties file; empty: none
 };
 
-/// Sets the host process's logger up and adds `records` to it. Without options, the console shows
-/// nothing: commands report the errors themselves. Throws Failure (usage) for a file that cannot be
-/// used.
+/// Sets up the host process's logger and adds `records` to it. Without options the console shows
+/// nothing: commands report the errors themselves. Throws Failure (usage) for an unusable file.
 void setUpLogging(const LogOptions& options, const log4cplus::SharedAppenderPtr& records);
 
 }  // namespace corvanectl

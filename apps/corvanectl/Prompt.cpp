@@ -1,13 +1,13 @@
-#include "Prompt.h"
-
+#include "Session.h"
 #include "Text.h"
 
-#include <histedit.h>
+#include <editline/readline.h>
+#include <glib.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cwchar>
+#include <cstring>
 #include <memory>
 
 #include <sys/stat.h>
@@ -16,190 +16,118 @@ namespace corvanectl {
 
 namespace {
 
-constexpr int historyLength = 1000;
-
-/// Where the last word begins: behind the last blank outside quotes.
-std::size_t lastWordOf(const std::string& line) {
-    std::size_t start = 0;
-    char quote = '\0';
-    for (std::size_t i = 0; i < line.size(); ++i) {
-        const char c = line[i];
-        if (c == '\\' && quote != '\'') {
-            ++i;
-        } else if (quote != '\0') {
-            if (c == quote) quote = '\0';
-        } else if (c == '"' || c == '\'') {
-            quote = c;
-        } else if (c == ' ') {
-            start = i + 1;
-        }
-    }
-    return start;
-}
+// libedit hands nothing of ours to its callbacks.
+Host* completionHost = nullptr;
+std::vector<std::string> candidates;
 
 /// What may follow the words. Device names are those of the last scan.
-std::vector<std::string> continuations(Host& host, const std::vector<std::string>& words) {
+std::vector<std::string> continuations(const std::vector<std::string>& words) {
     const Command* const command = words.empty() ? nullptr : findCommand(words.front());
     const std::string takes = command == nullptr ? "" : command->takes;
     const auto separator = std::find(words.begin(), words.end(), "--");
-    if (separator != words.end()) return continuations(host, {separator + 1, words.end()});
+    if (separator != words.end()) return continuations({separator + 1, words.end()});
     if (words.empty() || (takes == "[COMMAND]" && words.size() == 1)) {
         std::vector<std::string> names;
         for (const Command& row : commands()) names.emplace_back(row.name);
         return names;
     }
-    if (takes == "NAME" && words.size() == 1 && host.managerIsUp()) {
-        const std::string& name = words.front();
-        return host.manager().getBluetoothDeviceListNames(name == "connect"      ? PAIRED_DEVICES
-                                                          : name == "disconnect" ? CONNECTED_DEVICES
-                                                                                 : ALL_DEVICES);
+    if (words.size() > 1) return {};
+    if (takes == "NAME" && completionHost->managerIsUp()) {
+        const BluetoothDeviceListType list = words.front() == "connect"      ? PAIRED_DEVICES
+                                             : words.front() == "disconnect" ? CONNECTED_DEVICES
+                                                                             : ALL_DEVICES;
+        return completionHost->manager().getBluetoothDeviceListNames(list);
     }
-    if (command == nullptr || words.size() > 1 || takes.find('|') == std::string::npos) return {};
-    return choicesOf(*command);
+    return takes.find('|') == std::string::npos ? std::vector<std::string>() : choicesOf(takes);
 }
 
-/// The words that may stand in place of the one that begins at `start`. When one needs quotes, all
-/// have them, so that they share their beginning.
-std::vector<std::string> candidatesFor(Host& host, const std::string& line, std::size_t start) {
-    std::vector<std::string> texts;
-    try {
-        texts = continuations(host, splitWords(line.substr(0, start)));
-    } catch (const Failure&) {
-        return {};
+bool needsQuotes(const std::string& text) {
+    return text.empty() || std::any_of(text.begin(), text.end(), [](char c) {
+               return !g_ascii_isalnum(c) && std::strchr(":_-.", c) == nullptr;
+           });
+}
+
+/// Fills the candidates: what may stand in place of the line's last word, from `start` on.
+void complete(const std::string& line, std::size_t start) {
+    // The last word begins behind the last blank outside quotes: what is before can be read.
+    std::vector<std::string> words;
+    std::size_t word = line.size() + 1;
+    for (bool readable = false; !readable;) {
+        word = word < 2 ? 0 : line.rfind(' ', word - 2) + 1;  // npos + 1 is 0
+        try {
+            words = splitWords(line.substr(0, word));
+            readable = true;
+        } catch (const Failure&) {
+            if (word == 0) return;
+        }
     }
-    std::string typed = line.substr(start);
-    if (!typed.empty() && (typed.front() == '"' || typed.front() == '\'')) typed.erase(0, 1);
+    const bool quoted = line[word] == '"';
+    const std::string typed = line.substr(word + (quoted ? 1 : 0));
+    std::vector<std::string> texts = continuations(words);
     const auto differs = [&](const std::string& text) {
         return inQuotes(text).compare(1, typed.size(), typed) != 0;
     };
     texts.erase(std::remove_if(texts.begin(), texts.end(), differs), texts.end());
-    std::sort(texts.begin(), texts.end());
-    texts.erase(std::unique(texts.begin(), texts.end()), texts.end());
-    const bool quotes = typed.size() < line.size() - start ||
-                        std::any_of(texts.begin(), texts.end(),
-                                    [](const std::string& text) { return asWord(text) != text; });
-    if (quotes) std::transform(texts.begin(), texts.end(), texts.begin(), inQuotes);
-    return texts;
-}
-
-/// libedit with our completion and the radio's state in the prompt.
-class Editor {
-public:
-    explicit Editor(Session& commandSession);
-    ~Editor() { el_end(editor); }
-    Editor(const Editor&) = delete;
-    Editor& operator=(const Editor&) = delete;
-
-    /// @param ahead  what was typed while a command ran
-    /// @return false at the end and when interrupted
-    bool read(const std::string& ahead, std::string& line);
-    void remember(const std::string& line);
-
-private:
-    static Editor& of(EditLine* libedit) {
-        void* self = nullptr;
-        el_get(libedit, EL_CLIENTDATA, &self);
-        return *static_cast<Editor*>(self);
-    }
-    unsigned char insertCompletion();
-    void updatePrompt();
-
-    Session& session;
-    std::string prompt;
-    std::string historyFile;
-    std::unique_ptr<History, decltype(&history_end)> past{history_init(), &history_end};
-    HistEvent event{};
-    EditLine* const editor;
-};
-
-Editor::Editor(Session& commandSession)
-    : session(commandSession),
-      editor(el_init("corvanectl", Streams::input(), Streams::output(), Streams::errors())) {
-    if (editor == nullptr || !past) {
-        throw Failure(ExitStatus::unexpected, "the terminal cannot be used; see TERM");
-    }
-    el_set(editor, EL_CLIENTDATA, this);
-    el_set(
-        editor, EL_PROMPT, +[](EditLine* libedit) { return of(libedit).prompt.data(); });
-    el_set(editor, EL_EDITOR, "emacs");
-    el_set(editor, EL_SIGNAL, 1);
-    el_set(
-        editor, EL_ADDFN, "corvane-complete", "complete",
-        +[](EditLine* libedit, int /*key*/) { return of(libedit).insertCompletion(); });
-    el_set(editor, EL_BIND, "^I", "corvane-complete", nullptr);
-    ::history(past.get(), &event, H_SETSIZE, historyLength);
-    ::history(past.get(), &event, H_SETUNIQUE, 1);
-    el_set(editor, EL_HIST, &::history, past.get());
-    if (const char* const home = std::getenv("HOME")) {
-        historyFile = std::string(home) + "/.corvanectl_history";
-        ::history(past.get(), &event, H_LOAD, historyFile.c_str());
+    // When one needs quotes, all have them, so that they share their beginning.
+    const bool quotes = quoted || std::any_of(texts.begin(), texts.end(), needsQuotes);
+    for (const std::string& text : texts) {
+        // libedit's word begins at the last blank, even within quotes.
+        candidates.push_back((quotes ? inQuotes(text) : text).substr(start - word));
     }
 }
 
-unsigned char Editor::insertCompletion() {
-    const LineInfo* const info = el_line(editor);
-    const std::string line(info->buffer, info->cursor);
-    const std::size_t start = lastWordOf(line);
-    const auto candidates = candidatesFor(session.host, line, start);
-    if (candidates.empty()) return CC_ARGHACK;
-    std::string common = candidates.front();
-    for (const std::string& candidate : candidates) {
-        const auto end =
-            std::mismatch(common.begin(), common.end(), candidate.begin(), candidate.end());
-        common.erase(end.first, common.end());
-    }
-    const std::string typed = line.substr(start);
-    if (candidates.size() == 1) common += ' ';
-    if (common.size() > typed.size() || candidates.size() == 1) {
-        // Counted in characters, as libedit does.
-        const std::size_t characters = std::mbstowcs(nullptr, typed.c_str(), 0);
-        if (characters == static_cast<std::size_t>(-1)) return CC_ERROR;
-        el_deletestr(editor, static_cast<int>(characters));
-        el_insertstr(editor, common.c_str());
-        return CC_REFRESH;
-    }
-    std::fprintf(Streams::output(), "\n%s\n", joined(candidates, "\n").c_str());
-    std::fflush(Streams::output());
-    return CC_REDISPLAY;
+char** completions(const char* text, int start, int end) {
+    rl_attempted_completion_over = 1;  // no file names
+    candidates.clear();
+    complete({rl_line_buffer, static_cast<std::size_t>(end)}, static_cast<std::size_t>(start));
+    const auto next = [](const char* /*text*/, int /*state*/) -> char* {
+        if (candidates.empty()) return nullptr;
+        char* const candidate = strdup(candidates.back().c_str());
+        candidates.pop_back();
+        return candidate;
+    };
+    char** const matches = completion_matches(const_cast<char*>(text), next);
+    if (matches == nullptr) return nullptr;
+    // What the candidates share may end within a character.
+    const char* valid = nullptr;
+    g_utf8_validate(matches[0], -1, &valid);
+    matches[0][valid - matches[0]] = '\0';
+    return matches;
 }
 
-void Editor::updatePrompt() {
+std::string promptOf(Host& host) {
     const char* state = "no board";
-    if (session.host.managerIsUp()) {
+    if (host.managerIsUp()) {
         try {
-            state = session.host.inAirplaneMode              ? "airplane"
-                    : session.host.setting().value_or(false) ? "on"
-                                                             : "off";
+            const bool on = host.setting().value_or(false);
+            state = host.inAirplaneMode ? "airplane" : on ? "on" : "off";
         } catch (const Failure&) {
             state = "setting?";
         }
     }
-    prompt = std::string("corvane (") + state + ")> ";
+    return std::string("corvane (") + state + ")> ";
 }
 
-bool Editor::read(const std::string& ahead, std::string& line) {
-    Interrupt::restart();
-    updatePrompt();
-    // libedit would do this after it has shown the prompt: what is typed between would go astray.
-    el_set(editor, EL_PREP_TERM, 1);
-    if (!ahead.empty()) el_push(editor, ahead.c_str());
-    int length = 0;
-    const char* const text = el_gets(editor, &length);
-    if (text == nullptr || length <= 0) {
-        std::fputc('\n', Streams::output());
-        return false;
-    }
-    line.assign(text, static_cast<std::size_t>(length));
-    line.erase(line.find_last_not_of("\r\n") + 1);
-    return true;
+void setUp(const std::string& history) {
+    rl_readline_name = "corvanectl";
+    rl_instream = Streams::input;
+    rl_outstream = Streams::output;
+    rl_attempted_completion_function = completions;
+    rl_completer_word_break_characters = const_cast<char*>(" ");
+    // Otherwise libedit does this after it has shown the prompt, and what is typed between is lost.
+    rl_pre_input_hook = [] {
+        rl_prep_terminal(1);
+        return 0;
+    };
+    stifle_history(1000);
+    read_history(history.c_str());
 }
 
-void Editor::remember(const std::string& line) {
-    ::history(past.get(), &event, H_ENTER, line.c_str());
-    if (historyFile.empty()) return;
-    // Names of devices are nobody else's business.
+/// Device names are private, and so is the history.
+void remember(const std::string& line, const std::string& history) {
+    add_history(line.c_str());
     const mode_t mask = umask(S_IRWXG | S_IRWXO);
-    ::history(past.get(), &event, H_SAVE, historyFile.c_str());
+    write_history(history.c_str());
     umask(mask);
 }
 
@@ -211,26 +139,39 @@ void runShell(Session& session, LineSource& input) {
     } catch (const Failure& failure) {
         session.report(failure);
     }
-    std::fprintf(Streams::output(),
+    std::fprintf(Streams::output,
                  "corvanectl: help explains the commands, Tab completes, Ctrl-D leaves\n");
-    Editor editor(session);
+    completionHost = &session.host;
+    const char* const home = std::getenv("HOME");
+    const std::string history = home == nullptr ? "" : std::string(home) + "/.corvanectl_history";
+    setUp(history);
     bool interruptedBefore = false;
     while (!session.stopping) {
+        Interrupt::restart();
         std::string line;
-        if (!editor.read(input.takeRest(), line)) {
+        bool got = true;
+        if (input.isAhead()) {
+            got = input.next(line);  // typed while a command ran
+        } else {
+            char* const typed = readline(promptOf(session.host).c_str());
+            got = typed != nullptr;
+            if (got) line = typed;
+            std::free(typed);
+        }
+        if (!got) {
+            std::fputc('\n', Streams::output);
             if (!Interrupt::happened() || interruptedBefore) return;
-            std::fprintf(Streams::output(), "Ctrl-C again leaves\n");
+            std::fprintf(Streams::output, "Ctrl-C again leaves\n");
             interruptedBefore = true;
             continue;
         }
         interruptedBefore = false;
+        if (line.find_first_not_of(" \t") == std::string::npos) continue;
+        remember(line, history);
         try {
             const Invocation invocation = parseLine(line);
-            if (invocation.command == nullptr) continue;
-            editor.remember(line);
-            session.run(invocation);
+            if (invocation.command != nullptr) session.run(invocation);
         } catch (const Failure& failure) {
-            editor.remember(line);
             session.report(failure);
         }
     }

@@ -3,7 +3,6 @@
 #include "Text.h"
 #include "hwcommon/fileUtil.h"
 
-#include <functional>
 #include <thread>
 
 namespace corvanectl {
@@ -20,12 +19,12 @@ std::string boardName(const eepromXML& board) {
            board.GetSerialNumberString(false);
 }
 
-/// What the radio shows that is not as it was asked for.
-std::vector<std::string> faults(Host& host, bool enable) {
+/// What the radio shows that is not as it was asked for. BlueZ and the kernel follow a moment
+/// later: looks again while something is wrong.
+std::vector<std::string> faults(Host& host, bool enable, int looks = 20) {
     std::vector<std::string> wrong;
-    const auto setting = host.setting();
-    if (setting != enable) {
-        wrong.push_back(std::string("the setting still says ") + onOrOff(setting.value_or(false)));
+    if (host.setting().value_or(!enable) != enable) {
+        wrong.push_back(std::string("the setting still says ") + onOrOff(!enable));
     }
     if (host.isOnTheBus(bluezName) != enable) {
         wrong.emplace_back(enable ? "BlueZ is not on the bus" : "BlueZ is still on the bus");
@@ -40,29 +39,18 @@ std::vector<std::string> faults(Host& host, bool enable) {
     } else {
         wrong.emplace_back("BlueZ has no adapter");
     }
-    return wrong;
-}
-
-/// BlueZ and the kernel follow a moment behind: looks again while something is wrong.
-std::vector<std::string> lastingFaults(Host& host, bool enable) {
-    using std::chrono::milliseconds;
-    constexpr milliseconds pause{100};
-    constexpr int looks = 20;
-    std::vector<std::string> wrong = faults(host, enable);
-    for (int i = 1; i < looks && !wrong.empty(); ++i) {
-        std::this_thread::sleep_for(pause);
-        wrong = faults(host, enable);
-    }
-    return wrong;
+    if (wrong.empty() || looks == 1) return wrong;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    return faults(host, enable, looks - 1);
 }
 
 Result switchTo(Session& session, bool enable, bool forced) {
     Host& host = session.host;
-    session.console.showSteps();
+    session.showSteps();
     BluetoothManager& manager = host.manager();
     const bool already = host.setting() == enable;
     if (!already) manager.setEnabled(enable, forced);
-    const std::vector<std::string> wrong = lastingFaults(host, enable);
+    const std::vector<std::string> wrong = faults(host, enable);
     Result result;
     result.data = {{"already", already},
                    {"setting", onOrOff(host.setting().value_or(false))},
@@ -135,7 +123,7 @@ Result showStatus(Session& session, const Invocation& /*invocation*/) {
 Result airplane(Session& session, const Invocation& invocation) {
     const bool on = invocation.arguments.front() == "on";
     Host& host = session.host;
-    session.console.showSteps();
+    session.showSteps();
     host.manager().setAirplaneMode(on);
     host.inAirplaneMode = on;
     const bool adapter = fileUtil::exists(hciDevice);
@@ -164,8 +152,8 @@ Result watchLog(Session& session, const Invocation& invocation) {
     const bool found = session.host.manager().execAndWaitForSystemLog(
         [&] {
             inner = session.runQuietly(*invocation.inner);
-            session.console.waitFor("Waiting for " + inQuotes(pattern),
-                                    std::chrono::milliseconds(std::stoul(timeout)));
+            session.waitFor("Waiting for " + inQuotes(pattern),
+                            std::chrono::milliseconds(std::stoul(timeout)));
             return inner.status == ExitStatus::success;
         },
         pattern, static_cast<unsigned>(std::stoul(timeout)));

@@ -1,100 +1,32 @@
 #include "Text.h"
 
 #include "Command.h"
-#include "UnprintableCharacters.h"
+#include "PrintableText.h"
 
 #include <glib.h>
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
-
-#include <langinfo.h>
+#include <numeric>
+#include <sstream>
+#include <utility>
 
 namespace corvanectl {
 
 namespace {
 
-bool asciiOnly() { return std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0; }
-
-template <class... Values>
-std::string format(const char* pattern, Values... values) {
-    char buffer[64];
-    const int length = std::snprintf(buffer, sizeof buffer, pattern, values...);
-    return {buffer, static_cast<std::size_t>(length)};
-}
-
-std::string escape(std::string_view text, bool quotes) {
+std::string escape(std::string_view text, std::string_view backslashed) {
     std::string result;
-    while (!text.empty()) {
-        const auto byte = static_cast<unsigned char>(text.front());
-        const gunichar character =
-            byte == 0 ? 0
-                      : g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
-        std::size_t length = 1;
-        if (byte < 0x80) {
-            if (byte == '\\' || (quotes && byte == '"')) result += '\\';
-            result += corvane::isUnprintable(byte) ? format("\\x%02x", byte)
-                                                   : std::string(1, text.front());
-        } else if (g_unichar_validate(character) == FALSE) {  // GLib's marks for broken UTF-8, too
-            result += format("\\x%02x", byte);
-        } else {
-            length = static_cast<std::size_t>(g_unichar_to_utf8(character, nullptr));
-            const bool shown = !asciiOnly() && !corvane::isUnprintable(character);
-            result += shown ? std::string(text.substr(0, length)) : format("\\u{%x}", character);
-        }
-        text.remove_prefix(length);
+    for (const char c : text) {
+        if (backslashed.find(c) != std::string_view::npos) result += '\\';
+        result += c;
     }
-    return result;
-}
-
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-
-Failure malformed(std::string_view line, const char* what) {
-    return {ExitStatus::usage, inQuotes(line) + ": " + what};
-}
-
-/// Takes the escape behind a backslash within double quotes.
-/// @param rest  what stands behind the backslash; shortened by what was taken
-std::string takeEscape(std::string_view line, std::string_view& rest) {
-    const auto number = [&](std::string_view digits) {
-        gunichar value = 0;
-        const auto* const end = digits.data() + digits.size();
-        const auto parsed = std::from_chars(digits.data(), end, value, 16);
-        if (parsed.ec != std::errc() || parsed.ptr != end) {
-            throw malformed(line, "malformed escape; write \\xNN, \\u{NNNN}, \\\" or \\\\");
-        }
-        return value;
-    };
-    const char kind = rest.empty() ? '\0' : rest.front();
-    std::size_t length = 1;
-    std::string result;
-    if (kind == 'x') {
-        result = static_cast<char>(number(rest.substr(1, 2)));
-        length = std::min<std::size_t>(3, rest.size());
-    } else if (kind == 'u' && rest.substr(1, 1) == "{") {
-        length = std::min(rest.find('}'), rest.size() - 1) + 1;
-        const gunichar character = number(rest.substr(2, length - 3));
-        char utf8[6];
-        if (rest[length - 1] != '}' || g_unichar_validate(character) == FALSE) {
-            throw malformed(line, "\\u{...} does not name a character");
-        }
-        result.assign(static_cast<const char*>(utf8),
-                      static_cast<std::size_t>(g_unichar_to_utf8(character, utf8)));
-    } else if (kind == '"' || kind == '\\') {
-        result = kind;
-    } else {
-        result = "\\";
-        length = 0;
-    }
-    rest.remove_prefix(length);
-    return result;
+    return corvane::printableText(result, g_get_charset(nullptr) == FALSE);
 }
 
 /// Columns that the text takes on a terminal.
@@ -108,130 +40,130 @@ std::size_t columnsOf(const std::string& text) {
     return columns;
 }
 
+/// Narrows columns until they fit: cuts and leaves out as `least` allows, then leaves out more.
+void narrow(std::vector<std::size_t>& widths, const std::vector<std::size_t>& least,
+            std::size_t width) {
+    for (const bool lastResort : {false, true}) {
+        for (std::size_t i = widths.size(); i-- > 0;) {
+            // A blank follows each column but the last.
+            const std::size_t total =
+                std::accumulate(widths.begin(), widths.end(), widths.size()) -
+                static_cast<std::size_t>(std::count(widths.begin(), widths.end(), 0U)) - 1;
+            if (total <= width || least[i] == never) continue;
+            const std::size_t excess = std::min(total - width, widths[i]);
+            const bool leaveOut = lastResort || least[i] == 0;
+            widths[i] = leaveOut ? 0 : std::max(widths[i] - excess, std::min(least[i], widths[i]));
+        }
+    }
+}
+
 }  // namespace
 
 void chooseLocale() {
-    bool chosen = false;
-    for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        if (std::getenv(name) != nullptr) chosen = true;
-    }
-    const bool known = std::setlocale(LC_CTYPE, "") != nullptr;
-    if (!chosen || !known) std::setlocale(LC_CTYPE, "C.UTF-8");
+    const auto isSet = [](const char* name) { return std::getenv(name) != nullptr; };
+    const bool chosen = isSet("LC_ALL") || isSet("LC_CTYPE") || isSet("LANG");
+    if (std::setlocale(LC_CTYPE, "") == nullptr || !chosen) std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
-std::string escaped(std::string_view text) { return escape(text, false); }
+std::string escaped(std::string_view text) { return escape(text, "\\"); }
 
-std::string inQuotes(std::string_view text) { return '"' + escape(text, true) + '"'; }
+std::string inQuotes(std::string_view text) { return '"' + escape(text, "\\\"") + '"'; }
 
-std::string asWord(const std::string& text) {
-    const bool plain = !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
-               std::strchr(":_-.", c) != nullptr;
-    });
-    return plain ? text : inQuotes(text);
-}
-
-std::vector<std::string> splitWords(std::string_view line) {
+std::vector<std::string> splitWords(const std::string& line) {
+    const auto malformed = [&](const char* what) {
+        return Failure(ExitStatus::usage, inQuotes(line) + ": " + what);
+    };
     std::vector<std::string> words;
-    std::string_view rest = line;
-    while (true) {
-        while (!rest.empty() && isBlank(rest.front())) rest.remove_prefix(1);
-        if (rest.empty()) return words;
-        std::string word;
-        char quote = '\0';
-        while (!rest.empty() && (quote != '\0' || !isBlank(rest.front()))) {
-            const char c = rest.front();
-            rest.remove_prefix(1);
-            if (c == quote) {
-                quote = '\0';
-            } else if (quote == '\0' && (c == '"' || c == '\'')) {
-                quote = c;
-            } else if (c == '\\' && quote == '"') {
-                word += takeEscape(line, rest);
-            } else if (c == '\\' && quote == '\0' && !rest.empty()) {
-                word += rest.front();
-                rest.remove_prefix(1);
-            } else {
-                word += c;
-            }
+    bool inWord = false;
+    char quote = '\0';
+    for (const char *at = line.data(), *const end = at + line.size(); at < end; ++at) {
+        if (quote == '\0' && std::string_view(" \t\r").find(*at) != std::string_view::npos) {
+            inWord = false;
+            continue;
         }
-        if (quote != '\0') throw malformed(line, "a quote is not closed; close it");
-        words.push_back(std::move(word));
+        if (!std::exchange(inWord, true)) words.emplace_back();
+        std::string& word = words.back();
+        if (*at == quote) {
+            quote = '\0';
+        } else if (quote == '\0' && (*at == '"' || *at == '\'')) {
+            quote = *at;
+        } else if (*at != '\\' || quote == '\'' || at + 1 == end) {
+            word += *at;
+        } else if (*++at != 'x' || quote == '\0') {
+            if (quote != '\0' && *at != '"' && *at != '\\') word += '\\';
+            word += *at;
+        } else {
+            unsigned char byte = 0;
+            const auto parsed = std::from_chars(at + 1, std::min(at + 3, end), byte, 16);
+            // Neither the bus nor a shell command line can carry a zero byte.
+            if (parsed.ptr != at + 3 || byte == 0) {
+                throw malformed("malformed escape; write \\xNN (not \\x00), \\\" or \\\\");
+            }
+            word += static_cast<char>(byte);
+            at += 2;
+        }
     }
+    if (quote != '\0') throw malformed("a quote is not closed; close it");
+    return words;
 }
 
 std::string wrapped(const std::string& text, std::size_t width) {
     std::string result;
     for (std::size_t start = 0; start < text.size();) {
-        std::size_t end = std::min(text.find('\n', start), text.size());
+        const std::size_t end = std::min(text.find('\n', start), text.size());
         std::string line = text.substr(start, end - start);
         start = end + 1;
-        std::size_t hang = std::min(line.find_first_not_of(' '), line.size());
-        const std::size_t gap = line.find("  ", hang);
-        if (gap != std::string::npos) hang = line.find_first_not_of(' ', gap);
-        if (hang + 20 > width) hang = 4;
+        std::size_t indent = std::min(line.find_first_not_of(' '), line.size());
+        const std::size_t gap = line.find("  ", indent);
+        if (gap != std::string::npos) indent = line.find_first_not_of(' ', gap);
+        if (indent + 20 > width) indent = 4;
         while (line.size() > width) {
             const std::size_t space = line.rfind(' ', width);
-            if (space == std::string::npos || space <= hang) break;
+            if (space == std::string::npos || space <= indent) break;
             result.append(line, 0, space) += '\n';
-            line = std::string(hang, ' ') + line.substr(space + 1);
+            line = std::string(indent, ' ') + line.substr(space + 1);
         }
         result += line + '\n';
     }
     return result;
 }
 
-std::string table(const std::vector<Column>& columns,
-                  const std::vector<std::vector<std::string>>& rows, std::size_t width) {
-    std::vector<std::size_t> widths;
-    std::size_t total = 0;  // with a blank behind each column
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        std::size_t widest = std::strlen(columns[i].heading);
-        for (const auto& row : rows) widest = std::max(widest, columnsOf(row[i]));
-        widths.push_back(widest);
-        total += widest + 1;
-    }
-    std::vector<std::string> missing;
-    const auto leaveOut = [&](std::size_t i) {
-        total -= widths[i] + 1;
-        widths[i] = 0;
-        missing.insert(missing.begin(), columns[i].heading);
-    };
-    const auto tooWide = [&] { return width > 0 && total > width + 1; };
-    for (std::size_t i = columns.size(); i-- > 0 && tooWide();) {
-        if (columns[i].least == 0) leaveOut(i);
-    }
-    for (std::size_t i = 0; i < columns.size() && tooWide(); ++i) {
-        if (columns[i].least == 0 || columns[i].least >= widths[i]) continue;
-        const std::size_t cut = std::min(total - width - 1, widths[i] - columns[i].least);
-        widths[i] -= cut;
-        total -= cut;
-    }
-    for (std::size_t i = 0; i < columns.size() && tooWide(); ++i) {
-        if (columns[i].least != Column::whole && widths[i] > 0) leaveOut(i);
-    }
-    std::string text;
-    const auto add = [&](std::size_t i, std::string cell) {
-        if (widths[i] == 0) return;
-        std::size_t taken = columnsOf(cell);
-        if (taken > widths[i]) {
-            cell = cell.substr(0, widths[i] - 3) + "...";
-            taken = widths[i];
+std::string table(const std::vector<std::vector<std::string>>& rows,
+                  const std::vector<std::size_t>& least, std::size_t width) {
+    std::vector<std::size_t> widths(least.size());
+    for (const auto& row : rows) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], columnsOf(row[i]));
         }
-        text += cell + std::string(widths[i] - taken + 1, ' ');
-    };
-    const auto endLine = [&] {
+    }
+    if (width > 0) narrow(widths, least, width);
+    std::string text;
+    std::vector<std::string> missing;
+    for (const auto& row : rows) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            const bool cut = columnsOf(row[i]) > widths[i];
+            if (widths[i] == 0) {
+                if (&row == &rows.front()) missing.push_back(row[i]);
+            } else if (cut) {
+                text += row[i].substr(0, widths[i] - 3) + "... ";
+            } else {
+                text += row[i] + std::string(widths[i] - columnsOf(row[i]) + 1, ' ');
+            }
+        }
         text.erase(text.find_last_not_of(' ') + 1);
         text += '\n';
-    };
-    for (std::size_t i = 0; i < columns.size(); ++i) add(i, columns[i].heading);
-    endLine();
-    for (const auto& row : rows) {
-        for (std::size_t i = 0; i < columns.size(); ++i) add(i, row[i]);
-        endLine();
     }
     if (!missing.empty()) text += wrapped("(no room for " + joined(missing) + ")", width);
     text.pop_back();
+    return text;
+}
+
+std::string part(const char* list, std::size_t number) {
+    std::istringstream parts(list);
+    std::string text;
+    for (std::size_t i = 0; i <= number; ++i) {
+        if (!std::getline(parts, text, '|')) return "";
+    }
     return text;
 }
 
@@ -252,12 +184,14 @@ std::string contentOf(const std::string& file) {
 }
 
 std::string hexadecimal(unsigned long number, int digits) {
-    return format("0x%0*lX", digits, number);
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%0*lX", digits, number);
+    return text;
 }
 
-std::string joined(const std::vector<std::string>& texts, const char* between) {
+std::string joined(const std::vector<std::string>& texts) {
     std::string result;
-    for (const std::string& text : texts) result += (result.empty() ? "" : between) + text;
+    for (const std::string& text : texts) result += (result.empty() ? "" : ", ") + text;
     return result;
 }
 

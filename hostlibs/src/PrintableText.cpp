@@ -49,14 +49,14 @@ Character firstCharacter(std::string_view text) {
 
 }  // namespace
 
-std::string printableText(std::string_view text) {
+std::string printableText(std::string_view text, bool asciiOnly) {
     constexpr std::string_view digits = "0123456789ABCDEF";
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {
         const Character character = firstCharacter(text);
         const std::string_view bytes = text.substr(0, character.length);
-        if (character.printable) {
+        if (character.printable && (character.length == 1 || !asciiOnly)) {
             result += bytes;
         } else {
             for (const char next : bytes) {

@@ -6,7 +6,8 @@
 namespace corvane {
 
 /// Writes each byte of unprintable characters (see UnprintableCharacters.h) and of invalid UTF-8 as
-/// \xNN. Everything else is unchanged.
-[[gnu::visibility("hidden")]] std::string printableText(std::string_view text);
+/// \xNN, with `asciiOnly` also of everything that is not ASCII. The rest is unchanged.
+[[gnu::visibility("hidden")]] std::string printableText(std::string_view text,
+                                                        bool asciiOnly = false);
 
 }  // namespace corvane

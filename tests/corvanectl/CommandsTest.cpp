@@ -99,7 +99,7 @@ TEST_F(Corvanectl, DoesNotTouchTheRadioOfAnUnknownBoard) {
     setIdentity("<identity/>");
     EXPECT_THAT(refusal(), ContainsRegex("^5.*names no model"));
     setIdentity("");
-    EXPECT_THAT(refusal(), ContainsRegex("^5.*gives an empty one"));
+    EXPECT_THAT(refusal(), ContainsRegex("^5.*returns an empty one"));
     bluez.release("org.corvane.Hardware");
     EXPECT_THAT(refusal(), ContainsRegex("^5.*not on the system bus.*start the hardware service"));
     bus.stop();
@@ -131,20 +131,19 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Misuse{"Unknown", {"scna"}, "unknown command \"scna\"; help lists"},
         Misuse{"UnknownOption", {"--nosuch", "on"}, "unknown option \"--nosuch\""},
-        Misuse{"Hostile", {"\x1b[2J\xff"}, "unknown command \"\\x1b[2J\\xff\""},
-        Misuse{"LateOption", {"--json"}, "options stand before the first command"},
+        Misuse{"Hostile", {"\x1b[2J\xff"}, "unknown command \"\\x1B[2J\\xFF\""},
+        Misuse{"LateOption", {"--json"}, "options go before the first command"},
         Misuse{"NoName", {"pair"}, "pair: NAME is required; use: pair NAME"},
-        Misuse{"EmptyName", {"pair", ""}, "pair: NAME: must not be empty"},
+        Misuse{"EmptyName", {"pair", ""}, "pair: NAME must not be empty"},
         Misuse{"WrongChoice", {"airplane", "maybe"}, "maybe not in {on,off}"},
         Misuse{"WrongList", {"devices", "nosuch"}, "nosuch not in {all,paired,connected}"},
-        Misuse{"TooMany", {"pair Living room"}, "one argument too many, room"},
+        Misuse{"TooMany", {"pair Living room"}, "unexpected argument room"},
         Misuse{"OpenQuote", {"pair \"Living"}, "a quote is not closed"},
         Misuse{"BadEscape", {"pair \"\\xZZ\""}, "malformed escape"},
-        Misuse{"OpenEscape", {"pair \"\\u{1f600\""}, "\\u{...} does not name"},
-        Misuse{"BadTimeout", {"watch-log", "x", "-1", "--", "on"}, "TIMEOUT: Value -1 not in"},
-        Misuse{"NoSeparator", {"watch-log x 5 on"}, "expected -- behind the timeout"},
+        Misuse{"BadTimeout", {"watch-log", "x", "-1", "--", "on"}, "Value -1 not in range"},
+        Misuse{"NoSeparator", {"watch-log x 5 on"}, "expected -- after the timeout"},
         Misuse{"NoInner", {"watch-log x 5 --"}, "the command is missing"},
-        Misuse{"ZeroByte", {"watch-log \"a\\x00b\" 5 -- on"}, "\"a\\x00b\" holds a zero byte"}),
+        Misuse{"ZeroByte", {"watch-log \"a\\x00b\" 5 -- on"}, "not \\x00"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(Corvanectl, RefusesOptionsThatCannotWork) {
@@ -186,10 +185,10 @@ TEST_F(Corvanectl, ListsDevicesInWords) {
     const Ran all = run({"devices"});
     EXPECT_THAT(all.output,
                 ContainsRegex("00:11:22:33:44:01 +Phone +Phone, smartphone +0x004C +0xABCD\n"
-                              ".*Living room +Audio/video, loudspeaker +- +- +paired, playback"));
+                              ".*Living room +paired, playback +Audio/video, loudspeaker +- +-"));
     const Ran connected = run({"devices", "connected", "find", "Living room"});
     EXPECT_THAT(connected.output, Not(HasSubstr("Phone")));
-    EXPECT_THAT(connected.output, ContainsRegex("Keyboard +Peripheral, keyboard +- +- +paired, c"));
+    EXPECT_THAT(connected.output, ContainsRegex("Keyboard +paired, connected +Peripheral, keyb"));
     EXPECT_THAT(connected.output, ContainsRegex("Class: +0x240414\nKind: +Audio/video, loudspea"));
     bluez.setDevices({});
     EXPECT_EQ(run({"devices all"}).output, "No devices\n");
@@ -204,7 +203,7 @@ TEST_F(Corvanectl, ActsOnADeviceOfThatName) {
     bluez.fail(phone.path(), "Pair", "org.bluez.Error.AuthenticationRejected", "rejected by peer");
     const Ran refused = run({"pair", "Phone"});
     EXPECT_EQ(refused.status, 6);
-    EXPECT_THAT(refused.errors, HasSubstr("not paired with \"Phone\" (00:11:22:33:44:01)"));
+    EXPECT_THAT(refused.errors, HasSubstr("cannot pair with \"Phone\" (00:11:22:33:44:01)"));
     EXPECT_THAT(refused.errors, HasSubstr("rejected by peer"));
 }
 
@@ -279,8 +278,9 @@ TEST_F(Corvanectl, ReportsWhatAnEngineerNeedsWithoutNamesOnDemand) {
                 "({objectpath '/org/bluez/hci0/dev_00_11_22_33_44_01': {'org.bluez.Device1': "
                 "{'Address': <'00:11:22:33:44:01'>, 'Name': <'Anna\\'s phone'>}}},)");
     for (const bool hidden : {false, true}) {
-        std::vector<std::string> words{"report", root / "r.tar"};
+        std::vector<std::string> words{"report"};
         if (hidden) words.emplace_back("--anonymous");
+        words.push_back(root / "r.tar");
         const Ran ran = run(words);
         ASSERT_EQ(ran.status, 0) << ran.errors;
         const Ran content = run({}, "", "tar -xOf " + (root / "r.tar").string());

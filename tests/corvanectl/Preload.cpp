@@ -101,8 +101,9 @@ int system(const char* command) {
 }
 
 FILE* popen(const char* command, const char* mode) {
-    // Of corvanectl's own only the archiver really runs.
-    if (std::strncmp(command, "tar ", 4) == 0) return next<decltype(popen)>("popen")(command, mode);
+    // Of corvanectl's own only the archiver and the calls on the bus really run.
+    if (std::strncmp(command, "tar ", 4) == 0 || std::strncmp(command, "dbus-send ", 10) == 0)
+        return next<decltype(popen)>("popen")(command, mode);
     std::ofstream(below("commands"), std::ios_base::app) << command << '\n';
     FILE* const answer = std::fopen(below("log-answer").c_str(), "r");
     return answer != nullptr ? answer : std::tmpfile();
