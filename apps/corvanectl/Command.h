@@ -71,8 +71,7 @@ using Run = Result(Session&, const Invocation&);
 Run switchOn, switchOff, showStatus, airplane, watchLog;  // RadioCommands.cpp
 Run scan, listDevices, findDevice, pairDevice, waitForPairing, trustDevice, connectDevice,
     disconnectDevice, forgetDevice;  // DeviceCommands.cpp
-Run examineBoard;                    // Doctor.cpp
-Run writeReport;                     // BoardReport.cpp
+Run examineBoard, writeReport;       // Doctor.cpp
 
 /// One row of the table of commands.
 struct Command {

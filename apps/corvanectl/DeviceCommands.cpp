@@ -33,26 +33,27 @@ constexpr std::array<AnswerRow, 6> answerRows{{
 
 struct MajorClass {
     const char* name;
-    const char* flags;   // from bit 2 of the minor class on
     const char* minors;  // from number 1 on; empty: not told apart
 };
 
+constexpr std::uint32_t peripheral = 5;
+
 constexpr std::array<MajorClass, 10> majorClasses{{
-    {"Miscellaneous", "", ""},
-    {"Computer", "", "desktop|server|laptop|handheld|palm-size|wearable|tablet"},
-    {"Phone", "", "cellular|cordless|smartphone|modem or gateway|ISDN"},
-    {"Network access point", "", ""},
-    {"Audio/video", "",
+    {"Miscellaneous", ""},
+    {"Computer", "desktop|server|laptop|handheld|palm-size|wearable|tablet"},
+    {"Phone", "cellular|cordless|smartphone|modem or gateway|ISDN"},
+    {"Network access point", ""},
+    {"Audio/video",
      "headset|hands-free||microphone|loudspeaker|headphones|portable audio|car audio|set-top box|"
      "hi-fi|VCR|video camera|camcorder|video monitor|video display and loudspeaker|"
      "video conferencing||gaming or toy"},
-    {"Peripheral", "||keyboard|pointing device",
+    {"Peripheral",
      "joystick|gamepad|remote control|sensing device|digitizer tablet|card reader|digital pen|"
      "handheld scanner|handheld gestural input"},
-    {"Imaging", "display|camera|scanner|printer", ""},
-    {"Wearable", "", "wristwatch|pager|jacket|helmet|glasses|pin"},
-    {"Toy", "", ""},
-    {"Health", "", ""},
+    {"Imaging", ""},
+    {"Wearable", "wristwatch|pager|jacket|helmet|glasses|pin"},
+    {"Toy", ""},
+    {"Health", ""},
 }};
 
 /// A Class of Device in words, "Phone, smartphone": major and minor device class by the Bluetooth
@@ -65,12 +66,10 @@ std::string kindOf(std::uint32_t deviceClass) {
     if (major >= majorClasses.size()) return "Major class " + std::to_string(major);
     const MajorClass& row = majorClasses.at(major);
     std::string text = row.name;
-    for (std::uint32_t i = 0; i < 4; ++i) {
-        const std::uint32_t bit = 4U << i;
-        const std::string flag = part(row.flags, i);
-        if ((minor & bit) == 0 || flag.empty()) continue;
-        text += ", " + flag;
-        minor &= ~bit;
+    if (major == peripheral) {
+        if ((minor & 0x10) != 0) text += ", keyboard";
+        if ((minor & 0x20) != 0) text += ", pointing device";
+        minor &= 0x0F;
     }
     if (minor == 0 || *row.minors == '\0') return text;
     const std::string name = part(row.minors, minor - 1);
@@ -202,9 +201,8 @@ Result listDevices(Session& session, const Invocation& invocation) {
                         idText(device, info.productId)});
         result.data["devices"].push_back(toJson(device));
     }
-    result.text = rows.size() == 1
-                      ? "No devices"
-                      : table(rows, {never, never, 10, 10, 0, 0}, terminalColumns(Streams::output));
+    result.text =
+        rows.size() == 1 ? "No devices" : table(rows, 2, terminalColumns(Streams::output));
     return result;
 }
 

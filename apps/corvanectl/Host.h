@@ -3,8 +3,7 @@
 #include "BluetoothManager.h"
 
 #include "Command.h"
-#include "Input.h"
-#include "LogRecords.h"
+#include "Process.h"
 #include "hwcommon/DBusBluetoothHidProxy.h"
 
 #include <sdbus-c++/sdbus-c++.h>

@@ -2,7 +2,6 @@
 
 #include "Command.h"
 #include "Host.h"
-#include "LogRecords.h"
 
 #include <chrono>
 #include <condition_variable>

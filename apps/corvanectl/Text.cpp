@@ -10,8 +10,6 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <numeric>
 #include <sstream>
 #include <utility>
@@ -38,23 +36,6 @@ std::size_t columnsOf(const std::string& text) {
         columns += g_unichar_iswide(character) != FALSE ? 2 : 1;
     }
     return columns;
-}
-
-/// Narrows columns until they fit: cuts and leaves out as `least` allows, then leaves out more.
-void narrow(std::vector<std::size_t>& widths, const std::vector<std::size_t>& least,
-            std::size_t width) {
-    for (const bool lastResort : {false, true}) {
-        for (std::size_t i = widths.size(); i-- > 0;) {
-            // A blank follows each column but the last.
-            const std::size_t total =
-                std::accumulate(widths.begin(), widths.end(), widths.size()) -
-                static_cast<std::size_t>(std::count(widths.begin(), widths.end(), 0U)) - 1;
-            if (total <= width || least[i] == never) continue;
-            const std::size_t excess = std::min(total - width, widths[i]);
-            const bool leaveOut = lastResort || least[i] == 0;
-            widths[i] = leaveOut ? 0 : std::max(widths[i] - excess, std::min(least[i], widths[i]));
-        }
-    }
 }
 
 }  // namespace
@@ -128,27 +109,25 @@ std::string wrapped(const std::string& text, std::size_t width) {
     return result;
 }
 
-std::string table(const std::vector<std::vector<std::string>>& rows,
-                  const std::vector<std::size_t>& least, std::size_t width) {
-    std::vector<std::size_t> widths(least.size());
+std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t kept,
+                  std::size_t width) {
+    std::vector<std::size_t> widths(rows.front().size());
     for (const auto& row : rows) {
         for (std::size_t i = 0; i < row.size(); ++i) {
             widths[i] = std::max(widths[i], columnsOf(row[i]));
         }
     }
-    if (width > 0) narrow(widths, least, width);
-    std::string text;
     std::vector<std::string> missing;
+    // With a blank between columns.
+    while (width > 0 && widths.size() > kept &&
+           std::accumulate(widths.begin(), widths.end(), widths.size() - 1) > width) {
+        widths.pop_back();
+        missing.insert(missing.begin(), rows.front()[widths.size()]);
+    }
+    std::string text;
     for (const auto& row : rows) {
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            const bool cut = columnsOf(row[i]) > widths[i];
-            if (widths[i] == 0) {
-                if (&row == &rows.front()) missing.push_back(row[i]);
-            } else if (cut) {
-                text += row[i].substr(0, widths[i] - 3) + "... ";
-            } else {
-                text += row[i] + std::string(widths[i] - columnsOf(row[i]) + 1, ' ');
-            }
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            text += row[i] + std::string(widths[i] - columnsOf(row[i]) + 1, ' ');
         }
         text.erase(text.find_last_not_of(' ') + 1);
         text += '\n';
@@ -176,11 +155,6 @@ std::string pairs(const std::vector<std::pair<std::string, std::string>>& rows) 
         text.append(name).append(":").append(width - name.size() + 1, ' ').append(value);
     }
     return text;
-}
-
-std::string contentOf(const std::string& file) {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
 }
 
 std::string hexadecimal(unsigned long number, int digits) {

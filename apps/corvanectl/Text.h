@@ -26,24 +26,19 @@ std::vector<std::string> splitWords(const std::string& line);
 /// behind a gap of two blanks.
 std::string wrapped(const std::string& text, std::size_t width);
 
-/// Sets rows in columns, the first row being the headings. When the terminal is too narrow, columns
-/// give way from the last to the first. A cut cell ends in "..."; a last line names the columns
-/// that are left out.
-/// @param rows   fit for a terminal, and ASCII in columns that may be cut
-/// @param least  per column: may be cut to this width; 0: left out instead; never: stays whole
+/// Sets rows in columns, the first row being the headings. In a terminal that is too narrow,
+/// columns are left out from the last on, and a last line names them.
+/// @param rows   fit for a terminal
+/// @param kept   this many columns always stay
 /// @param width  of the terminal; 0 for no limit
-std::string table(const std::vector<std::vector<std::string>>& rows,
-                  const std::vector<std::size_t>& least, std::size_t width);
-constexpr std::size_t never = std::string::npos;
+std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t kept,
+                  std::size_t width);
 
 /// The part of a list with this number, from 0 on; '|' separates. Empty when there is none.
 std::string part(const char* list, std::size_t number);
 
 /// Names and values, one pair per line, the values aligned.
 std::string pairs(const std::vector<std::pair<std::string, std::string>>& rows);
-
-/// What a file holds; empty when it cannot be read.
-std::string contentOf(const std::string& file);
 
 /// The number as 0x and this many hexadecimal digits.
 std::string hexadecimal(unsigned long number, int digits);

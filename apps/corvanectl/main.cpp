@@ -18,11 +18,8 @@ constexpr char description[] =
     "A command is its name followed by its arguments, or one argument that holds the whole line:\n"
     "  corvanectl on scan 'connect \"Living room\"' off\n"
     "  corvanectl connect \"Living room\"\n\n"
-    "In a line, put a name with blanks in quotes. Double quotes also take \\xNN, \\\" and \\\\, "
-    "the "
-    "form in which names are shown.\n\n"
-    "A radio that is on stays on when corvanectl leaves. What ends: its hold on the lines that "
-    "power the radio, and the agent that lets devices pair on their own.\n";
+    "In a line, put a name with blanks in quotes; double quotes also take \\xNN, \\\" and \\\\. A "
+    "radio that is on stays on when corvanectl leaves.\n";
 
 /// Runs the lines of standard input.
 void runLines(Session& session, LineSource& input) {
