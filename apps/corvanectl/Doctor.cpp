@@ -309,8 +309,8 @@ private:
     Host& host;
     Result result;
     Json findings = Json::array();
-    int problems = 0;
-    int warnings = 0;
+    std::size_t problems = 0;
+    std::size_t warnings = 0;
     const corvane::RadioWiring* wiring = nullptr;  // null when the identity is unknown
     int family = 0;
     bool on = false;

@@ -88,8 +88,8 @@ std::optional<bool> Host::setting() {
         return manager().getEnabled();
     } catch (const std::logic_error& error) {
         throw Failure(ExitStatus::badSetting, std::string("the flag file ") + corvane::flagFile +
-                                                  " holds no number (" + error.what() +
-                                                  "); remove it, then switch on or off anew");
+                                                  " does not hold a number (" + error.what() +
+                                                  "); remove it, then switch on or off again");
     }
 }
 

@@ -173,7 +173,7 @@ Result watchLog(Session& session, const Invocation& invocation) {
         result.text += (inner.text.empty() ? "" : "\n") + std::string("Found ") + inQuotes(pattern);
     } else {
         result.status = ExitStatus::notLogged;
-        result.problem = inQuotes(pattern) + " did not turn up in " + corvane::systemLog +
+        result.problem = inQuotes(pattern) + " did not appear in " + corvane::systemLog +
                          " within " + timeout +
                          " ms; is it a pattern of grep, and does the system log run?";
     }

@@ -1,16 +1,14 @@
 #include "Program.h"
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
@@ -25,41 +23,30 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::minutes patience{5};
 
-std::vector<char*> pointers(const std::vector<std::string>& command) {
+std::string contentOf(const fs::path& file) {
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+/// The program behind other words, as execv() takes them; they live as long as the vectors.
+std::vector<char*> words(const std::vector<std::string>& before,
+                         const std::vector<std::string>& arguments) {
+    static const std::string program = CORVANECTL;
     std::vector<char*> result;
-    result.reserve(command.size() + 1);
-    for (const std::string& word : command) result.push_back(const_cast<char*>(word.c_str()));
+    for (const std::string& word : before) result.push_back(const_cast<char*>(word.c_str()));
+    result.push_back(const_cast<char*>(program.c_str()));
+    for (const std::string& word : arguments) result.push_back(const_cast<char*>(word.c_str()));
     result.push_back(nullptr);
     return result;
 }
 
-std::vector<std::string> withProgram(const std::vector<std::string>& arguments) {
-    std::vector<std::string> command{CORVANECTL};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return command;
-}
-
-/// In the child, which becomes corvanectl.
-[[noreturn]] void execute(char* const* command) {
-    // A blank in a path ends it in LD_PRELOAD, but not in LD_LIBRARY_PATH.
+/// The environment with our library loaded first. A blank in a path ends it in LD_PRELOAD, but not
+/// in LD_LIBRARY_PATH.
+gchar** environmentWithPreload() {
     const fs::path preload = CORVANECTL_PRELOAD;
-    setenv("LD_LIBRARY_PATH", preload.parent_path().c_str(), 1);
-    setenv("LD_PRELOAD", preload.filename().c_str(), 1);
-    execv(command[0], command);
-    _exit(127);
-}
-
-int statusOf(pid_t pid) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string contentOf(const fs::path& file) {
-    std::ifstream stream(file);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return text.str();
+    gchar** const environment =
+        g_environ_setenv(g_get_environ(), "LD_LIBRARY_PATH", preload.parent_path().c_str(), TRUE);
+    return g_environ_setenv(environment, "LD_PRELOAD", preload.filename().c_str(), TRUE);
 }
 
 }  // namespace
@@ -79,12 +66,16 @@ std::vector<nlohmann::json> Ran::json() const {
 }
 
 Terminal::Terminal(const std::vector<std::string>& arguments, unsigned short columns) {
-    const std::vector<std::string> command = withProgram(arguments);
-    const std::vector<char*> words = pointers(command);
+    const std::vector<char*> command = words({}, arguments);
+    gchar** const environment = environmentWithPreload();
     winsize size{24, columns, 0, 0};
     pid = forkpty(&master, nullptr, nullptr, &size);
-    if (pid < 0) throw std::system_error(errno, std::generic_category(), "forkpty");
-    if (pid == 0) execute(words.data());
+    if (pid < 0) throw std::runtime_error("forkpty");
+    if (pid == 0) {
+        execve(command[0], command.data(), environment);
+        _exit(127);
+    }
+    g_strfreev(environment);
 }
 
 Terminal::~Terminal() {
@@ -96,8 +87,8 @@ Terminal::~Terminal() {
 }
 
 void Terminal::type(const std::string& text) {
-    if (write(master, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-        throw std::system_error(errno, std::generic_category(), "pseudo-terminal");
+    if (::write(master, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        throw std::runtime_error("pseudo-terminal");
     }
 }
 
@@ -112,7 +103,7 @@ bool Terminal::readMore() {
         return false;
     }
     char buffer[4096];
-    const ssize_t got = read(master, buffer, sizeof buffer);
+    const ssize_t got = ::read(master, buffer, sizeof buffer);
     if (got <= 0) return false;
     all.append(static_cast<const char*>(buffer), static_cast<std::size_t>(got));
     return true;
@@ -132,11 +123,8 @@ testing::AssertionResult Terminal::shows(const std::string& text) {
 bool Terminal::waits() const {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (std::chrono::steady_clock::now() < deadline) {
-        std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-        std::string stat;
-        std::getline(file, stat);
-        const std::size_t name = stat.rfind(')');
-        if (name != std::string::npos && stat.compare(name, 3, ") S") == 0) return true;
+        const std::string stat = contentOf("/proc/" + std::to_string(pid) + "/stat");
+        if (stat.find(") S") != std::string::npos) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return false;
@@ -150,9 +138,10 @@ int Terminal::end() {
         ADD_FAILURE() << "corvanectl does not end; its screen:\n" << all;
         return -1;
     }
-    const int status = statusOf(pid);
+    int status = 0;
+    waitpid(pid, &status, 0);
     pid = -1;
-    return status;
+    return WEXITSTATUS(status);
 }
 
 Corvanectl::Corvanectl() {
@@ -181,35 +170,25 @@ void Corvanectl::setAdapter(const std::string& powered, const std::string& paira
         "({'Powered': " + powered + ", 'Pairable': " + pairable + ", 'Alias': " + alias + "},)");
 }
 
-bool Corvanectl::daemonRuns() {
-    const std::string pid = read("daemon");
-    return !pid.empty() && kill(std::stoi(pid), SIGKILL) == 0;
-}
-
 Ran Corvanectl::run(const std::vector<std::string>& arguments, const std::string& input,
                     const std::string& script) {
-    std::vector<std::string> command = withProgram(arguments);
-    if (!script.empty()) command.insert(command.begin(), {"/bin/sh", "-c", script, "sh"});
-    const std::vector<char*> words = pointers(command);
-    const fs::path in = root / "input";
-    const fs::path out = root / "output";
-    const fs::path err = root / "errors";
-    std::ofstream(in) << input;
-    const pid_t pid = fork();
-    if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
-    if (pid == 0) {
-        constexpr int write = O_WRONLY | O_CREAT | O_TRUNC;
-        dup2(open(in.c_str(), O_RDONLY), STDIN_FILENO);
-        dup2(open(out.c_str(), write, 0600), STDOUT_FILENO);
-        dup2(open(err.c_str(), write, 0600), STDERR_FILENO);
-        alarm(600);
-        execute(words.data());
+    std::ofstream(root / "input") << input;
+    const std::vector<std::string> shell{
+        "/bin/sh", "-c", "{ " + script + "; } < \"$CORVANE_TEST_ROOT/input\"", "sh"};
+    std::vector<char*> command = words(shell, arguments);
+    gchar** const environment = environmentWithPreload();
+    gchar* output = nullptr;
+    gchar* errors = nullptr;
+    int status = -1;
+    if (g_spawn_sync(nullptr, command.data(), environment, G_SPAWN_DEFAULT, nullptr, nullptr,
+                     &output, &errors, &status, nullptr) == FALSE) {
+        throw std::runtime_error("g_spawn_sync");
     }
-    Ran result;
-    result.status = statusOf(pid);
-    result.output = contentOf(out);
-    result.errors = contentOf(err);
-    return result;
+    const Ran ran{WIFEXITED(status) ? WEXITSTATUS(status) : -1, output, errors};
+    g_free(output);
+    g_free(errors);
+    g_strfreev(environment);
+    return ran;
 }
 
 std::unique_ptr<Terminal> Corvanectl::onTerminal(const std::vector<std::string>& arguments,
@@ -218,11 +197,8 @@ std::unique_ptr<Terminal> Corvanectl::onTerminal(const std::vector<std::string>&
 }
 
 void Corvanectl::write(const std::string& path, const std::string& text) {
-    if (text.empty()) {
-        fs::remove(root / path);
-    } else {
-        std::ofstream(root / path) << text;
-    }
+    fs::remove(root / path);
+    if (!text.empty()) std::ofstream(root / path) << text;
 }
 
 std::string Corvanectl::read(const std::string& path) const { return contentOf(root / path); }

@@ -6,9 +6,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <chrono>
 #include <filesystem>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,8 +40,8 @@ public:
     /// Waits until the text has come, behind what earlier calls have found.
     testing::AssertionResult shows(const std::string& text);
 
-    /// Waits until the program waits itself: for input, when it has shown all else. A signal that
-    /// comes a moment earlier does not end libedit's read.
+    /// Waits until the program waits for input: a signal that comes a moment earlier does not end
+    /// libedit's read.
     bool waits() const;
 
     /// Waits for the end. @return the exit status, -1 when it does not come
@@ -67,12 +65,9 @@ protected:
     Corvanectl();
 
     /// Runs it with arguments, and lines on standard input.
-    /// @param script  runs in a shell instead, with the program and its arguments as "$@"
+    /// @param script  shell script that runs it as "$@"
     Ran run(const std::vector<std::string>& arguments, const std::string& input = "",
-            const std::string& script = "");
-
-    /// Whether a daemon runs that CORVANE_TEST_DAEMON made it start. Ends it.
-    bool daemonRuns();
+            const std::string& script = "\"$@\"");
 
     std::unique_ptr<Terminal> onTerminal(const std::vector<std::string>& arguments,
                                          unsigned short columns = 100);
@@ -96,7 +91,7 @@ protected:
     const std::filesystem::path& root = folder.path();
 };
 
-/// A device each of the kinds that the requests tell apart.
+/// One device of each kind that the requests tell apart.
 extern const Device phone;
 extern const Device speaker;
 extern const Device keyboard;
