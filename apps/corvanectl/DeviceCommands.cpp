@@ -211,16 +211,17 @@ Result findDevice(Session& session, const Invocation& invocation) {
     const BluetoothConnectionInfo& info = device.info;
     Result result;
     result.data = toJson(device);
-    result.text = pairs({{"Address", escaped(info.macAddress)},
-                         {"Name", escaped(info.name)},
-                         {"Class", hexadecimal(info.deviceClass, 6)},
-                         {"Kind", kindOf(info.deviceClass)},
-                         {"Vendor", idText(device, info.vendorId)},
-                         {"Product", idText(device, info.productId)},
-                         {"Version", idText(device, info.versionId)},
-                         {"Paired", yesOrNo(device.paired)},
-                         {"Connected", yesOrNo(device.connected)},
-                         {"Playback device", yesOrNo(device.playback)}});
+    result.text = table({{"Address:", escaped(info.macAddress)},
+                         {"Name:", escaped(info.name)},
+                         {"Class:", hexadecimal(info.deviceClass, 6)},
+                         {"Kind:", kindOf(info.deviceClass)},
+                         {"Vendor:", idText(device, info.vendorId)},
+                         {"Product:", idText(device, info.productId)},
+                         {"Version:", idText(device, info.versionId)},
+                         {"Paired:", yesOrNo(device.paired)},
+                         {"Connected:", yesOrNo(device.connected)},
+                         {"Playback device:", yesOrNo(device.playback)}},
+                        2, 0);
     return result;
 }
 

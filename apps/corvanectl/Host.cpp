@@ -93,16 +93,22 @@ std::optional<bool> Host::setting() {
     }
 }
 
-std::optional<AdapterState> Host::adapterState() {
+std::string Host::boardName() {
+    const eepromXML& known = identity();
+    return GetModelNameStringExternal(known.GetModelType()) + " " +
+           known.GetSerialNumberString(false);
+}
+
+std::vector<std::string> Host::adapterFaults() {
     GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    if (shared == nullptr) return std::nullopt;
+    if (shared == nullptr) return {"GIO has no bus"};
     g_dbus_connection_set_exit_on_close(shared, FALSE);
     GVariant* const reply = g_dbus_connection_call_sync(
         shared, bluezName, corvane::bluez::adapterPath, "org.freedesktop.DBus.Properties", "GetAll",
         g_variant_new("(s)", corvane::bluez::adapterInterface), G_VARIANT_TYPE("(a{sv})"),
         G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr);
     g_object_unref(shared);
-    if (reply == nullptr) return std::nullopt;
+    if (reply == nullptr) return {"BlueZ has no adapter"};
     GVariant* const all = g_variant_get_child_value(reply, 0);
     gboolean powered = FALSE;
     gboolean pairable = FALSE;
@@ -110,10 +116,13 @@ std::optional<AdapterState> Host::adapterState() {
     g_variant_lookup(all, "Powered", "b", &powered);
     g_variant_lookup(all, "Pairable", "b", &pairable);
     g_variant_lookup(all, "Alias", "&s", &alias);
-    AdapterState state{powered != FALSE, pairable != FALSE, alias};
+    std::vector<std::string> faults;
+    if (powered == FALSE) faults.emplace_back("the adapter is not powered");
+    if (pairable == FALSE) faults.emplace_back("the adapter is not pairable");
+    if (boardName() != alias) faults.push_back("the adapter's name is " + inQuotes(alias));
     g_variant_unref(all);
     g_variant_unref(reply);
-    return state;
+    return faults;
 }
 
 void Host::refresh() {
@@ -169,8 +178,8 @@ Host::Answer Host::perform(const RequestMaker& make, const std::string& what, mi
     auto answer = promise->get_future();
     bool cancelled = false;
     while (answer.wait_for(milliseconds(0)) != std::future_status::ready) {
-        if (!cancelled && (Interrupt::happened() ||
-                           (cancelSource != nullptr && cancelSource->takeIf("cancel")))) {
+        if (!cancelled &&
+            (Interrupt::count > 0 || (cancelSource != nullptr && cancelSource->takeIf("cancel")))) {
             request->cancelRequest();
             cancelled = true;
             tell("Cancelling, Ctrl-C again leaves", milliseconds(0));

@@ -29,13 +29,6 @@ struct Device {
     bool playback = false;
 };
 
-/// What the adapter shows when it is read back.
-struct AdapterState {
-    bool powered = false;
-    bool pairable = false;
-    std::string alias;
-};
-
 /// Drives the radio: the library's manager, the board's identity, the bus. Says nothing to the
 /// user, but tells what it waits for. Used from the main thread.
 class Host {
@@ -64,8 +57,11 @@ public:
     /// (badSetting).
     std::optional<bool> setting();
 
-    /// The adapter's properties; none when BlueZ does not give them.
-    static std::optional<AdapterState> adapterState();
+    /// The name that the adapter gets: model and serial number.
+    std::string boardName();
+
+    /// What the adapter shows that is not as switching on leaves it.
+    std::vector<std::string> adapterFaults();
 
     /// Refills the lists from BlueZ. Throws Failure (refused) when BlueZ did not answer.
     void refresh();

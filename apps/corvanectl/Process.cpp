@@ -11,7 +11,6 @@
 #include <log4cplus/logger.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -30,12 +29,10 @@ namespace corvanectl {
 
 namespace {
 
-// All that the signal handler uses.
-std::atomic<int> interrupts{0};
 int errorDescriptor = -1;
 
 extern "C" void onInterrupt(int /*signal*/) {
-    if (interrupts.fetch_add(1) == 0) return;
+    if (Interrupt::count.fetch_add(1) == 0) return;
     // The line may hold a progress display.
     [[maybe_unused]] const ssize_t written = write(errorDescriptor, "\n", 1);
     _exit(static_cast<int>(ExitStatus::interrupted));
@@ -147,10 +144,6 @@ void Interrupt::install() {
     sigaction(SIGINT, &action, nullptr);
 }
 
-void Interrupt::restart() { interrupts = 0; }
-
-bool Interrupt::happened() { return interrupts > 0; }
-
 void LineSource::readSome() {
     char buffer[4096];
     const ssize_t got = read(fileno(Streams::input), buffer, sizeof buffer);
@@ -160,7 +153,7 @@ void LineSource::readSome() {
 
 bool LineSource::next(std::string& line) {
     while (!isAhead()) {
-        if (Interrupt::happened()) return false;
+        if (Interrupt::count > 0) return false;
         readSome();
     }
     if (ahead.empty()) return false;
@@ -202,35 +195,36 @@ void LogRecords::append(const LogRecord& record) {
     if (kept.first.size() < LoggedErrors::keptAtMost) kept.first.push_back(record);
 }
 
-void setUpLogging(const LogOptions& options, const log4cplus::SharedAppenderPtr& records) {
-    check("--log-config", options.config, std::ios_base::in);
-    check("--log-file", options.file, std::ios_base::app);
+void setUpLogging(const std::string& level, const std::string& file, const std::string& config,
+                  const log4cplus::SharedAppenderPtr& records) {
+    check("--log-config", config, std::ios_base::in);
+    check("--log-file", file, std::ios_base::app);
     Logger logger = LogAppender::getLogger();
-    if (options.config.empty()) {
+    if (config.empty()) {
         Logger::getRoot().removeAllAppenders();
         logger.removeAllAppenders();
         add(logger, new Screen);
     } else {
-        configure(options.config);
+        configure(config);
     }
-    const bool leveled = !options.level.empty();
+    const bool leveled = !level.empty();
     auto wanted = log4cplus::OFF_LOG_LEVEL;
     if (leveled) {
-        wanted = log4cplus::getLogLevelManager().fromString(options.level);
-    } else if (!options.config.empty()) {
+        wanted = log4cplus::getLogLevelManager().fromString(level);
+    } else if (!config.empty()) {
         wanted = logger.getChainedLogLevel();
     }
     // The logger has to pass more on than before, to us: give the others what they got, or what was
     // asked for.
     for (Logger place : {logger, Logger::getRoot()}) {
-        for (const auto& appender : place.getAllAppenders()) {
-            appender->setThreshold(leveled ? wanted : std::max(appender->getThreshold(), wanted));
+        for (const auto& other : place.getAllAppenders()) {
+            other->setThreshold(leveled ? wanted : std::max(other->getThreshold(), wanted));
         }
     }
-    if (!options.file.empty()) {
-        auto* const file = new log4cplus::FileAppender(options.file, std::ios_base::app, true);
-        if (leveled) file->setThreshold(wanted);
-        add(logger, file);
+    if (!file.empty()) {
+        auto* const appender = new log4cplus::FileAppender(file, std::ios_base::app, true);
+        if (leveled) appender->setThreshold(wanted);
+        add(logger, appender);
     }
     logger.addAppender(records);
     logger.setLogLevel(std::min(wanted, log4cplus::DEBUG_LOG_LEVEL));

@@ -3,6 +3,7 @@
 #include <log4cplus/appender.h>
 #include <log4cplus/spi/loggingevent.h>
 
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <mutex>
@@ -33,9 +34,8 @@ std::size_t terminalColumns(std::FILE* stream);
 struct Interrupt {
     /// Takes the signal over, for the whole process.
     static void install();
-    /// Forgets it, for the next command.
-    static void restart();
-    static bool happened();
+
+    inline static std::atomic<int> count{0};  ///< since the command began
 };
 
 /// The lines of standard input, read without stdio: what is there can be told from what is not.
@@ -94,15 +94,12 @@ private:
     Listener listener;
 };
 
-/// Where else the records go.
-struct LogOptions {
-    std::string level;   ///< trace, debug, info, error, off; empty: the default
-    std::string file;    ///< appended to; empty: none
-    std::string config;  ///< a log4cplus properties file; empty: none
-};
-
 /// Sets up the host process's logger and adds `records` to it. Without options the console shows
 /// nothing: commands report the errors themselves. Throws Failure (usage) for an unusable file.
-void setUpLogging(const LogOptions& options, const log4cplus::SharedAppenderPtr& records);
+/// @param level   trace, debug, info, error, off; empty for the default
+/// @param file    appended to; empty for none
+/// @param config  a log4cplus properties file; empty for none
+void setUpLogging(const std::string& level, const std::string& file, const std::string& config,
+                  const log4cplus::SharedAppenderPtr& records);
 
 }  // namespace corvanectl

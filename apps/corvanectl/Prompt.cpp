@@ -147,7 +147,7 @@ void runShell(Session& session, LineSource& input) {
     setUp(history);
     bool interruptedBefore = false;
     while (!session.stopping) {
-        Interrupt::restart();
+        Interrupt::count = 0;
         std::string line;
         bool got = true;
         if (input.isAhead()) {
@@ -160,7 +160,7 @@ void runShell(Session& session, LineSource& input) {
         }
         if (!got) {
             std::fputc('\n', Streams::output);
-            if (!Interrupt::happened() || interruptedBefore) return;
+            if (Interrupt::count == 0 || interruptedBefore) return;
             std::fprintf(Streams::output, "Ctrl-C again leaves\n");
             interruptedBefore = true;
             continue;

@@ -14,11 +14,6 @@ using hwcommon::fileUtil;
 
 const char* onOrOff(bool on) { return on ? "on" : "off"; }
 
-std::string boardName(const eepromXML& board) {
-    return GetModelNameStringExternal(board.GetModelType()) + " " +
-           board.GetSerialNumberString(false);
-}
-
 /// What the radio shows that is not as it was asked for. BlueZ and the kernel follow a moment
 /// later: looks again while something is wrong.
 std::vector<std::string> faults(Host& host, bool enable, int looks = 20) {
@@ -28,16 +23,10 @@ std::vector<std::string> faults(Host& host, bool enable, int looks = 20) {
     }
     if (host.isOnTheBus(bluezName) != enable) {
         wrong.emplace_back(enable ? "BlueZ is not on the bus" : "BlueZ is still on the bus");
-    } else if (!enable) {
-        if (fileUtil::exists(hciDevice)) wrong.emplace_back("hci0 is still there");
-    } else if (const auto adapter = Host::adapterState()) {
-        if (!adapter->powered) wrong.emplace_back("the adapter is not powered");
-        if (!adapter->pairable) wrong.emplace_back("the adapter is not pairable");
-        if (adapter->alias != boardName(host.identity())) {
-            wrong.push_back("the adapter's name is " + inQuotes(adapter->alias));
-        }
-    } else {
-        wrong.emplace_back("BlueZ has no adapter");
+    } else if (enable) {
+        for (const std::string& fault : host.adapterFaults()) wrong.push_back(fault);
+    } else if (fileUtil::exists(hciDevice)) {
+        wrong.emplace_back("hci0 is still there");
     }
     if (wrong.empty() || looks == 1) return wrong;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -111,12 +100,13 @@ Result showStatus(Session& session, const Invocation& /*invocation*/) {
                  std::to_string(count(CONNECTED_DEVICES)) + " connected";
     }
     result.text =
-        pairs({{"Setting", setting ? onOrOff(*setting) : "off (not set since the last boot)"},
-               {"Board", escaped(boardName(board))},
-               {"Adapter hci0", adapter ? "there" : "not there"},
-               {"BlueZ", bluez ? "on the bus" : "not on the bus"},
-               {"HID service", hid ? "on the bus" : "not on the bus"},
-               {"Devices", counts}});
+        table({{"Setting:", setting ? onOrOff(*setting) : "off (not set since the last boot)"},
+               {"Board:", escaped(host.boardName())},
+               {"Adapter hci0:", adapter ? "there" : "not there"},
+               {"BlueZ:", bluez ? "on the bus" : "not on the bus"},
+               {"HID service:", hid ? "on the bus" : "not on the bus"},
+               {"Devices:", counts}},
+              2, 0);
     return result;
 }
 

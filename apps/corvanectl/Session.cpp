@@ -72,10 +72,7 @@ void Progress::step(const std::string& line) {
     show("  waiting", unknown, silence);
 }
 
-void Progress::clear() {
-    if (drawn) std::fputs("\r\x1b[K", Streams::errors);
-    drawn = false;
-}
+void Progress::clear() { std::fputs("\r\x1b[K", Streams::errors); }
 
 void Progress::draw() {
     const auto gone = std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
@@ -88,7 +85,6 @@ void Progress::draw() {
     const std::size_t width = terminalColumns(Streams::errors);
     line.resize(std::min(line.size(), width > 0 ? width - 1 : 0));
     std::fprintf(Streams::errors, "\r\x1b[K%s", line.c_str());
-    drawn = true;
 }
 
 Session::Session(const Options& chosen, LogRecords& logRecords)
@@ -104,7 +100,7 @@ std::size_t Session::widthOrUsual() {
 
 ExitStatus Session::run(const Invocation& invocation) {
     using std::chrono::steady_clock;
-    Interrupt::restart();
+    Interrupt::count = 0;
     records.restart();
     if (!options.json && terminalColumns(Streams::errors) > 0) {
         progress = std::make_unique<Progress>(invocation.command->name);
@@ -112,7 +108,7 @@ ExitStatus Session::run(const Invocation& invocation) {
     const auto start = steady_clock::now();
     const Result result = runQuietly(invocation);
     tell(invocation, result, std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));
-    const bool left = Interrupt::happened() && result.status == ExitStatus::success;
+    const bool left = Interrupt::count > 0 && result.status == ExitStatus::success;
     remember(left ? ExitStatus::interrupted : result.status);
     return left ? ExitStatus::interrupted : result.status;
 }

@@ -40,7 +40,6 @@ private:
     std::chrono::milliseconds length{0};
     Clock::time_point begin;
     Clock::time_point visibleFrom;
-    bool drawn = false;
     bool done = false;
     std::thread artist;
 };
@@ -49,7 +48,9 @@ struct Options {
     bool json = false;
     bool keepGoing = false;
     bool tearDown = false;
-    LogOptions log;
+    std::string logLevel;
+    std::string logFile;
+    std::string logConfig;
     std::string commandLog;  ///< what commands and daemons print; empty: nowhere
 };
 

@@ -146,17 +146,6 @@ std::string part(const char* list, std::size_t number) {
     return text;
 }
 
-std::string pairs(const std::vector<std::pair<std::string, std::string>>& rows) {
-    std::size_t width = 0;
-    for (const auto& row : rows) width = std::max(width, row.first.size());
-    std::string text;
-    for (const auto& [name, value] : rows) {
-        if (!text.empty()) text += '\n';
-        text.append(name).append(":").append(width - name.size() + 1, ' ').append(value);
-    }
-    return text;
-}
-
 std::string hexadecimal(unsigned long number, int digits) {
     char text[24];
     std::snprintf(text, sizeof text, "0x%0*lX", digits, number);

@@ -2,7 +2,6 @@
 
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace corvanectl {
@@ -36,9 +35,6 @@ std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t
 
 /// The part of a list with this number, from 0 on; '|' separates. Empty when there is none.
 std::string part(const char* list, std::size_t number);
-
-/// Names and values, one pair per line, the values aligned.
-std::string pairs(const std::vector<std::pair<std::string, std::string>>& rows);
 
 /// The number as 0x and this many hexadecimal digits.
 std::string hexadecimal(unsigned long number, int digits);

@@ -64,13 +64,13 @@ void declareOptions(CLI::App& app, Options& options) {
     app.add_flag("-k,--keep-going", options.keepGoing, "Go on after a command that failed");
     app.add_flag("--teardown", options.tearDown,
                  "Stop the HID daemon and the audio bridge when leaving");
-    app.add_option("--log-level", options.log.level,
+    app.add_option("--log-level", options.logLevel,
                    "Show the log on standard error from this level on: trace, debug, info, error, "
                    "off")
         ->check(CLI::IsMember({"trace", "debug", "info", "error", "off"}))
         ->option_text("LEVEL");
-    app.add_option("--log-file", options.log.file, "Append the log to a file")->option_text("FILE");
-    app.add_option("--log-config", options.log.config,
+    app.add_option("--log-file", options.logFile, "Append the log to a file")->option_text("FILE");
+    app.add_option("--log-config", options.logConfig,
                    "Configure the log from a log4cplus properties file; also CORVANE_LOG_CONFIG")
         ->envname("CORVANE_LOG_CONFIG")
         ->option_text("FILE");
@@ -87,7 +87,7 @@ void declareOptions(CLI::App& app, Options& options) {
     }
     const Options& options = session.options;
     if (!options.commandLog.empty()) Streams::logCommandsTo(options.commandLog);
-    setUpLogging(options.log, records);
+    setUpLogging(options.logLevel, options.logFile, options.logConfig, records);
     Interrupt::install();
     LineSource input;
     if (words.empty()) session.host.cancelSource = &input;
