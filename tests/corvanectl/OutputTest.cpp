@@ -29,17 +29,16 @@ std::string faultOf(const Json& value, const Json& rule, const Json& schema) {
         return faultOf(value, schema.at(Json::json_pointer(name.substr(1))), schema);
     }
     const auto allows = [&](const char* key, const Json& what) {
-        const Json allowed = rule.value(key, Json::array({what}));
+        const Json allowed = rule.value(key, what);
         return allowed == what || std::find(allowed.begin(), allowed.end(), what) != allowed.end();
     };
     if (!allows("type", value.is_number() ? "integer" : value.type_name())) return value.dump();
     if (!allows("enum", value)) return value.dump();
-    if (value.is_null()) return "";
     for (const auto& each : value.is_array() && rule.contains("items") ? value : Json::array()) {
         const std::string fault = faultOf(each, rule["items"], schema);
         if (!fault.empty()) return fault;
     }
-    if (!rule.contains("properties")) return "";
+    if (value.is_null() || !rule.contains("properties")) return "";
     // All keys are required, and no other is allowed.
     if (rule["properties"].size() != value.size()) return "not the keys of " + rule.dump();
     for (const auto& [key, each] : rule["properties"].items()) {
@@ -54,35 +53,25 @@ TEST_F(Corvanectl, JsonFollowsItsSchemaWhateverHappens) {
     bluez.fail(phone.path(), "Pair", "org.bluez.Error.Failed", "no");
     std::vector<Json> objects =
         run({"--json", "-k"},
-            "status\ndevices\nfind Phone\nscan\npair Phone\nnonsense\nhelp\nhelp on\ncancel\n"
-            "trust Nobody\non\noff\nairplane off\ndoctor\nconnect \"Living room\"\nquit\n")
+            "status\ndevices\npair Phone\nfind Phone\nscan\nnonsense\nhelp\nhelp on\ncancel\n"
+            "trust Nobody\non\noff\nairplane off\ndoctor\nconnect \"Living room\"\n"
+            "watch-log x 1 -- cancel\nreport " +
+                (root / "r.tar").string() + "\nstatus\nquit\n")
             .json();
-    ASSERT_EQ(objects.size(), 16U);
-    const Json device = objects[1].at("result").at("devices").at(1);
-    EXPECT_EQ(device.at("class"), "0x240414");
-    EXPECT_TRUE(device.at("vendor").is_null());
+    ASSERT_EQ(objects.size(), 19U);
     EXPECT_EQ(objects[0].at("result").at("serial"), "AB12CD34");
     EXPECT_EQ(objects[0].at("result").at("setting"), nullptr);
-    EXPECT_THAT(objects[4].at("errors").at(0).at("message"), HasSubstr("bluezDeviceCallMethod"));
-    write("tmp/bluetoothEnabled", "");
-    for (const std::vector<std::string>& words : {std::vector<std::string>{"--version"},
-                                                  {"--help"},
-                                                  {"--nosuch"},
-                                                  {"status"},
-                                                  {"--log-level", "x"},
-                                                  {"watch-log", "x", "1", "--", "cancel"},
-                                                  {"report", root / "r.tar"}}) {
-        std::vector<std::string> all{"--json"};
-        all.insert(all.end(), words.begin(), words.end());
-        const std::vector<Json> more = run(all).json();
-        ASSERT_EQ(more.size(), 1U) << words[0];
+    EXPECT_TRUE(objects[1].at("result").at("devices").at(1).at("vendor").is_null());
+    EXPECT_THAT(objects[2].at("errors").at(0).at("message"), HasSubstr("bluezDeviceCallMethod"));
+    for (const char* option : {"--version", "--help", "--nosuch", "--log-level"}) {
+        const std::vector<Json> more = run({"--json", option}).json();
+        ASSERT_EQ(more.size(), 1U) << option;
         objects.push_back(more[0]);
     }
     const Json schema = Json::parse(page("corvanectl.schema.json"));
     for (const Json& object : objects) {
         EXPECT_EQ(faultOf(object, schema, schema), "") << object;
         if (object["command"].is_null() || object["result"].is_null()) continue;
-        // Each command's result has a form of its own.
         const Json& form = schema["$defs"][object["command"].get<std::string>()];
         EXPECT_EQ(faultOf(object["result"], form, schema), "") << object;
     }
@@ -90,19 +79,8 @@ TEST_F(Corvanectl, JsonFollowsItsSchemaWhateverHappens) {
 
 // Names from the air
 
-/// Whether nothing in the text can steer a terminal or mislead its reader.
-bool isFitForATerminal(const std::string& text) {
-    if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE) {
-        return false;
-    }
-    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
-        if (*at != '\n' && isUnprintable(g_utf8_get_char(at))) return false;
-    }
-    return true;
-}
-
 /// The table of characters to escape, against the properties that PCRE2 knows.
-TEST(UnprintableCharacters, AreThoseWithThePropertiesThatItNames) {
+TEST(UnprintableCharacters, HaveTheUnicodePropertiesOfTheirComment) {
     GRegex* const regex =
         g_regex_new("^[\\p{Cc}\\p{Zl}\\p{Zp}\\p{Bidi_Control}\\p{Default_Ignorable_Code_Point}]",
                     static_cast<GRegexCompileFlags>(0), static_cast<GRegexMatchFlags>(0), nullptr);
@@ -111,45 +89,33 @@ TEST(UnprintableCharacters, AreThoseWithThePropertiesThatItNames) {
         char text[7] = "";
         if (g_unichar_validate(c) == FALSE) continue;
         text[g_unichar_to_utf8(c, text)] = '\0';
-        const bool matches =
-            g_regex_match(regex, text, static_cast<GRegexMatchFlags>(0), nullptr) != FALSE;
-        EXPECT_EQ(isUnprintable(c), matches) << std::hex << c;
+        const gboolean has = g_regex_match(regex, text, static_cast<GRegexMatchFlags>(0), nullptr);
+        EXPECT_EQ(isUnprintable(c), has != FALSE) << std::hex << c;
     }
     g_regex_unref(regex);
 }
 
+/// Whether nothing in the text can steer a terminal or mislead its reader.
+bool isFitForATerminal(const std::string& text) {
+    for (const char* at = text.c_str(); *at != '\0'; at = g_utf8_next_char(at)) {
+        if (*at != '\n' && isUnprintable(g_utf8_get_char(at))) return false;
+    }
+    return g_utf8_validate(text.c_str(), -1, nullptr) != FALSE;
+}
+
 TEST_F(Corvanectl, HostileNamesSurviveEveryFormOfOutput) {
-    std::vector<std::string> names;
     std::vector<Device> devices;
     std::vector<std::string> commands;
     for (const auto& [file, name] : hostileTexts("names")) {
         EXPECT_TRUE(isFitForATerminal(run({"--log-level", name.c_str()}).errors)) << file;
+        // Others cannot come through the bus.
         if (g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr) == FALSE) {
-            continue;  // cannot come through the bus
+            continue;
         }
-        names.push_back(name);
         devices.push_back({"00:11:22:33:55:" + std::to_string(10 + devices.size()), name});
         commands.insert(commands.end(), {"find", name, "trust", name});
     }
-    ASSERT_GT(devices.size(), 30U);
     bluez.setDevices(devices);
-
-    const Ran table = run({"devices"});
-    EXPECT_TRUE(isFitForATerminal(table.output)) << table.output;
-    for (const char* shown : {"\\x1B]0;owned\\x07\\x1B[31m",
-                              "\\xC2\\x9B"
-                              "2J",
-                              "a\\x0D\\x0A"
-                              "b\\x09"
-                              "c",
-                              "\\xE2\\x80\\xAEgpj.exe",
-                              "a\\xE2\\x80\\xA8"
-                              "b\\xE2\\x80\\xA9"
-                              "c\\xC2\\x85"
-                              "d",
-                              "\\\\x1b[2J"}) {
-        EXPECT_THAT(table.output, HasSubstr(shown));
-    }
     const Ran each = run(commands);
     EXPECT_TRUE(isFitForATerminal(each.output)) << each.output;
     EXPECT_EQ(each.errors, "");
@@ -164,43 +130,34 @@ TEST_F(Corvanectl, HostileNamesSurviveEveryFormOfOutput) {
     }
     EXPECT_EQ(run({}, typed).output, trusted);
 
-    commands.insert(commands.begin(), {"--json", "devices"});
-    const Ran json = run(commands);
+    const Ran json = run({"--json", "devices"});
     EXPECT_TRUE(std::all_of(json.output.begin(), json.output.end(),
                             [](char c) { return c == '\n' || (c >= 0x20 && c < 0x7f); }));
-    const std::vector<Json> objects = json.json();
-    ASSERT_EQ(objects.size(), 1 + 2 * names.size());
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        EXPECT_EQ(objects[0].at("result").at("devices").at(i).at("name"), names[i]);
-        EXPECT_EQ(objects[1 + 2 * i].at("arguments").at(0), names[i]);
+    const Json shown = json.json().at(0);
+    for (std::size_t i = 0; i < devices.size(); ++i) {
+        EXPECT_EQ(shown.at("result").at("devices").at(i).at("name"), devices[i].name);
     }
-    EXPECT_THAT(run({"--json", "find", "ab\xff"}).json().at(0).at("problem"), HasSubstr("b\\xFF"));
 }
 
-TEST_F(Corvanectl, NamesAreUtf8UnlessTheUserChoseALocaleWithoutIt) {
-    const std::string name =
-        "K\xc3\xbc"
-        "che";
-    bluez.setDevices({{phone.address, name}});
+TEST_F(Corvanectl, NamesAreShownInUtf8OrInAscii) {
+    bluez.setDevices({{phone.address, "K\u00fc\u061cche\\"}});
     for (const char* variable : {"LC_ALL", "LC_CTYPE", "LANG"}) unsetenv(variable);
-    EXPECT_THAT(run({"devices"}).output, HasSubstr(name));
+    EXPECT_THAT(run({"devices"}).output, HasSubstr("K\u00fc\\xD8\\x9Cche\\\\ "));
     setenv("LC_ALL", "C", 1);
-    EXPECT_THAT(run({"devices"}).output, HasSubstr("K\\xC3\\xBC"
-                                                   "che"));
+    EXPECT_THAT(run({"devices"}).output, HasSubstr("K\\xC3\\xBC\\xD8\\x9Cche\\\\ "));
     unsetenv("LC_ALL");
 }
 
 // doctor and pages
 
-TEST_F(Corvanectl, DoctorTellsARemedyForEachProblemAndTouchesNothing) {
+TEST_F(Corvanectl, DoctorGivesARemedyForEachProblemAndTouchesNothing) {
     const Ran report = run({"--json", "doctor"});
     const Json result = report.json().at(0).at("result");
     EXPECT_EQ(report.status, result.at("problems") > 0 ? 17 : 0);
     for (const Json& finding : result.at("findings")) {
-        EXPECT_EQ(finding.at("verdict") == "ok", finding.at("remedy").is_null()) << finding;
-        if (finding.at("verdict") == "ok") {
-            EXPECT_THAT(finding.at("found"), Not(HasSubstr("No such file"))) << finding;
-        }
+        const bool well = finding.at("verdict") == "ok";
+        EXPECT_EQ(well, finding.at("remedy").is_null()) << finding;
+        EXPECT_FALSE(well && finding.dump().find("No such file") != std::string::npos) << finding;
     }
     EXPECT_THAT(result.dump(), HasSubstr("/bin/rtk_hciattach"));
     EXPECT_THAT(result.dump(), Not(HasSubstr("/bin/hciattach")));  // of another wiring
@@ -215,35 +172,33 @@ TEST_F(Corvanectl, DoctorTellsARemedyForEachProblemAndTouchesNothing) {
 }
 
 TEST_F(Corvanectl, PagesNameEveryCommandOptionAndStatus) {
-    const Json commands = run({"--json", "help"}).json().at(0).at("result").at("commands");
-    EXPECT_GT(commands.size(), 15U);
-    const Ran help = run({"--help"});
-    std::vector<std::string> words;
-    std::istringstream text(help.output.substr(0, help.output.find("Commands:")));
-    for (std::string word; text >> word;) {
-        const std::size_t name = word.find("--");
-        if (name != std::string::npos) words.push_back(word.substr(name));
+    const std::string help = run({"--help"}).output;
+    EXPECT_EQ(help.rfind("Usage: corvanectl [OPTION]... [COMMAND]...\n", 0), 0U);
+    EXPECT_THAT(help, ContainsRegex("17[ \n]+board-unfit,[ \n]+130[ \n]+interrupted"));
+    std::vector<std::string> usages;
+    std::istringstream lines(help);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_LE(line.size(), 80U) << line;
+        const std::size_t option = line.find("--");
+        if (option < 6) usages.push_back(line.substr(option, line.find(' ', option) - option));
     }
-    EXPECT_EQ(words.size(), 9U);
-    std::istringstream lines(help.output);
-    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80U) << line;
-    EXPECT_EQ(help.output.rfind("Usage: corvanectl [OPTION]... [COMMAND]...\n", 0), 0U);
+    EXPECT_EQ(usages.size(), 9U);
+    const Json all = run({"--json", "help"}).json().at(0);
+    for (const Json& each : all.at("result").at("commands")) {
+        usages.push_back(each.at("usage"));
+    }
+    EXPECT_GT(usages.size(), 25U);
     std::string manual = page("corvanectl.1");
     manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
-    for (const Json& command : commands) words.push_back(command.at("usage"));
-    for (const std::string& word : words) {
-        EXPECT_THAT(manual, ContainsRegex("\n\\.B (-., )?" + word.substr(0, word.find(' '))));
-        const std::string takes =
-            word.find(' ') == std::string::npos ? "" : word.substr(word.find(' '));
-        EXPECT_THAT(manual, HasSubstr(takes));
-        for (const char* file : {"corvanectl.bash", "_corvanectl"}) {
-            EXPECT_THAT(page(file), HasSubstr(word.substr(0, word.find(' ')))) << file;
-        }
+    for (const std::string& usage : usages) {
+        const std::string name = usage.substr(0, usage.find(' '));
+        EXPECT_THAT(manual, ContainsRegex("\n\\.B (-., )?" + name));
+        EXPECT_THAT(manual, HasSubstr(usage));
+        EXPECT_THAT(page("corvanectl.bash"), HasSubstr(name));
+        EXPECT_THAT(page("_corvanectl"), HasSubstr(name));
     }
-    const std::size_t statuses = help.output.find("Exit status");
-    EXPECT_THAT(help.output.substr(statuses), HasSubstr("17 board-unfit"));
-    for (const Json& name :
-         Json::parse(page("corvanectl.schema.json"))["properties"]["outcome"]["enum"]) {
+    const Json schema = Json::parse(page("corvanectl.schema.json"));
+    for (const Json& name : schema["properties"]["outcome"]["enum"]) {
         EXPECT_THAT(manual, HasSubstr(name.get<std::string>()));
     }
 }

@@ -11,7 +11,6 @@
 
 #include <poll.h>
 #include <pty.h>
-#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -90,11 +89,6 @@ void Terminal::type(const std::string& text) {
     if (::write(master, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         throw std::runtime_error("pseudo-terminal");
     }
-}
-
-void Terminal::resize(unsigned short columns) {
-    const winsize size{24, columns, 0, 0};
-    ioctl(master, TIOCSWINSZ, &size);
 }
 
 bool Terminal::readMore() {
@@ -189,11 +183,6 @@ Ran Corvanectl::run(const std::vector<std::string>& arguments, const std::string
     g_free(errors);
     g_strfreev(environment);
     return ran;
-}
-
-std::unique_ptr<Terminal> Corvanectl::onTerminal(const std::vector<std::string>& arguments,
-                                                 unsigned short columns) {
-    return std::make_unique<Terminal>(arguments, columns);
 }
 
 void Corvanectl::write(const std::string& path, const std::string& text) {

@@ -35,7 +35,6 @@ public:
 
     void type(const std::string& text);
     void interrupt() { type("\x03"); }
-    void resize(unsigned short columns);
 
     /// Waits until the text has come, behind what earlier calls have found.
     testing::AssertionResult shows(const std::string& text);
@@ -69,8 +68,10 @@ protected:
     Ran run(const std::vector<std::string>& arguments, const std::string& input = "",
             const std::string& script = "\"$@\"");
 
-    std::unique_ptr<Terminal> onTerminal(const std::vector<std::string>& arguments,
-                                         unsigned short columns = 100);
+    static auto onTerminal(const std::vector<std::string>& arguments,
+                           unsigned short columns = 100) {
+        return std::make_unique<Terminal>(arguments, columns);
+    }
 
     /// A file of the machine. An empty text removes it.
     void write(const std::string& path, const std::string& text);
