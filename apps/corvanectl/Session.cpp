@@ -107,7 +107,8 @@ ExitStatus Session::run(const Invocation& invocation) {
     }
     const auto start = steady_clock::now();
     const Result result = runQuietly(invocation);
-    tell(invocation, result, std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));
+    print(invocation, result,
+          std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));
     const bool left = Interrupt::count > 0 && result.status == ExitStatus::success;
     remember(left ? ExitStatus::interrupted : result.status);
     return left ? ExitStatus::interrupted : result.status;
@@ -126,7 +127,7 @@ Result Session::runQuietly(const Invocation& invocation) {
 
 ExitStatus Session::report(const Failure& failure) {
     records.restart();
-    tell({}, {failure.status, "", failure.what(), nullptr});
+    print({}, {failure.status, "", failure.what(), nullptr});
     remember(failure.status);
     return failure.status;
 }
@@ -141,7 +142,7 @@ void Session::showSteps() {
         [this](const LogRecord& record) { progress->step(escaped(record.getMessage())); });
 }
 
-void Session::tell(const Invocation& invocation, const Result& result, milliseconds duration) {
+void Session::print(const Invocation& invocation, const Result& result, milliseconds duration) {
     records.listen({});
     progress.reset();
     if (options.json) {

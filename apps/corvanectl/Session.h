@@ -61,18 +61,18 @@ public:
     /// @param chosen  read at each command
     Session(const Options& chosen, LogRecords& logRecords);
 
-    /// Runs a command and tells its result.
+    /// Runs a command and prints its result.
     ExitStatus run(const Invocation& invocation);
 
-    /// Runs a command without telling.
+    /// Runs a command without printing anything.
     Result runQuietly(const Invocation& invocation);
 
-    /// Tells of a command that could not be read.
+    /// Prints why a command could not be read.
     ExitStatus report(const Failure& failure);
 
-    /// Tells the result of something that has ended, a command or not.
-    void tell(const Invocation& invocation, const Result& result,
-              std::chrono::milliseconds duration = {});
+    /// Prints a result. The invocation is empty when there was no command.
+    void print(const Invocation& invocation, const Result& result,
+               std::chrono::milliseconds duration = {});
 
     /// Shows what the command waits for.
     void waitFor(const std::string& what, std::chrono::milliseconds limit);

@@ -122,16 +122,16 @@ ExitStatus start(int argc, char** argv) {
         run(session, app.remaining(), log4cplus::SharedAppenderPtr(records.get()));
     } catch (const CLI::CallForHelp&) {
         const std::string help = app.help();
-        session.tell({},
-                     {ExitStatus::success, help.substr(0, help.size() - 1), "", {{"help", help}}});
+        session.print({},
+                      {ExitStatus::success, help.substr(0, help.size() - 1), "", {{"help", help}}});
     } catch (const CLI::CallForVersion&) {
-        session.tell({}, {ExitStatus::success,
-                          "corvanectl " CORVANE_VERSION " (libCorvane " CORVANE_VERSION
-                          ", ABI " CORVANE_ABI ")",
-                          "",
-                          {{"corvanectl", CORVANE_VERSION},
-                           {"libCorvane", CORVANE_VERSION},
-                           {"abi", CORVANE_ABI}}});
+        session.print({}, {ExitStatus::success,
+                           "corvanectl " CORVANE_VERSION " (libCorvane " CORVANE_VERSION
+                           ", ABI " CORVANE_ABI ")",
+                           "",
+                           {{"corvanectl", CORVANE_VERSION},
+                            {"libCorvane", CORVANE_VERSION},
+                            {"abi", CORVANE_ABI}}});
     } catch (const CLI::ParseError& error) {
         session.report({ExitStatus::usage, escaped(error.what()) + "; see --help"});
     } catch (const Failure& failure) {
