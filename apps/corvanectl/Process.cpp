@@ -115,9 +115,8 @@ void Streams::claim() {
     close(nobody);
     std::setvbuf(errors, nullptr, _IONBF, 0);
     errorDescriptor = fileno(errors);
-    // The log's console appender writes to std::cerr.
-    static __gnu_cxx::stdio_filebuf<char> log(errorDescriptor, std::ios::out);
-    std::cerr.rdbuf(&log);
+    // The log's console appender writes to std::cerr, which outlives every object of ours.
+    std::cerr.rdbuf(new __gnu_cxx::stdio_filebuf<char>(errorDescriptor, std::ios::out));
 }
 
 void Streams::logCommandsTo(const std::string& file) {
