@@ -135,7 +135,8 @@ Result perform(Session& session, const char* label, std::chrono::milliseconds li
     result.data = {{"answer", answerRows.at(static_cast<std::size_t>(answer)).name}};
     if (answer == REQUEST_SUCCESS) return result;
     // A request that is cancelled before it has begun to wait answers REQUEST_FAILED.
-    const std::size_t number = cancelled && answer == REQUEST_FAILED ? REQUEST_CANCELLED : answer;
+    const bool early = cancelled && answer == REQUEST_FAILED;
+    const auto number = static_cast<std::size_t>(early ? REQUEST_CANCELLED : answer);
     result.status = static_cast<ExitStatus>(static_cast<std::size_t>(ExitStatus::request) + number);
     result.problem = what + ' ' + answerRows.at(number).problem;
     return result;
