@@ -39,8 +39,8 @@ const eepromXML& Host::identity() {
     const bool served = isOnTheBus(hardwareName);
     const std::string text =
         served ? hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo() : std::string();
-    eepromXML parsed(text);
-    if (parsed.GetModelType() != MODEL_UNKNOWN) return board.emplace(std::move(parsed));
+    if (!text.empty() && board.emplace(text).GetModelType() != MODEL_UNKNOWN) return *board;
+    board.reset();
     const std::string reason =
         !served        ? "org.corvane.Hardware is not on the system bus; start the hardware service"
         : text.empty() ? "org.corvane.Hardware returns an empty one, or does not answer; correct "

@@ -19,7 +19,7 @@ constexpr char description[] =
     "  corvanectl on scan 'connect \"Living room\"' off\n"
     "  corvanectl connect \"Living room\"\n\n"
     "In a line, put a name with blanks in quotes; double quotes also take \\xNN, \\\" and \\\\. A "
-    "radio that is on stays on when corvanectl leaves.\n";
+    "radio that is on stays on when corvanectl leaves.";
 
 /// Runs the lines of standard input.
 void runLines(Session& session, LineSource& input) {
