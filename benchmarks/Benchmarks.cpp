@@ -11,9 +11,9 @@
 #include "TestBus.h"
 #include "bluetoothRequests/ScanBluetoothRequest.h"
 #include "bluetoothRequests/WaitBluetoothPairingRequest.h"
+#include "hwcommon/Sdbus.h"
 
 #include <gio/gio.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
 #include <cstdio>
@@ -168,12 +168,8 @@ std::size_t objectManagerClient() {
 std::size_t sdbusMaps() {
     using Properties = std::map<std::string, sdbus::Variant>;
     std::map<sdbus::ObjectPath, std::map<std::string, Properties>> objects;
-#if CORVANE_SDBUS_MAJOR >= 2
     static const auto proxy = sdbus::createProxy(
-        sdbus::createSystemBusConnection(), sdbus::ServiceName{busName}, sdbus::ObjectPath{"/"});
-#else
-    static const auto proxy = sdbus::createProxy(sdbus::createSystemBusConnection(), busName, "/");
-#endif
+        sdbus::createSystemBusConnection(), hwcommon::ServiceName{busName}, sdbus::ObjectPath{"/"});
     proxy->callMethod("GetManagedObjects").onInterface(managerInterface).storeResultsTo(objects);
     std::vector<Device> devices;
     for (const auto& [path, interfaces] : objects) {

@@ -1,6 +1,6 @@
 // The board's hardware service: returns the content of the identity file on the system bus.
 
-#include <sdbus-c++/sdbus-c++.h>
+#include "hwcommon/Sdbus.h"
 
 #include <cstdio>
 #include <fstream>
@@ -16,7 +16,8 @@ constexpr const char* interfaceName = "org.corvane.Hardware1";
 std::string readIdentity(const std::string& path) {
     const std::ifstream in(path, std::ios::binary);
     if (!in) {
-        throw sdbus::Error(std::string(busName) + ".Error.Failed", "cannot read " + path);
+        throw sdbus::Error(hwcommon::ErrorName(std::string(busName) + ".Error.Failed"),
+                           "cannot read " + path);
     }
     std::ostringstream text;
     text << in.rdbuf();
@@ -32,13 +33,11 @@ int main(int argc, char** argv) {
     }
     const std::string path = argv[1];
     try {
-        const auto connection = sdbus::createSystemBusConnection(busName);
-        const auto object = sdbus::createObject(*connection, objectPath);
+        const auto connection = sdbus::createSystemBusConnection(hwcommon::ServiceName(busName));
+        const auto object = sdbus::createObject(*connection, sdbus::ObjectPath(objectPath));
         // Read the file for each call, so that a changed one needs no restart.
-        object->registerMethod("GetHardwareInfo")
-            .onInterface(interfaceName)
-            .implementedAs([path]() { return readIdentity(path); });
-        object->finishRegistration();
+        hwcommon::serve(*object, interfaceName,
+                        hwcommon::Method{"GetHardwareInfo", [path] { return readIdentity(path); }});
         connection->enterEventLoop();
     } catch (const sdbus::Error& error) {
         std::fprintf(stderr, "hardware-service: %s\n", error.what());

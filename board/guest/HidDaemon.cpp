@@ -2,10 +2,10 @@
 // HID channels over an encrypted link. They stay open until the device or a call closes them.
 
 #include "L2cap.h"
+#include "hwcommon/Sdbus.h"
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/l2cap.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -93,21 +93,16 @@ int main(int argc, char** argv) {
     openlog("hw_bluez_hid", LOG_PID, LOG_DAEMON);
     try {
         HidService service;
-        const auto connection = sdbus::createSystemBusConnection(busName);
-        const auto object = sdbus::createObject(*connection, objectPath);
-        object->registerMethod("Connect")
-            .onInterface(interfaceName)
-            .withInputParamNames("address")
-            .withOutputParamNames("status")
-            .implementedAs(
-                [&service](const std::string& address) { return service.connect(address); });
-        object->registerMethod("Disconnect")
-            .onInterface(interfaceName)
-            .withInputParamNames("address")
-            .withOutputParamNames("status")
-            .implementedAs(
-                [&service](const std::string& address) { return service.disconnect(address); });
-        object->finishRegistration();
+        const auto connection = sdbus::createSystemBusConnection(hwcommon::ServiceName(busName));
+        const auto object = sdbus::createObject(*connection, sdbus::ObjectPath(objectPath));
+        hwcommon::serve(*object, interfaceName,
+                        hwcommon::Method{"Connect",
+                                         [&service](const std::string& address) {
+                                             return service.connect(address);
+                                         }},
+                        hwcommon::Method{"Disconnect", [&service](const std::string& address) {
+                                             return service.disconnect(address);
+                                         }});
         syslog(LOG_INFO, "serving %s revision %s", argv[2], argv[1]);
         connection->enterEventLoop();
     } catch (const sdbus::Error& error) {

@@ -5,6 +5,7 @@
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/l2cap.h>
 
+#include <cstdint>
 #include <string>
 
 #include <sys/socket.h>

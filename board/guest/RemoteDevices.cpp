@@ -8,11 +8,11 @@
 #include "SerialLine.h"
 #include "Tone.h"
 #include "UniqueFd.h"
+#include "hwcommon/Sdbus.h"
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
 #include <csignal>
@@ -173,7 +173,7 @@ public:
         for (auto& [key, device] : devices_) setUp(device);
         for (auto& [key, device] : devices_) finishSetUp(device);
         eventually([this] {
-            const auto manager = sdbus::createProxy(*bus_, bluez, "/org/bluez");
+            const auto manager = hwcommon::proxyFor(*bus_, bluez, "/org/bluez");
             manager->callMethod("RegisterAgent")
                 .onInterface("org.bluez.AgentManager1")
                 .withArguments(sdbus::ObjectPath(agentPath), std::string("NoInputNoOutput"));
@@ -210,22 +210,17 @@ private:
 
     /// Accepts pairings without a key: the devices have neither keys nor displays.
     void serveAgent() {
-        agent_ = sdbus::createObject(*bus_, agentPath);
-        const auto serve = [this](const char* method, auto implementation) {
-            agent_->registerMethod(method)
-                .onInterface(agentInterface)
-                .implementedAs(implementation);
-        };
-        serve("Release", [] {});
-        serve("Cancel", [] {});
-        serve("RequestAuthorization", [](const sdbus::ObjectPath&) {});
-        serve("RequestConfirmation", [](const sdbus::ObjectPath&, const std::uint32_t&) {});
-        serve("AuthorizeService", [](const sdbus::ObjectPath&, const std::string&) {});
-        agent_->finishRegistration();
+        agent_ = sdbus::createObject(*bus_, sdbus::ObjectPath(agentPath));
+        using hwcommon::Method;
+        hwcommon::serve(
+            *agent_, agentInterface, Method{"Release", [] {}}, Method{"Cancel", [] {}},
+            Method{"RequestAuthorization", [](const sdbus::ObjectPath&) {}},
+            Method{"RequestConfirmation", [](const sdbus::ObjectPath&, const std::uint32_t&) {}},
+            Method{"AuthorizeService", [](const sdbus::ObjectPath&, const std::string&) {}});
     }
 
     std::unique_ptr<sdbus::IProxy> adapter(const Device& device) {
-        return sdbus::createProxy(*bus_, bluez, device.adapterPath());
+        return hwcommon::proxyFor(*bus_, bluez, device.adapterPath());
     }
 
     template <class Value>
@@ -301,7 +296,7 @@ private:
                     std::fprintf(stderr, "%s: %s\n", device.character->name, error.what());
                 }
             });
-        proxy->finishRegistration();
+        hwcommon::subscribe(*proxy);
         watchers_.push_back(std::move(proxy));
     }
 
@@ -334,7 +329,7 @@ private:
     }
 
     std::unique_ptr<sdbus::IProxy> boardSeenBy(const Device& device) {
-        return sdbus::createProxy(*bus_, bluez, device.pathOf(boardAddress()));
+        return hwcommon::proxyFor(*bus_, bluez, device.pathOf(boardAddress()));
     }
 
     bool knowsBoard(const Device& device, const char* property) {
@@ -411,7 +406,7 @@ private:
             if (c == ':') c = '_';
         }
         constexpr const char* pcmInterface = "org.bluealsa.PCM1";
-        const auto pcm = sdbus::createProxy(*bus_, service, path);
+        const auto pcm = hwcommon::proxyFor(*bus_, service, path);
         sdbus::UnixFd sound, control;
         unsigned rate = 0, channels = 0;
         try {

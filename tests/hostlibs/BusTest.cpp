@@ -5,11 +5,11 @@
 #include "hwcommon/DBusBluetoothHidProxy.h"
 #include "hwcommon/DBusHardwareProxy.h"
 #include "hwcommon/DBusProxy.h"
+#include "hwcommon/Sdbus.h"
 #include "hwcommon/fileUtil.h"
 #include "hwtools/Condition.h"
 
 #include <gmock/gmock.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -324,7 +324,7 @@ TEST(BusPolicy, LetsOnlyRootServe) {
             if (setuid(user) != 0) _exit(99);
             for (const char* name : {"org.corvane.Hardware", "org.corvane.BluetoothHid"}) {
                 try {
-                    sdbus::createSystemBusConnection()->requestName(name);
+                    sdbus::createSystemBusConnection()->requestName(hwcommon::ServiceName(name));
                     ++names;
                 } catch (const sdbus::Error& error) {
                     if (error.getName() != "org.freedesktop.DBus.Error.AccessDenied") _exit(98);

@@ -16,16 +16,6 @@ constexpr char busService[] = "org.freedesktop.DBus";
 constexpr char busPath[] = "/org/freedesktop/DBus";
 constexpr char busInterface[] = "org.freedesktop.DBus";
 
-/// Handles one received message.
-/// @return false if there was none
-bool processOne(sdbus::IConnection& connection) {
-#if CORVANE_SDBUS_MAJOR >= 2
-    return connection.processPendingEvent();
-#else
-    return connection.processPendingRequest();
-#endif
-}
-
 }  // namespace
 
 NoSignals::NoSignals() {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <sdbus-c++/sdbus-c++.h>
+#include "Sdbus.h"
 
 #include <algorithm>
 #include <chrono>
@@ -25,24 +25,6 @@ public:
 private:
     sigset_t before{};
 };
-
-/// Makes a proxy for a remote object. Since sdbus-c++ 2 the names have types of their own.
-inline std::unique_ptr<sdbus::IProxy> proxyFor(sdbus::IConnection& connection,
-                                               const std::string& service,
-                                               const std::string& path) {
-#if CORVANE_SDBUS_MAJOR >= 2
-    return sdbus::createProxy(connection, sdbus::ServiceName(service), sdbus::ObjectPath(path));
-#else
-    return sdbus::createProxy(connection, service, path);
-#endif
-}
-
-/// Registers a proxy's signal handlers with the bus, before any later call.
-inline void subscribe([[maybe_unused]] sdbus::IProxy& proxy) {
-#if CORVANE_SDBUS_MAJOR < 2
-    proxy.finishRegistration();
-#endif
-}
 
 /// Returns the time until a deadline, rounded up. Never 0, which a call would take for the bus's
 /// default of 25 s.
