@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,16 +19,33 @@ using GPIO::Value;
 
 // A GPIO library without a kernel: chips by device path, their lines, and the calls made.
 
+#ifdef GPIOD_LINE_BULK_MAX_LINES  // libgpiod 1
 struct gpiod_line {
+#else  // libgpiod 2
+struct gpiod_line_request {
+    unsigned offset = 0;
+#endif
     bool busy = false;
     bool requested = false;
     bool output = false;
     int level = 0;
 };
 
+namespace {
+#ifdef GPIOD_LINE_BULK_MAX_LINES
+using Line = gpiod_line;
+#else
+using Line = gpiod_line_request;
+struct SettingsDeleter {
+    void operator()(gpiod_line_settings* settings) const { gpiod_line_settings_free(settings); }
+};
+using SettingsPtr = std::unique_ptr<gpiod_line_settings, SettingsDeleter>;
+#endif
+}  // namespace
+
 struct gpiod_chip {
     int openError = 0;
-    std::vector<gpiod_line> lines;
+    std::vector<Line> lines;
 };
 
 namespace {
@@ -35,7 +53,6 @@ namespace {
 struct Gpios {
     std::map<std::string, gpiod_chip> chips;
     std::vector<std::string> done;
-    int closed = 0;
     int folderError = 0;
 };
 
@@ -44,6 +61,38 @@ Gpios* gpios = nullptr;
 int failWith(int error) {
     errno = error;
     return -1;
+}
+
+int request(Line& line) {
+    if (line.busy) return failWith(EBUSY);
+    line.requested = true;
+    gpios->done.emplace_back("request");
+    return 0;
+}
+
+int makeInput(Line& line) {
+    if (!line.requested) return failWith(EBUSY);
+    line.output = false;
+    gpios->done.emplace_back("input");
+    return 0;
+}
+
+int makeOutput(Line& line, int level) {
+    if (!line.requested) return failWith(EBUSY);
+    line.output = true;
+    line.level = level;
+    gpios->done.push_back("output " + std::to_string(level));
+    return 0;
+}
+
+int levelOf(const Line& line) { return line.requested ? line.level : failWith(EBUSY); }
+
+int setLevel(Line& line, int level) {
+    if (!line.requested) return failWith(EBUSY);
+    if (!line.output) return failWith(EPERM);
+    line.level = level;
+    gpios->done.push_back("set " + std::to_string(level));
+    return 0;
 }
 
 }  // namespace
@@ -80,9 +129,10 @@ gpiod_chip* gpiod_chip_open(const char* path) {
     return chip.openError == 0 ? &chip : nullptr;
 }
 
+#ifdef GPIOD_LINE_BULK_MAX_LINES
+
 void gpiod_chip_close(gpiod_chip* chip) {
-    ++gpios->closed;
-    for (gpiod_line& line : chip->lines) line.requested = false;
+    for (Line& line : chip->lines) line.requested = false;
 }
 
 unsigned gpiod_chip_num_lines(gpiod_chip* chip) {
@@ -97,38 +147,62 @@ int gpiod_line_request(gpiod_line* line, const gpiod_line_request_config* config
     EXPECT_STREQ(config->consumer, "corvane");
     EXPECT_EQ(config->request_type, GPIOD_LINE_REQUEST_DIRECTION_AS_IS);
     EXPECT_EQ(config->flags, 0);
-    if (line->busy) return failWith(EBUSY);
-    line->requested = true;
-    gpios->done.emplace_back("request");
-    return 0;
+    return request(*line);
 }
 
-int gpiod_line_set_direction_input(gpiod_line* line) {
-    if (!line->requested) return failWith(EBUSY);
-    line->output = false;
-    gpios->done.emplace_back("input");
-    return 0;
-}
-
+int gpiod_line_set_direction_input(gpiod_line* line) { return makeInput(*line); }
 int gpiod_line_set_direction_output(gpiod_line* line, int level) {
-    if (!line->requested) return failWith(EBUSY);
-    line->output = true;
-    line->level = level;
-    gpios->done.push_back("output " + std::to_string(level));
-    return 0;
+    return makeOutput(*line, level);
+}
+int gpiod_line_get_value(gpiod_line* line) { return levelOf(*line); }
+int gpiod_line_set_value(gpiod_line* line, int level) { return setLevel(*line, level); }
+
+#else
+
+void gpiod_chip_close(gpiod_chip*) {}
+
+// The information about a chip is the chip.
+gpiod_chip_info* gpiod_chip_get_info(gpiod_chip* chip) {
+    return reinterpret_cast<gpiod_chip_info*>(chip);
+}
+void gpiod_chip_info_free(gpiod_chip_info*) {}
+size_t gpiod_chip_info_get_num_lines(gpiod_chip_info* info) {
+    return reinterpret_cast<gpiod_chip*>(info)->lines.size();
 }
 
-int gpiod_line_get_value(gpiod_line* line) {
-    return line->requested ? line->level : failWith(EBUSY);
+gpiod_line_request* gpiod_chip_request_lines(gpiod_chip* chip, gpiod_request_config* request_config,
+                                             gpiod_line_config* config) {
+    EXPECT_STREQ(gpiod_request_config_get_consumer(request_config), "corvane");
+    unsigned offset = 0;
+    EXPECT_EQ(gpiod_line_config_get_configured_offsets(config, &offset, 1), 1U);
+    const SettingsPtr settings(gpiod_line_config_get_line_settings(config, offset));
+    EXPECT_EQ(gpiod_line_settings_get_direction(settings.get()), GPIOD_LINE_DIRECTION_AS_IS);
+    Line& line = chip->lines.at(offset);
+    line.offset = offset;
+    return request(line) == 0 ? &line : nullptr;
 }
 
-int gpiod_line_set_value(gpiod_line* line, int level) {
-    if (!line->requested) return failWith(EBUSY);
-    if (!line->output) return failWith(EPERM);
-    line->level = level;
-    gpios->done.push_back("set " + std::to_string(level));
-    return 0;
+int gpiod_line_request_reconfigure_lines(gpiod_line_request* line, gpiod_line_config* config) {
+    const SettingsPtr settings(gpiod_line_config_get_line_settings(config, line->offset));
+    return gpiod_line_settings_get_direction(settings.get()) == GPIOD_LINE_DIRECTION_OUTPUT
+               ? makeOutput(*line, gpiod_line_settings_get_output_value(settings.get()))
+               : makeInput(*line);
 }
+
+gpiod_line_value gpiod_line_request_get_value(gpiod_line_request* line, unsigned offset) {
+    EXPECT_EQ(offset, line->offset);
+    return static_cast<gpiod_line_value>(levelOf(*line));
+}
+
+int gpiod_line_request_set_value(gpiod_line_request* line, unsigned offset,
+                                 gpiod_line_value level) {
+    EXPECT_EQ(offset, line->offset);
+    return setLevel(*line, level);
+}
+
+void gpiod_line_request_release(gpiod_line_request* line) { line->requested = false; }
+
+#endif
 
 }  // extern "C"
 
@@ -139,16 +213,16 @@ namespace {
 class GpioLines : public testing::Test {
 protected:
     GpioLines() {
-        static Gpios all{{{"/dev/gpiochip0", {0, std::vector<gpiod_line>(4)}},
-                          {"/dev/gpiochip2", {0, std::vector<gpiod_line>(2)}},
-                          {"/dev/gpiochip10", {0, std::vector<gpiod_line>(8)}}},
+        static Gpios all{{{"/dev/gpiochip0", {0, std::vector<Line>(4)}},
+                          {"/dev/gpiochip2", {0, std::vector<Line>(2)}},
+                          {"/dev/gpiochip10", {0, std::vector<Line>(8)}}},
                          {},
                          0};
         gpios = &all;
         all.done.clear();
     }
 
-    static gpiod_line& line(const std::string& chip, size_t offset) {
+    static Line& line(const std::string& chip, size_t offset) {
         return gpios->chips.at("/dev/" + chip).lines.at(offset);
     }
     static void setOpenError(const std::string& chip, int error) {

@@ -1,8 +1,8 @@
 #include "GPIO/GPIOManager.h"
 
+#include "Line.h"
 #include "LogAppender.h"
 
-#include <gpiod.h>
 #include <log4cplus/loggingmacros.h>
 
 #include <cerrno>
@@ -23,19 +23,10 @@ namespace {
 
 constexpr char deviceFolder[] = "/dev";
 constexpr char chipPrefix[] = "gpiochip";
-constexpr char consumer[] = "corvane";  // gpioinfo shows it with the line
-
-using ChipPtr = std::unique_ptr<gpiod_chip, decltype(&gpiod_chip_close)>;
-
-/// A line in use. Its chip stays open too, because closing a chip releases its lines.
-struct HeldLine {
-    ChipPtr chip;
-    gpiod_line* line;
-};
 
 /// The lines in use, by pin. Never freed: a line may lose its level when nobody holds it.
-std::map<unsigned, HeldLine>& heldLines() {
-    static auto& lines = *new std::map<unsigned, HeldLine>;
+std::map<unsigned, std::unique_ptr<Line>>& heldLines() {
+    static auto& lines = *new std::map<unsigned, std::unique_ptr<Line>>;
     return lines;
 }
 
@@ -90,7 +81,7 @@ std::optional<std::vector<std::string>> chipPaths() {
 
 /// A pin's chip and its offset there. The chip is null, and the reason logged, if there is none.
 struct Place {
-    ChipPtr chip{nullptr, gpiod_chip_close};
+    Chip chip;
     unsigned offset = 0;
 };
 
@@ -103,66 +94,63 @@ Place placeOf(unsigned pin) {
         return place;
     }
     for (const std::string& path : *paths) {
-        place.chip.reset(gpiod_chip_open(path.c_str()));
-        if (!place.chip) {
+        place.chip = openChip(path.c_str());
+        if (!place.chip.handle) {
             // Its number of lines is unknown, so later pins cannot be located either.
             failToTake(pin, "cannot open " + path + ": " + errorText(errno));
             return place;
         }
-        const unsigned count = gpiod_chip_num_lines(place.chip.get());
-        if (pin - lines < count) {
+        if (pin - lines < place.chip.lines) {
             place.offset = pin - lines;
             return place;
         }
-        lines += count;
+        lines += place.chip.lines;
     }
     failToTake(pin, "no such line; the chips in " + std::string(deviceFolder) + " have " +
                         std::to_string(lines));
-    place.chip.reset();
+    place.chip = {};
     return place;
 }
 
 /// Takes an exported pin's line and never releases it.
 /// @return the line; null, with the reason in the log, if it cannot be taken
-gpiod_line* take(unsigned pin) {
+const Line* take(unsigned pin) {
     Place place = placeOf(pin);
-    if (!place.chip) return nullptr;
-    gpiod_line* const line = gpiod_chip_get_line(place.chip.get(), place.offset);
-    const gpiod_line_request_config request{consumer, GPIOD_LINE_REQUEST_DIRECTION_AS_IS, 0};
-    if (line == nullptr || gpiod_line_request(line, &request, 0) != 0) {
+    if (!place.chip.handle) return nullptr;
+    auto line = Line::take(std::move(place.chip), place.offset);
+    if (!line) {
         const int error = errno;
         failToTake(pin,
                    "cannot take the line: " + errorText(error) +
                        (error == EBUSY ? "; another program or /sys/class/gpio holds it" : ""));
         return nullptr;
     }
-    heldLines().emplace(pin, HeldLine{std::move(place.chip), line});
-    return line;
+    return heldLines().emplace(pin, std::move(line)).first->second.get();
 }
 
-bool applyDirection(gpiod_line* line, unsigned pin, Direction direction) {
+bool applyDirection(const Line& line, unsigned pin, Direction direction) {
     int result = 0;
     if (direction == Direction::INPUT) {
-        result = gpiod_line_set_direction_input(line);
+        result = line.makeInput();
     } else {
-        const int level = gpiod_line_get_value(line);
-        result = level < 0 ? level : gpiod_line_set_direction_output(line, level);
+        const int level = line.level();
+        result = level < 0 ? level : line.makeOutput(level);
     }
     return result == 0 || fail(pin, "cannot set the direction: " + errorText(errno));
 }
 
 /// Returns an exported pin's line. Tries again to take a line that was missing or busy before.
-gpiod_line* lineOf(unsigned pin) {
+const Line* lineOf(unsigned pin) {
     const auto exported = exportedPins().find(pin);
     if (exported == exportedPins().end()) {
         fail(pin, "not exported; call exportPin() first");
         return nullptr;
     }
     const auto held = heldLines().find(pin);
-    if (held != heldLines().end()) return held->second.line;
-    gpiod_line* const line = take(pin);
+    if (held != heldLines().end()) return held->second.get();
+    const Line* const line = take(pin);
     if (line != nullptr && exported->second.direction) {
-        applyDirection(line, pin, *exported->second.direction);
+        applyDirection(*line, pin, *exported->second.direction);
     }
     return line;
 }
@@ -179,16 +167,16 @@ int GPIOManager::exportPin(unsigned pin) {
 }
 
 int GPIOManager::setDirection(unsigned pin, Direction direction) {
-    gpiod_line* const line = lineOf(pin);
+    const Line* const line = lineOf(pin);
     const auto exported = exportedPins().find(pin);
     if (exported != exportedPins().end()) exported->second.direction = direction;
-    return line != nullptr && applyDirection(line, pin, direction) ? 1 : 0;
+    return line != nullptr && applyDirection(*line, pin, direction) ? 1 : 0;
 }
 
 int GPIOManager::getValue(unsigned pin) {
-    gpiod_line* const line = lineOf(pin);
+    const Line* const line = lineOf(pin);
     if (line == nullptr) return -1;
-    const int level = gpiod_line_get_value(line);
+    const int level = line->level();
     if (level < 0) {
         fail(pin, "cannot read the level: " + errorText(errno));
         return -1;
@@ -197,9 +185,9 @@ int GPIOManager::getValue(unsigned pin) {
 }
 
 int GPIOManager::setValue(unsigned pin, Value value) {
-    gpiod_line* const line = lineOf(pin);
+    const Line* const line = lineOf(pin);
     if (line == nullptr) return 0;
-    if (gpiod_line_set_value(line, static_cast<int>(value)) == 0) return 1;
+    if (line->setLevel(static_cast<int>(value)) == 0) return 1;
     fail(pin,
          "cannot set the level: " + (errno == EPERM ? "it is not an output" : errorText(errno)));
     return 0;
