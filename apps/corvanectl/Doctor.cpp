@@ -214,9 +214,15 @@ private:
             const bool loaded = fs::exists("/sys/module/" + name) ||
                                 (name == "hci_uart_rtk" && fs::exists("/sys/module/hci_uart"));
             std::string lack = access(file.c_str(), R_OK) == 0 ? "" : systemError();
+            std::string remedy =
+                "install the modules of the running kernel, uncompressed, and run depmod";
+            for (const std::string ending : {".xz", ".zst", ".gz"}) {
+                if (lack.empty() || !fs::exists(file + ending)) continue;
+                lack = "only compressed, as " + ending;
+                remedy = "unpack it and run depmod, or build the kernel with uncompressed modules";
+            }
             if (!lack.empty() && loaded) lack += ", but loaded or built in";
-            judge(file, purpose, loaded ? "there, loaded" : "there, not loaded", lack,
-                  "install the modules of the running kernel, uncompressed, and run depmod",
+            judge(file, purpose, loaded ? "there, loaded" : "there, not loaded", lack, remedy,
                   !loaded);
         }
         if (!wiring->waitsForWifi) return;

@@ -50,6 +50,8 @@ INSTANTIATE_TEST_SUITE_P(
     Faults, Doctor,
     testing::Values(Fault{"NoModule", "mv " MODULE " /tmp", "mv /tmp/rfcomm.ko " MODULE,
                           "rfcomm.ko (serial connections): No such file", "install the modules"},
+                    Fault{"CompressedModule", "mv " MODULE " " MODULE ".xz",
+                          "mv " MODULE ".xz " MODULE, "only compressed, as .xz", "unpack it"},
                     Fault{"NoSerialLine", "mv /dev/ttyS1 /dev/away", "mv /dev/away /dev/ttyS1",
                           "PROBLEM /dev/ttyS1 (the controller's serial line): No such file",
                           "enable the serial port"},
