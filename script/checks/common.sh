@@ -29,6 +29,13 @@ fail() {
     exit 1
 }
 
+# only_on_bookworm TOOLS: ends the script with status 77 on another release, where the tools judge differently.
+only_on_bookworm() {
+    grep -qx 'VERSION_CODENAME=bookworm' /etc/os-release && return
+    echo "$this_script: skipped: only Debian 12 has the reference version of $1" >&2
+    exit 77
+}
+
 # why LOG: prints the part of a log that shows why a step failed: the first compiler error, otherwise the end without
 # passed tests.
 why() {
