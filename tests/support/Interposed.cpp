@@ -243,9 +243,11 @@ int hci_write_class_of_dev(int /*device*/, uint32_t deviceClass, int timeout) {
     return 0;
 }
 
-// sd-bus waits here.
+// sd-bus waits here. So does GLib since 2.82, which goes on after a signal.
 int ppoll(pollfd* descriptors, nfds_t count, const timespec* limit, const sigset_t* mask) {
-    noteIfInterruptible("ppoll");
+    Dl_info caller{};
+    dladdr(__builtin_return_address(0), &caller);
+    if (std::strstr(caller.dli_fname, "libglib") == nullptr) noteIfInterruptible("ppoll");
     return next<decltype(ppoll)>("ppoll")(descriptors, count, limit, mask);
 }
 
