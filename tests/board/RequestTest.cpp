@@ -81,10 +81,11 @@ int noted(int answer, const char* how) {
     return answer;
 }
 
-/// Plays a sine of this pitch through the audio bridge.
+/// Plays a sine of this pitch through the audio bridge. The bridge starts at 44.1 or 48 kHz,
+/// depending on its version: ALSA's plug converts where it must.
 /// @return the player's output
 std::string play(unsigned hertz, unsigned forSeconds, const std::string& address) {
-    constexpr unsigned rate = 44100;
+    constexpr unsigned rate = 48000;
     constexpr double loudness = 8000;
     constexpr char file[] = "/tmp/tone.raw";
     std::ofstream tone(file, std::ios::binary);
@@ -96,8 +97,8 @@ std::string play(unsigned hertz, unsigned forSeconds, const std::string& address
         }
     }
     tone.close();
-    return board::run("aplay -q -D bluealsa:PROFILE=a2dp,DEV=" + address +
-                      " -t raw -f S16_LE -r 44100 -c 2 " + file);
+    return board::run("aplay -q -D \"plug:'bluealsa:PROFILE=a2dp,DEV=" + address +
+                      "'\" -t raw -f S16_LE -r 48000 -c 2 " + file);
 }
 
 /// Returns the number after "NAME="; -1 if there is none.
