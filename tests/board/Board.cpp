@@ -44,12 +44,17 @@ int wiring() {
 std::map<unsigned, int> lineLevels() {
     // A held line reads "gpio-153 (                    |corvane             ) out hi".
     static const std::regex line(R"(gpio-(\d+) .*\) (?:out|in ) (hi|lo))");
+    // Kernel 7 counts the lines of each chip from 0, and its header has no range of numbers.
+    static const std::regex chip(R"(^gpiochip(\d+): 32 GPIOs)");
+    unsigned base = 0;
     std::map<unsigned, int> levels;
     std::istringstream lines(fileContent("/sys/kernel/debug/gpio"));
     std::smatch match;
     for (std::string text; std::getline(lines, text);) {
+        if (std::regex_search(text, match, chip))
+            base = 32 * static_cast<unsigned>(std::stoul(match[1]));
         if (!std::regex_search(text, match, line)) continue;
-        levels[static_cast<unsigned>(std::stoul(match[1]))] = match[2] == "hi" ? 1 : 0;
+        levels[base + static_cast<unsigned>(std::stoul(match[1]))] = match[2] == "hi" ? 1 : 0;
     }
     return levels;
 }
