@@ -95,10 +95,10 @@ private:
     void identity() {
         constexpr char purpose[] = "the hardware service, has the board's identity";
         try {
-            const eepromXML& board = host.identity();
+            eepromXML& board = host.identity();
             family = board.GetProductFamily();
-            wiring = &corvane::radioWirings.at(
-                corvane::radioWiringOf(board.GetModelType(), [this] { return family; }));
+            wiring = &corvane::radioWirings.at(corvane::radioWiringOf(
+                static_cast<int>(board.GetModelType()), [this] { return family; }));
             const std::string found =
                 escaped(GetModelNameStringExternal(board.GetModelType())) + ", family " +
                 std::to_string(family) + ", revision " + std::to_string(board.GetBoardRevision()) +
@@ -117,7 +117,8 @@ private:
         std::string lack;
         const bool set = hwcommon::fileUtil::exists(corvane::flagFile);
         if (set) {
-            const bool read = hwcommon::fileUtil::getFileContent(corvane::flagFile, text);
+            const bool read =
+                hwcommon::fileUtil::getFileContent(corvane::flagFile, text, std::ios_base::in);
             char* end = nullptr;
             on = std::strtol(text.c_str(), &end, 10) == 1;
             if (end == text.c_str()) lack = "not a number: " + inQuotes(text.substr(0, 40));

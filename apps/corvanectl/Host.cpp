@@ -34,12 +34,12 @@ sdbus::IConnection& Host::bus() {
     return *connection;
 }
 
-const eepromXML& Host::identity() {
+eepromXML& Host::identity() {
     if (board) return *board;
     const bool served = isOnTheBus(hardwareName);
-    const std::string text =
-        served ? hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo() : std::string();
-    if (!text.empty() && board.emplace(text).GetModelType() != MODEL_UNKNOWN) return *board;
+    // Asked even without the service: another board's host libraries may read it from a file.
+    const std::string text = hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo();
+    if (!text.empty() && board.emplace(text).GetModelType() != ModelType{}) return *board;
     board.reset();
     const std::string reason =
         !served        ? "org.corvane.Hardware is not on the system bus; start the hardware service"
@@ -53,10 +53,10 @@ const eepromXML& Host::identity() {
 
 BluetoothManager& Host::manager() {
     if (!constructed) {
-        const eepromXML& known = identity();
+        eepromXML& known = identity();
         const auto family = [&] { return known.GetProductFamily(); };
-        const auto& wiring =
-            corvane::radioWirings.at(corvane::radioWiringOf(known.GetModelType(), family));
+        const auto& wiring = corvane::radioWirings.at(
+            corvane::radioWiringOf(static_cast<int>(known.GetModelType()), family));
         if (wiring.waitsForWifi && !hwcommon::fileUtil::exists(corvane::hciDevice) &&
             !hwcommon::fileUtil::exists(corvane::wifiInterface)) {
             tell(std::string("Waiting for the Wi-Fi's ") + corvane::wifiInterface,
@@ -94,7 +94,7 @@ std::optional<bool> Host::setting() {
 }
 
 std::string Host::boardName() {
-    const eepromXML& known = identity();
+    eepromXML& known = identity();
     return GetModelNameStringExternal(known.GetModelType()) + " " +
            known.GetSerialNumberString(false);
 }

@@ -44,8 +44,9 @@ public:
     BluetoothManager& manager();
     bool managerIsUp() const { return constructed; }
 
-    /// The board's identity, read at the first call. Throws Failure (noBus, noIdentity).
-    const eepromXML& identity();
+    /// The board's identity, read at the first call. Throws Failure (noBus, noIdentity). Not const:
+    /// another board's eepromXML may have getters that are not.
+    eepromXML& identity();
 
     /// The host's HID service.
     hwcommon::DBusBluetoothHidProxy* hid();

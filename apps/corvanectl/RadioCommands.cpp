@@ -10,7 +10,6 @@ namespace corvanectl {
 namespace {
 
 using corvane::hciDevice;
-using hwcommon::fileUtil;
 
 const char* onOrOff(bool on) { return on ? "on" : "off"; }
 
@@ -25,7 +24,7 @@ std::vector<std::string> faults(Host& host, bool enable, int looks = 20) {
         wrong.emplace_back(enable ? "BlueZ is not on the bus" : "BlueZ is still on the bus");
     } else if (enable) {
         for (const std::string& fault : host.adapterFaults()) wrong.push_back(fault);
-    } else if (fileUtil::exists(hciDevice)) {
+    } else if (hwcommon::fileUtil::exists(hciDevice)) {
         wrong.emplace_back("hci0 is still there");
     }
     if (wrong.empty() || looks == 1) return wrong;
@@ -44,7 +43,7 @@ Result switchTo(Session& session, bool enable, bool forced) {
     result.data = {{"already", already},
                    {"setting", onOrOff(host.setting().value_or(false))},
                    {"bluez", host.isOnTheBus(bluezName)},
-                   {"adapter", fileUtil::exists(hciDevice)}};
+                   {"adapter", hwcommon::fileUtil::exists(hciDevice)}};
     if (wrong.empty()) {
         result.text = std::string("Bluetooth is ") + (already ? "already " : "") + onOrOff(enable) +
                       (already ? "; nothing was done" : "");
@@ -71,9 +70,9 @@ Result switchOff(Session& session, const Invocation& invocation) {
 Result showStatus(Session& session, const Invocation& /*invocation*/) {
     Host& host = session.host;
     BluetoothManager& manager = host.manager();
-    const eepromXML& board = host.identity();
+    eepromXML& board = host.identity();
     const auto setting = host.setting();
-    const bool adapter = fileUtil::exists(hciDevice);
+    const bool adapter = hwcommon::fileUtil::exists(hciDevice);
     const bool bluez = host.isOnTheBus(bluezName);
     const bool hid = host.isOnTheBus(hidName);
 
@@ -116,7 +115,7 @@ Result airplane(Session& session, const Invocation& invocation) {
     session.showSteps();
     host.manager().setAirplaneMode(on);
     host.inAirplaneMode = on;
-    const bool adapter = fileUtil::exists(hciDevice);
+    const bool adapter = hwcommon::fileUtil::exists(hciDevice);
 
     Result result;
     result.data = {{"airplane", onOrOff(on)}, {"adapter", adapter}};

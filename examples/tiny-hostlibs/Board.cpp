@@ -13,11 +13,26 @@
 #include <log4cplus/syslogappender.h>
 
 #include <cerrno>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <fstream>
 #include <sstream>
+#include <system_error>
 
 namespace fileUtil = hwcommon::fileUtil;
+
+namespace {
+
+// The number that is the whole text; 0, which means unknown, for any other text.
+std::uint16_t numberIn(const std::string& text) {
+    std::uint16_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && stop == end ? number : std::uint16_t{0};
+}
+
+}  // namespace
 
 log4cplus::Logger LogAppender::getLogger() {
     // Never destroyed: the manager's destructor logs.
@@ -43,21 +58,21 @@ std::string DBusHardwareProxy::getHardwareInfo() {
 
 }  // namespace hwcommon
 
-eepromXML::eepromXML(const std::string& text) {
-    int model = 0;
+bool eepromXML::AnalyseXML(const std::string& text) {
+    *this = eepromXML();  // nothing of an earlier text stays
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        std::istringstream value(line.substr(line.find('=') + 1));
-        if (line.rfind("model=", 0) == 0) value >> model;
-        if (line.rfind("family=", 0) == 0) value >> productFamily;
-        if (line.rfind("revision=", 0) == 0) value >> boardRevision;
-        if (line.rfind("serial=", 0) == 0) value >> serialNumber;
+        const std::string value = line.substr(line.find('=') + 1);
+        if (line.rfind("model=", 0) == 0) modelType = static_cast<ModelType>(numberIn(value));
+        if (line.rfind("family=", 0) == 0) productFamily = numberIn(value);
+        if (line.rfind("revision=", 0) == 0) boardRevision = numberIn(value);
+        if (line.rfind("serial=", 0) == 0) serialNumber = value;
     }
-    modelType = static_cast<ModelType>(model);
-    if (model <= 0 || productFamily <= 0 || serialNumber.empty()) {
+    if (!IsValid()) {
         LOG4CPLUS_ERROR(LogAppender::getLogger(),
                         "/etc/tinyboard-identity needs lines model=1.., family=1.., serial=TEXT");
     }
+    return IsValid();
 }
 
 std::string eepromXML::GetSerialNumberString(bool /*grouped*/) { return serialNumber; }

@@ -52,7 +52,9 @@ bool DBusProxy::waitUntilDBusNameExist(const std::string& name, unsigned timeout
     return found;
 }
 
-// This board connects only audio devices: it has no HID service.
+// This board connects only audio devices: it has no HID service, and no use for the connection.
+DBusBluetoothHidProxy::DBusBluetoothHidProxy(sdbus::IConnection& /*bus*/) {}
+
 std::string DBusBluetoothHidProxy::connectBtHidDevice(const std::string& address) {
     return "No HID service for " + address;
 }

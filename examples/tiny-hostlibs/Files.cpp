@@ -23,10 +23,10 @@ bool failed(const char* what, const std::string& path) {
 }
 
 bool writeAll(int file, const std::string& content) {
-    // The host's signals may interrupt both calls.
+    // The host's signals may interrupt write() and fsync(). mkostemp() lets only the owner read.
     const auto size = static_cast<ssize_t>(content.size());
     return TEMP_FAILURE_RETRY(write(file, content.data(), content.size())) == size &&
-           TEMP_FAILURE_RETRY(fsync(file)) == 0;
+           fchmod(file, 0644) == 0 && TEMP_FAILURE_RETRY(fsync(file)) == 0;
 }
 
 }  // namespace
