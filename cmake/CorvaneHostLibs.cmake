@@ -19,6 +19,7 @@ function(corvane_install_hostlibs target)
     string(APPEND find_modules "corvane_host_find(${prefix} ${module})\n")
   endforeach()
 
+  set_property(GLOBAL PROPERTY CORVANE_HOSTLIBS_TARGET ${target})
   add_library(Corvane::HostLibs ALIAS ${target})
   target_compile_features(${target} INTERFACE cxx_std_17)  # how it is compiled itself is its own choice
   set_target_properties(${target} PROPERTIES EXPORT_NAME HostLibs VERIFY_INTERFACE_HEADER_SETS ON)
@@ -36,6 +37,21 @@ function(corvane_install_hostlibs target)
   list(JOIN modules ", " pc_requires)
   corvane_install_pkgconfig(corvane-host "Host libraries that libCorvane is built against"
     "$<TARGET_FILE_BASE_NAME:${target}>" "${pc_requires}")
+endfunction()
+
+# corvane_require_hostlibs(FOLDER): ends the configuration if FOLDER's CMakeLists.txt did not call the function above.
+# An alias of its own would not do: it lacks the package files that libCorvane's own refer to.
+function(corvane_require_hostlibs folder)
+  get_property(target GLOBAL PROPERTY CORVANE_HOSTLIBS_TARGET)
+  if(target)
+    return()
+  endif()
+  get_property(targets DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+  list(JOIN targets ", " targets)
+  message(FATAL_ERROR
+    "${folder}/CMakeLists.txt does not call corvane_install_hostlibs, so libCorvane has no host libraries. "
+    "It defines: ${targets}. Add the line corvane_install_hostlibs(TARGET PKGCONFIG log4cplus) with the library as "
+    "TARGET; docs/porting.md explains it.")
 endfunction()
 
 # Installs NAME.pc, which finds its folders relative to its own place, so that a staged tree works too.
