@@ -1,50 +1,35 @@
 // A host application that switches Bluetooth on, discovers devices and prints them.
 
-#include <BluetoothManager.h>
+#include "Requests.h"
+
 #include <bluetoothRequests/ScanBluetoothRequest.h>
 
-#include <cstdlib>
-#include <exception>
-#include <future>
-#include <iostream>
-#include <memory>
+#include <algorithm>
+#include <string>
 
 namespace {
 
-BluetoothRequestAnswers scan(BluetoothManager& bluetooth) {
-    // The callback runs on the request's own thread, so it only passes the answer on.
-    auto answer = std::make_shared<std::promise<BluetoothRequestAnswers>>();
-    auto arrival = answer->get_future();
-    auto request = std::make_shared<ScanBluetoothRequest>(
-        [answer](BluetoothRequestAnswers value) { answer->set_value(value); });
-    if (!bluetooth.makeRequest(request)) return REQUEST_FAILED;
-    return arrival.get();
+// Strangers choose the names: what could steer a terminal becomes a question mark.
+std::string printable(std::string name) {
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return name;
 }
 
-int run() {
+int listDevices() {
     BluetoothManager& bluetooth = BluetoothManager::getInstance();
     bluetooth.setEnabled(true, false);
-    if (scan(bluetooth) != REQUEST_SUCCESS) {
+    if (perform<ScanBluetoothRequest>(bluetooth) != REQUEST_SUCCESS) {
         std::cerr << "the scan did not finish\n";
         return EXIT_FAILURE;
     }
     bluetooth.scanDevicesInfo();
     for (const auto& device : bluetooth.getBluetoothDeviceInfoList(ALL_DEVICES)) {
-        std::cout << device.macAddress << "  " << device.name << '\n';
+        std::cout << device.macAddress << "  " << printable(device.name) << '\n';
     }
     return EXIT_SUCCESS;
 }
 
 }  // namespace
 
-int main() {
-    int status = EXIT_FAILURE;
-    try {
-        status = run();
-    } catch (const std::exception& error) {
-        std::cerr << error.what() << '\n';
-    }
-    // After a request the manager must not be destroyed: leave without running destructors.
-    std::cout << std::flush;
-    std::quick_exit(status);
-}
+int main() { runAndLeave(listDevices); }
