@@ -14,11 +14,16 @@ CORVANE_DEPENDENCIES = \
 	bluez5_utils \
 	host-pkgconf \
 	libglib2 \
-	libgpiod \
 	log4cplus \
 	sdbus-cpp \
 	tinyxml2
 CORVANE_CONF_OPTS = -DCORVANE_BUILD_TESTS=OFF
+
+ifeq ($(BR2_PACKAGE_LIBGPIOD2),y)
+CORVANE_DEPENDENCIES += libgpiod2
+else
+CORVANE_DEPENDENCIES += libgpiod
+endif
 
 CORVANE_HOSTLIBS = $(call qstrip,$(BR2_PACKAGE_CORVANE_HOSTLIBS))
 ifneq ($(CORVANE_HOSTLIBS),)

@@ -14,12 +14,12 @@ EXTERNALSRC ?= "${@os.path.realpath('${THISDIR}/../../../..')}"
 EXTERNALSRC_BUILD ?= "${WORKDIR}/build"
 
 # For a board's own host libraries, set their folder here, and PACKAGECONFIG to "corvanectl" if they need neither
-# libgpiod nor tinyxml2.
+# libgpiod nor libtinyxml2.
 CORVANE_HOSTLIBS ?= "${S}/hostlibs"
 
 PACKAGECONFIG ??= "corvanectl reference-hostlibs"
 PACKAGECONFIG[corvanectl] = "-DCORVANE_BUILD_APPS=ON,-DCORVANE_BUILD_APPS=OFF,cli11 libedit nlohmann-json"
-PACKAGECONFIG[reference-hostlibs] = ",,libgpiod tinyxml2"
+PACKAGECONFIG[reference-hostlibs] = ",,libgpiod libtinyxml2"
 
 EXTRA_OECMAKE = "-DCORVANE_BUILD_TESTS=OFF -DCORVANE_HOSTLIBS=${CORVANE_HOSTLIBS}"
 
@@ -29,8 +29,8 @@ FILES:${PN}-hostlibs = "${libdir}/libcorvanehost${SOLIBS} ${datadir}/dbus-1/syst
 FILES:${PN}ctl = "${bindir}/corvanectl ${datadir}/bash-completion ${datadir}/corvanectl ${datadir}/zsh"
 FILES:${PN}-dev += "${datadir}/dbus-1/interfaces"
 
-# hciconfig and hciattach, which the library runs, are tools that BlueZ calls deprecated: the distribution builds them by
-#   PACKAGECONFIG:append:pn-bluez5 = " deprecated"
-# The reference host libraries use libgpiod's first interface: PREFERRED_VERSION_libgpiod = "1.6.%".
+# The library runs hciconfig and hciattach, which bluez5 builds with "tools" and "deprecated" in its PACKAGECONFIG, as it
+# does by default. Audio also needs its "a2dp-profiles", and bluez-alsa, for which openembedded-core and
+# meta-openembedded have no recipe.
 RDEPENDS:${PN} += "bluez5"
 RRECOMMENDS:${PN} += "kmod util-linux-rfkill"
