@@ -160,7 +160,7 @@ int BluetoothManager::bluezDeviceSetProperty(const char* devicePart, const char*
                                        bluez::deviceInterface, property, value);
     if (!error) return 0;
     // Deliberate: unlike for the adapter, only the caller's record names the property; searches of
-    // field logs rely on both forms. Held by PropertyWrites.LogTheWriteThenTheProperty.
+    // field logs rely on both forms. Held by BluezOperation.LogsARefusalTwice.
     LOG4CPLUS_ERROR(LogAppender::getLogger(), "bluezDeviceSetProperty : " << messageOf(*error));
     return 1;
 }

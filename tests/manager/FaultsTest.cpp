@@ -17,10 +17,11 @@
 #include <iterator>
 #include <memory>
 #include <system_error>
+#include <type_traits>
+#include <utility>
 
 using namespace corvane::test;
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -51,45 +52,54 @@ protected:
     }
 };
 
-class SwitchingOn : public Faults {};
+class DaemonLoss : public Faults {
+protected:
+    DaemonLoss() { manager(); }
 
-TEST_F(SwitchingOn, RecoversAfterTheDaemonDiesInAnyStep) {
+    void switchOn() {
+        forget();
+        manager().setEnabled(true, false);
+        EXPECT_EQ(edges().flagFile, "1");
+    }
+};
+
+TEST_F(DaemonLoss, InAnyStepOfSwitchingOnIsCuredByOffAndOn) {
     const std::vector<const char*> steps{"Set Powered", "RegisterAgent", "RequestDefaultAgent",
                                          "Set Alias",   "Set Pairable",  "Set PairableTimeout"};
     for (const char* step : steps) {
         for (const bool answered : {false, true}) {
             SCOPED_TRACE(std::string(step) + (answered ? ", answered" : ""));
             manager().setEnabled(false, false);
-            forget();
             bluez.crash("*", step, answered);
-            manager().setEnabled(true, false);
+            switchOn();
             bluez.restart();
             EXPECT_EQ(happened({Kind::HCI}).back(), "ioctl 0x400448E2 dev 0 opt 0x8001");
-            const bool noticed = !answered || step != steps.back();
-            EXPECT_EQ(errors().empty(), !noticed);
-            EXPECT_EQ(edges().flagFile, "1");
+            EXPECT_EQ(errors().empty(), answered && step == steps.back());
             expectRecovery();
         }
     }
-    manager().setEnabled(false, false);
-    forget();
+}
+
+TEST_F(DaemonLoss, AtItsStartIsCuredByOffAndOn) {
     edges().onShell = [this](const std::string& command) {
         if (command.find("-x /usr/libexec/bluetooth/bluetoothd") != std::string::npos) bluez.stop();
     };
-    manager().setEnabled(true, false);
-    EXPECT_THAT(errors(), Contains(HasSubstr(noService)).Times(2)) << "dies as it starts";
+    switchOn();
     edges().onShell = nullptr;
+    EXPECT_THAT(errors(), Contains(HasSubstr(noService)).Times(2));
     bluez.restart();
     expectRecovery();
+}
 
+TEST_F(DaemonLoss, DuringSwitchingOffSkipsNoStep) {
+    switchOn();
     bluez.crash("*", "Set Powered", false);
     forget();
     manager().setEnabled(false, false);
     bluez.restart();
     EXPECT_THAT(errors(), Contains("Not able to set Powered property to 0"));
-    EXPECT_EQ(happened({Kind::SHELL}).back(), "/sbin/kill_and_wait.sh bluetoothd")
-        << "every step runs";
-    manager().setEnabled(true, false);
+    EXPECT_EQ(happened({Kind::SHELL}).back(), "/sbin/kill_and_wait.sh bluetoothd");
+    switchOn();
     expectRecovery();
 }
 
@@ -101,12 +111,6 @@ struct DyingCase {
     const char* member;
     int answer;
     bool goesOn = false;  // until BlueZ is back
-};
-
-class DaemonDeath : public Faults, public testing::WithParamInterface<DyingCase> {
-protected:
-    std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
-    hwcommon::DBusBluetoothHidProxy hid{*connection};
 };
 
 template <class Request>
@@ -124,6 +128,25 @@ std::shared_ptr<BluetoothRequest> scan(std::function<void(BluetoothRequestAnswer
                                        hwcommon::DBusBluetoothHidProxy* /*hid*/) {
     return std::make_shared<ScanBluetoothRequest>(std::move(callback));
 }
+
+const DyingCase dyingCases[]{
+    {"ScanAsItStarts", scan, "StartDiscovery", REQUEST_SUCCESS},
+    {"ScanAsItStops", scan, "StopDiscovery", REQUEST_SUCCESS},
+    {"ConnectSpeaker", named<ConnectBluetoothRequest>("Speaker"), "Connect", REQUEST_FAILED},
+    {"ConnectPhone", named<ConnectBluetoothRequest>("Phone"), "Connect", REQUEST_FAILED},
+    {"Disconnect", named<DisconnectBluetoothRequest>("Speaker"), "Disconnect", REQUEST_SUCCESS,
+     true},
+    {"WaitAsItTrusts", named<WaitBluetoothPairingRequest>("Phone"), "Set Trusted", REQUEST_FAILED},
+    {"WaitForPhone", named<WaitBluetoothPairingRequest>("Phone"), "GetManagedObjects",
+     REQUEST_SUCCESS, true},
+    {"WaitAsItPairs", named<WaitBluetoothPairingRequest>("Speaker"), "Pair",
+     REQUEST_DEVICE_NOT_FOUND}};
+
+class DaemonDeath : public Faults, public testing::WithParamInterface<DyingCase> {
+protected:
+    std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
+    hwcommon::DBusBluetoothHidProxy hid{*connection};
+};
 
 TEST_P(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
     const DyingCase& row = GetParam();
@@ -145,32 +168,13 @@ TEST_P(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
     }
     Clock::advance(scanTime);
     EXPECT_EQ(answers.next(), row.answer);
-    manager().cancelRequest();
     if (!row.goesOn) bluez.restart();
     expectRecovery();
-    start(scan(answers.callback(), nullptr));
-    manager().cancelRequest();
-    EXPECT_NE(answers.next(), -1);
-    EXPECT_EQ(answers.count(), 2U) << "one for each request";
+    EXPECT_EQ(answers.count(), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Request, DaemonDeath,
-    testing::Values(DyingCase{"ScanAsItStarts", scan, "StartDiscovery", REQUEST_SUCCESS},
-                    DyingCase{"ScanAsItStops", scan, "StopDiscovery", REQUEST_SUCCESS},
-                    DyingCase{"ConnectSpeaker", named<ConnectBluetoothRequest>("Speaker"),
-                              "Connect", REQUEST_FAILED},
-                    DyingCase{"ConnectPhone", named<ConnectBluetoothRequest>("Phone"), "Connect",
-                              REQUEST_FAILED},
-                    DyingCase{"Disconnect", named<DisconnectBluetoothRequest>("Speaker"),
-                              "Disconnect", REQUEST_SUCCESS, true},
-                    DyingCase{"WaitAsItTrusts", named<WaitBluetoothPairingRequest>("Phone"),
-                              "Set Trusted", REQUEST_FAILED},
-                    DyingCase{"WaitForPhone", named<WaitBluetoothPairingRequest>("Phone"),
-                              "GetManagedObjects", REQUEST_SUCCESS, true},
-                    DyingCase{"WaitAsItPairs", named<WaitBluetoothPairingRequest>("Speaker"),
-                              "Pair", REQUEST_DEVICE_NOT_FOUND}),
-    [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Request, DaemonDeath, testing::ValuesIn(dyingCases),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 class BusLoss : public Faults {
 protected:
@@ -220,16 +224,6 @@ TEST_F(BusLoss, IsLoggedAndCuredByOffAndOn) {
     manager().setEnabled(true, false);
     EXPECT_EQ(errors().back(), "setBluetoothComponents : Not able to get connection to system bus");
     replaceBus();
-    expectRecovery();
-}
-
-TEST_F(BusLoss, WhileOffIsCuredByTheNextSwitchOn) {
-    manager().setEnabled(true, false);
-    manager().setEnabled(false, false);
-    replaceBus();
-    forget();
-    manager().setEnabled(true, false);
-    EXPECT_THAT(errors(), IsEmpty());
     expectRecovery();
 }
 
@@ -297,7 +291,7 @@ TEST_F(BusLoss, DoesNotFreeTheConnectionOfACallInFlight) {
     listDevices(everyDevice);
     std::promise<void> begun;
     std::promise<void> released;
-    edges().onCall = [&](const std::string& method, GVariant* /*arguments*/) {
+    edges().onCall = [&](const std::string& method) {
         if (method != "Disconnect") return;
         begun.set_value();
         released.get_future().wait();
@@ -317,9 +311,9 @@ TEST_F(BusLoss, DoesNotFreeTheConnectionOfACallInFlight) {
     expectRecovery();
 }
 
-class DescriptorShortage : public Faults {};
-
 #ifndef __SANITIZE_ADDRESS__  // the sanitizers' own checks need descriptors
+
+class DescriptorShortage : public Faults {};
 
 TEST_F(DescriptorShortage, FailsSwitchingOnUntilItIsOver) {
     manager();
@@ -347,10 +341,25 @@ TEST_F(BusLoss, DuringADescriptorShortageIsCuredAfterIt) {
     expectRecovery();
 }
 
-// Without the services: their tests' connection would already have started GDBus's thread.
-TEST(FirstUse, ThrowsWithoutDescriptorsAndSucceedsLater) {
+#endif
+
+/// Without the services: their tests' connection would already have started GDBus's thread.
+class FirstUse : public testing::Test {
+protected:
+    FirstUse() { captureLog(); }
+
+    static void expectTheBusIsReached() {
+        BluetoothManager::getInstance().setBluetoothComponents(true);
+        EXPECT_FALSE(BluetoothManager::getInstance().adapterScan(true));
+        EXPECT_THAT(edges().log().end()[-2].message, HasSubstr(noService));
+    }
+
     const PrivateBus bus;
-    captureLog();
+};
+
+#ifndef __SANITIZE_ADDRESS__
+
+TEST_F(FirstUse, ThrowsWithoutDescriptorsAndSucceedsLater) {
     const auto open = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
@@ -367,94 +376,17 @@ TEST(FirstUse, ThrowsWithoutDescriptorsAndSucceedsLater) {
         EXPECT_TRUE(made || open() == before) << left;
     }
     EXPECT_GT(left, 3U);
-    EXPECT_TRUE(BluetoothManager::getInstance().setBluetoothDaemon(true));
-    BluetoothManager::getInstance().setBluetoothComponents(true);
-    EXPECT_FALSE(BluetoothManager::getInstance().adapterScan(true));
-    EXPECT_THAT(edges().log().end()[-2].message, HasSubstr(noService)) << "the bus is reached";
+    expectTheBusIsReached();
 }
 
 #endif
 
-TEST(FirstUse, WithoutThreadsGetsTheBusAtTheNextSwitchOn) {
-    const PrivateBus bus;
-    captureLog();
+TEST_F(FirstUse, WithoutThreadsGetsTheBusAtTheNextSwitchOn) {
     {
         const NoThreads none;
-        BluetoothManager::getInstance();
         EXPECT_FALSE(BluetoothManager::getInstance().setBluetoothComponents(true));
     }
     EXPECT_EQ(edges().log().back().message,
               "setBluetoothComponents : Not able to get connection to system bus");
-    BluetoothManager::getInstance().setBluetoothComponents(true);
-    EXPECT_FALSE(BluetoothManager::getInstance().adapterScan(true));
-    EXPECT_THAT(edges().log().end()[-2].message, HasSubstr(noService)) << "the bus is reached";
-}
-
-class HostileDevices : public Faults {};
-
-TEST_F(HostileDevices, NamesReachNoShellAndMatchNoOther) {
-    const std::vector<std::string> names{"$(reboot)",
-                                         "`reboot`",
-                                         "'; reboot; '",
-                                         "\"; reboot #",
-                                         "a\nb",
-                                         "\x1B]0;title\x07\x1B[2J",
-                                         "%s%n%999999d",
-                                         "\u202Ekcolc\u2066",
-                                         "../../etc/passwd",
-                                         "Phone ",
-                                         std::string(248, 'x'),
-                                         std::string(100000, 'x')};
-    std::vector<Device> devices{phone};
-    for (const auto& name : names) {
-        const std::string number = std::to_string(10 + devices.size());
-        devices.push_back({"00:00:00:00:01:" + number, name, 0x240414, true, true,
-                           "bluetooth:" + name + "v004Cp0269d0001"});
-    }
-    listDevices(devices);
-    ASSERT_EQ(manager().getBluetoothDeviceListSize(CONNECTED_DEVICES), devices.size());
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        start(std::make_shared<DisconnectBluetoothRequest>(answers.callback(), nullptr, names[i]));
-        EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
-        EXPECT_EQ(bluez.countCalls(deviceCall(devices[i + 1].address, "Disconnect")), 1);
-        EXPECT_EQ(manager().getVendorId(ALL_DEVICES, names[i]), 0);
-    }
-    EXPECT_THAT(happened({Kind::SHELL}), IsEmpty());
-}
-
-TEST_F(HostileDevices, ComeAndGoButEachScanShowsOneReply) {
-    std::vector<Device> thousand;
-    for (int i = 0; i < 1000; ++i) {
-        char address[18];
-        std::snprintf(address, sizeof address, "00:00:00:00:%02X:%02X", i / 256, i % 256);
-        thousand.push_back({address, "Device", 0x240414, i % 2 == 0, i % 3 == 0});
-    }
-    const std::vector<Device> few(thousand.begin(), thousand.begin() + 3);
-    std::string all = "({" + thousand[0].object();
-    for (int i = 1; i < 1000; ++i) all += ", " + thousand[static_cast<std::size_t>(i)].object();
-    all += "},)";
-    manager();
-    // Each change comes at any moment of a scan, and is seen by at least one.
-    std::atomic<int> scans{0};
-    auto changes = std::async(std::launch::async, [&] {
-        for (int i = 0; i < 10; ++i) {
-            if (i % 2 == 0) {
-                bluez.setDevices(few);
-            } else {
-                bluez.reply("/", "GetManagedObjects", all);
-            }
-            EXPECT_TRUE(eventually([&scans, before = scans.load()] { return scans > before + 1; }));
-        }
-    });
-    std::set<unsigned> seen;
-    while (changes.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-        manager().scanDevicesInfo();
-        const unsigned count = manager().getBluetoothDeviceListSize(ALL_DEVICES);
-        EXPECT_EQ(manager().getBluetoothDeviceListSize(PAIRED_DEVICES), (count + 1) / 2);
-        EXPECT_EQ(manager().getBluetoothDeviceListSize(CONNECTED_DEVICES), (count + 2) / 3);
-        seen.insert(count);
-        ++scans;
-    }
-    seen.erase(0);  // before the first change
-    EXPECT_THAT(seen, ElementsAre(3U, 1000U));
+    expectTheBusIsReached();
 }

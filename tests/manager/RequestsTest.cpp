@@ -65,27 +65,6 @@ protected:
         return answers.next();
     }
 
-    /// A callback that starts the next request.
-    template <class Request, class... Arguments>
-    bool nextIsTakenFromTheCallback(Arguments&&... arguments) {
-        bool running = false;
-        bool taken = false;
-        std::shared_ptr<BluetoothRequest> request;
-        request = std::make_shared<Request>(
-            [&](BluetoothRequestAnswers answer) {
-                running = request->isStillRunning();
-                taken = manager().makeRequest(
-                    std::make_shared<ConnectBluetoothRequest>(nullptr, nullptr, "Nobody"));
-                answers.note(answer);
-            },
-            std::forward<Arguments>(arguments)...);
-        request->cancelRequest();
-        start(request);
-        EXPECT_NE(answers.next(), -1);
-        EXPECT_NE(running, taken);
-        return taken;
-    }
-
     bool reached(const std::string& call, int times = 1) {
         return eventually([&] { return bluez.countCalls(call) >= times; });
     }
@@ -130,18 +109,6 @@ TEST_F(ScanRequest, AnswersACancellationAtOnce) {
 TEST_F(ScanRequest, CancelledBeforeItStartsStillSwitchesDiscoveryOnAndOff) {
     EXPECT_EQ(runCancelled<ScanBluetoothRequest>(), REQUEST_FAILED);
     EXPECT_THAT(happened({Kind::BUS}), ElementsAre(startDiscovery, stopDiscovery));
-}
-
-TEST_F(ScanRequest, StillRunsInItsCallback) {
-    EXPECT_FALSE(nextIsTakenFromTheCallback<ScanBluetoothRequest>());
-}
-
-TEST_F(ScanRequest, RunsWithoutACallback) {
-    const auto request = std::make_shared<ScanBluetoothRequest>();
-    request->cancelRequest();
-    start(request);
-    EXPECT_TRUE(reached(stopDiscovery));
-    EXPECT_TRUE(eventually([&] { return !request->isStillRunning(); }));
 }
 
 class ConnectRequest : public RequestTest {};
@@ -214,10 +181,6 @@ TEST_F(ConnectRequest, ACancellationDuringTheAttemptHasNoEffect) {
     EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
 }
 
-TEST_F(ConnectRequest, CallbackMayStartTheNextRequest) {
-    EXPECT_TRUE(nextIsTakenFromTheCallback<ConnectBluetoothRequest>(nullptr, "Nobody"));
-}
-
 class DisconnectRequest : public RequestTest {};
 
 TEST_F(DisconnectRequest, DisconnectsPhonesAndComputersFromHidToo) {
@@ -265,10 +228,6 @@ TEST_F(DisconnectRequest, RefusesOtherClassesUnknownNamesAndEarlyCancels) {
     EXPECT_EQ(run<DisconnectBluetoothRequest>(&hid, "Nobody"), REQUEST_FAILED);
     EXPECT_EQ(runCancelled<DisconnectBluetoothRequest>(&hid, "Speaker"), REQUEST_FAILED);
     EXPECT_THAT(happened({Kind::BUS}), IsEmpty());
-}
-
-TEST_F(DisconnectRequest, StillRunsInItsCallback) {
-    EXPECT_FALSE(nextIsTakenFromTheCallback<DisconnectBluetoothRequest>(nullptr, "Nobody"));
 }
 
 class WaitRequest : public RequestTest {
@@ -373,7 +332,7 @@ struct AudioCase {
 
 class WaitForAudio : public WaitRequest, public testing::WithParamInterface<AudioCase> {};
 
-TEST_P(WaitForAudio, PairsThenConnectsAPlaybackDevice) {
+TEST_P(WaitForAudio, TriesToConnectAPlaybackDeviceEvenIfPairingFails) {
     const AudioCase& row = GetParam();
     Device device = headphones;
     device.deviceClass = row.deviceClass;
@@ -387,27 +346,17 @@ TEST_P(WaitForAudio, PairsThenConnectsAPlaybackDevice) {
     EXPECT_EQ(bluez.countCalls(scan), 2);
 }
 
-INSTANTIATE_TEST_SUITE_P(Audio, WaitForAudio,
-                         testing::Values(AudioCase{"Works", true, true, true, 0x240418, true,
-                                                   REQUEST_SUCCESS},
-                                         AudioCase{"ConnectionFails", true, false, true, 0x240418,
-                                                   true, REQUEST_CONNECT_FAILED},
-                                         AudioCase{"PairingAndConnectionFail", false, false, true,
-                                                   0x240418, true, REQUEST_CONNECT_FAILED},
-                                         AudioCase{"NotPairedAfterwards", true, true, false,
-                                                   0x240418, false, REQUEST_DEVICE_NOT_FOUND},
-                                         AudioCase{"NoPlaybackDevice", true, true, true, 0x240410,
-                                                   false, REQUEST_SUCCESS},
-                                         AudioCase{"NoPlaybackDevicePairingFails", false, true,
-                                                   true, 0x240410, false, REQUEST_FAILED}),
-                         [](const auto& row) { return std::string(row.param.name); });
+const AudioCase audioCases[]{
+    {"Works", true, true, true, 0x240418, true, REQUEST_SUCCESS},
+    {"PairingFails", false, true, true, 0x240418, true, REQUEST_FAILED},
+    {"ConnectionFails", true, false, true, 0x240418, true, REQUEST_CONNECT_FAILED},
+    {"BothFail", false, false, true, 0x240418, true, REQUEST_CONNECT_FAILED},
+    {"NotPairedAfterwards", true, true, false, 0x240418, false, REQUEST_DEVICE_NOT_FOUND},
+    {"NoPlaybackDevice", true, true, true, 0x240410, false, REQUEST_SUCCESS},
+    {"NoPlaybackDevicePairingFails", false, true, true, 0x240410, false, REQUEST_FAILED}};
 
-TEST_F(WaitRequest, AnswersFailedAfterAFailedPairingEvenIfItConnects) {
-    listDevices({headphones});
-    bluez.fail(headphones.path(), "Pair", refused, "No");
-    EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), REQUEST_FAILED);
-    EXPECT_EQ(bluez.countCalls(deviceCall(headphones.address, "Connect")), 1);
-}
+INSTANTIATE_TEST_SUITE_P(Audio, WaitForAudio, testing::ValuesIn(audioCases),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(WaitRequest, ConnectsTheAddressFromThePairedList) {
     const Device after{"00:00:00:00:00:44", headphones.name, headphones.deviceClass, true};
@@ -418,13 +367,45 @@ TEST_F(WaitRequest, ConnectsTheAddressFromThePairedList) {
     EXPECT_EQ(bluez.countCalls(deviceCall(after.address, "Connect")), 1);
 }
 
-TEST_F(WaitRequest, StillRunsInItsCallback) {
+class RequestCallback : public RequestTest {
+protected:
+    /// A callback that starts the next request.
+    template <class Request, class... Arguments>
+    bool nextIsTakenFromTheCallback(Arguments&&... arguments) {
+        bool running = false;
+        bool taken = false;
+        std::shared_ptr<BluetoothRequest> request;
+        request = std::make_shared<Request>(
+            [&](BluetoothRequestAnswers answer) {
+                running = request->isStillRunning();
+                taken = manager().makeRequest(
+                    std::make_shared<ConnectBluetoothRequest>(nullptr, nullptr, "Nobody"));
+                answers.note(answer);
+            },
+            std::forward<Arguments>(arguments)...);
+        request->cancelRequest();
+        start(request);
+        EXPECT_NE(answers.next(), -1);
+        EXPECT_NE(running, taken);
+        return taken;
+    }
+};
+
+TEST_F(RequestCallback, MayStartTheNextRequestOnlyAfterAConnect) {
+    EXPECT_FALSE(nextIsTakenFromTheCallback<ScanBluetoothRequest>());
+    EXPECT_FALSE(nextIsTakenFromTheCallback<DisconnectBluetoothRequest>(nullptr, "Nobody"));
     EXPECT_FALSE(nextIsTakenFromTheCallback<WaitBluetoothPairingRequest>("Nobody"));
+    EXPECT_TRUE(nextIsTakenFromTheCallback<ConnectBluetoothRequest>(nullptr, "Nobody"));
 }
 
-TEST_F(WaitRequest, RunsWithoutNameOrCallback) {
-    const auto request = std::make_shared<WaitBluetoothPairingRequest>();
-    start(request);
-    EXPECT_TRUE(reached(scan));
-    EXPECT_TRUE(eventually([&] { return !request->isStillRunning(); }));
+TEST_F(RequestCallback, MayBeMissing) {
+    const std::vector<std::shared_ptr<BluetoothRequest>> requests{
+        std::make_shared<ScanBluetoothRequest>(), std::make_shared<DisconnectBluetoothRequest>(),
+        std::make_shared<WaitBluetoothPairingRequest>()};
+    for (const auto& request : requests) {
+        request->cancelRequest();
+        start(request);
+    }
+    EXPECT_TRUE(reached(stopDiscovery) && reached("GetManagedObjects"));
+    EXPECT_TRUE(eventually([&] { return !requests.back()->isStillRunning(); }));
 }

@@ -73,11 +73,7 @@ public:
     // Bus
     bool busMissing = false;  // GIO gets no connection
     bool noReplies = false;   // BlueZ's calls return neither a reply nor an error
-    std::function<void(const std::string& method, GVariant* arguments)> onCall;  // to BlueZ
-    GObject* standIn =
-        nullptr;  // answers asynchronous calls in the connection's place, with nothing
-
-    std::vector<int>* listsUsed = nullptr;  // takes the lists that are asked for, in order
+    std::function<void(const std::string& method)> onCall;  // to BlueZ
 
     std::string modelName = "Model C100";
     bool echoShell = false;  // shell commands go to standard error, for tests that end a process

@@ -2,8 +2,6 @@
 // them, so the dynamic linker uses them instead of those in the C library, libbluetooth and the
 // host libraries. No command runs; no file or radio is touched.
 
-#include "BluetoothManager.h"
-
 #include "Edges.h"
 #include "GPIO/GPIOManager.h"
 #include "eepromXML.h"
@@ -367,13 +365,4 @@ bool hwcommon::fileUtil::saveContentToFile(const std::string& path, const std::s
     if (!edges().flagWritable) return false;
     if (path == flagPath) edges().flagFile = content;
     return true;
-}
-
-std::vector<BluetoothConnectionInfo>& BluetoothManager::getBluetoothDeviceList(
-    BluetoothDeviceListType type) {
-    if (edges().listsUsed != nullptr) edges().listsUsed->push_back(type);
-    using List = std::vector<BluetoothConnectionInfo>&(BluetoothManager*, BluetoothDeviceListType);
-    static List* const list =
-        next<List>("_ZN16BluetoothManager22getBluetoothDeviceListE23BluetoothDeviceListType");
-    return list(this, type);
 }

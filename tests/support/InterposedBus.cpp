@@ -5,8 +5,6 @@
 
 #include <gio/gio.h>
 
-#include <functional>
-#include <memory>
 #include <string_view>
 
 #include <dlfcn.h>
@@ -30,7 +28,7 @@ GVariant* g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* 
                                       const GVariantType* replyType, GDBusCallFlags flags,
                                       gint timeout, GCancellable* cancellable, GError** error) {
     if (std::string_view(busName) == "org.bluez") {
-        if (edges().onCall) edges().onCall(method, arguments);
+        if (edges().onCall) edges().onCall(method);
         if (edges().noReplies) {
             if (arguments != nullptr) g_variant_unref(g_variant_ref_sink(arguments));
             return nullptr;
@@ -39,34 +37,6 @@ GVariant* g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* 
     return next<decltype(g_dbus_connection_call_sync)>("g_dbus_connection_call_sync")(
         connection, busName, path, interface, method, arguments, replyType, flags, timeout,
         cancellable, error);
-}
-
-void g_dbus_connection_call(GDBusConnection* connection, const gchar* busName, const gchar* path,
-                            const gchar* interface, const gchar* method, GVariant* arguments,
-                            const GVariantType* replyType, GDBusCallFlags flags, gint timeout,
-                            GCancellable* cancellable, GAsyncReadyCallback callback,
-                            gpointer userData) {
-    if (edges().standIn != nullptr) {
-        using Answer = std::function<void()>;
-        g_idle_add(
-            [](gpointer answer) -> gboolean {
-                const std::unique_ptr<Answer> owned(static_cast<Answer*>(answer));
-                (*owned)();
-                return G_SOURCE_REMOVE;
-            },
-            new Answer([=] { callback(edges().standIn, nullptr, userData); }));
-        return;
-    }
-    next<decltype(g_dbus_connection_call)>("g_dbus_connection_call")(
-        connection, busName, path, interface, method, arguments, replyType, flags, timeout,
-        cancellable, callback, userData);
-}
-
-GVariant* g_dbus_connection_call_finish(GDBusConnection* connection, GAsyncResult* result,
-                                        GError** error) {
-    if (result == nullptr) return nullptr;
-    return next<decltype(g_dbus_connection_call_finish)>("g_dbus_connection_call_finish")(
-        connection, result, error);
 }
 
 }  // extern "C"

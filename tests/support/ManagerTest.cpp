@@ -30,14 +30,27 @@ bool eventually(const std::function<bool()>& condition) {
     return true;
 }
 
-std::string adapterCall(const std::string& method, const std::string& arguments) {
-    return "org.bluez /org/bluez/hci0 org.bluez.Adapter1." + method + " " + arguments;
+namespace {
+
+std::string propertySet(const std::string& path, const std::string& interface,
+                        const std::string& property, const std::string& value) {
+    return "org.bluez " + path + " org.freedesktop.DBus.Properties.Set ('" + interface + "', '" +
+           property + "', <" + value + ">)";
 }
 
+}  // namespace
+
 std::string adapterSet(const std::string& property, const std::string& value) {
-    return "org.bluez /org/bluez/hci0 org.freedesktop.DBus.Properties.Set ('org.bluez.Adapter1', "
-           "'" +
-           property + "', <" + value + ">)";
+    return propertySet("/org/bluez/hci0", "org.bluez.Adapter1", property, value);
+}
+
+std::string deviceSet(const std::string& address, const std::string& property,
+                      const std::string& value) {
+    return propertySet(Device{address, ""}.path(), "org.bluez.Device1", property, value);
+}
+
+std::string adapterCall(const std::string& method, const std::string& arguments) {
+    return "org.bluez /org/bluez/hci0 org.bluez.Adapter1." + method + " " + arguments;
 }
 
 std::string deviceCall(const std::string& address, const std::string& method) {

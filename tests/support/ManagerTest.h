@@ -26,6 +26,8 @@ bool eventually(const std::function<bool()>& condition);
 std::string adapterCall(const std::string& method, const std::string& arguments = "()");
 std::string adapterSet(const std::string& property, const std::string& value);
 std::string deviceCall(const std::string& address, const std::string& method);
+std::string deviceSet(const std::string& address, const std::string& property,
+                      const std::string& value);
 std::string agentCall(const std::string& method, const std::string& arguments);
 
 /// The answers passed to a request's callback.

@@ -49,7 +49,7 @@ void ConnectBluetoothRequest::executeRequest() {
 
     // Deliberate: unlike other requests this one ends before its callback, so that the callback can
     // start the next request. Held by
-    // ConnectRequest.CallbackMayStartTheNextRequest.
+    // RequestCallback.MayStartTheNextRequestOnlyAfterAConnect.
     runningFlag = false;
     answer(result);
 }

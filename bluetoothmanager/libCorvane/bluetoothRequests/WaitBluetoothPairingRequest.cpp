@@ -37,7 +37,7 @@ BluetoothRequestAnswers pairAudioDevice(BluetoothManager& manager, const std::st
                                         const std::string& address) {
     // Deliberate: a failed pairing still tries to connect, but the answer stays failed even if the
     // connection works: such a pairing is unreliable. Held by
-    // WaitRequest.AnswersFailedAfterAFailedPairingEvenIfItConnects.
+    // WaitForAudio.TriesToConnectAPlaybackDeviceEvenIfPairingFails.
     const BluetoothRequestAnswers pairing =
         manager.pairDevice(address.c_str()) ? REQUEST_SUCCESS : REQUEST_FAILED;
     manager.scanDevicesInfo();
