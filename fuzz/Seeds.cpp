@@ -11,76 +11,51 @@ namespace {
 using Inputs = std::map<std::string, std::string>;
 
 Inputs flagFiles() {
-    return {{"below-int", "-2147483649"},
-            {"beyond-int", "2147483648"},
-            {"beyond-long", std::string(40, '9')},
+    return {{"beyond-long", std::string(40, '9')},
             {"blanks-before", " \t\n\v\f\r1\n"},
             {"empty", ""},
             {"hexadecimal", "0x1"},
-            {"invalid-utf8", "\xC2\xA0\x31"},
             {"leading-zeros", std::string(40, '0') + '1'},
-            {"letters", "maybe"},
-            {"long", std::string(5000, ' ') + '1'},
             {"minus-one", "-1"},
             {"nul-behind", "1\0"s},
-            {"nul-first", "\0001"s},
             {"off", "0"},
             {"on", "1"},
-            {"plus", "+1"},
-            {"sign-alone", "-"},
-            {"sign-twice", "+-1"},
-            {"trailing", "1maybe"}};
-}
-
-std::string identity(const std::string& model, const std::string& serial) {
-    return "<identity><model>" + model +
-           "</model><family>2</family><revision>3</revision><serial>" + serial +
-           "</serial></identity>";
+            {"trailing", "+1maybe"}};
 }
 
 Inputs identities() {
-    const std::string usual = identity("6", "C6A1B2C3D4");
+    const std::string usual =
+        "<identity><model>6</model><family>2</family><revision>3</revision>"
+        "<serial> A-1 ~&lt;&amp;&apos; </serial></identity>";
     std::string deep;
     for (int i = 0; i < 400; ++i) deep += "<identity>";
     return {{"byte-order-mark", "\xEF\xBB\xBF" + usual},
-            {"character-reference", identity("6", "C6A1&#0;B2C3D4")},
             {"complete", "<?xml version=\"1.0\"?>\n<!-- a -->" + usual + '\n'},
             {"cut-short", usual.substr(0, 60)},
             {"deep", deep},
             {"doctype", "<!DOCTYPE i [<!ENTITY a \"aaaa\">]>" + usual},
-            {"model-beyond-int", identity("99999999999999999999", "C6")},
-            {"model-holds-element", identity("6<b/>", "C6")},
-            {"model-negative", identity("-1", "C6")},
-            {"model-out-of-range", identity("65536", "C6")},
-            {"model-twice", identity("6</model><model>1", "C6")},
-            {"no-xml", "model=6"},
             {"nul-behind", usual + '\0'},
-            {"serial-cdata", identity("6", "<![CDATA[A<B]]>")},
-            {"serial-escape", identity("6", "A\033[2J")},
-            {"serial-of-33", identity("6", std::string(33, 'x'))},
-            {"serial-of-many-kinds", identity("6", " A-1 ~&lt;&amp;&apos; ")},
+            {"serial-cdata", "<identity><serial><![CDATA[A<B]]></serial></identity>"},
             {"two-roots", usual + usual}};
 }
 
 /// A device with the items of an input of managed-objects.
-std::string device(const std::string& items) { return "O\0Iorg.bluez.Device1\0"s + items; }
+std::string device(const std::string& items) { return "Iorg.bluez.Device1\0"s + items; }
 
 Inputs replies() {
     Inputs inputs{
         {"phone", device("sAddress=00:00:00:00:00:03\0sName=Phone\0sAlias=an alias\0uClass=\0\x5A"
                          "\x02\x0C\0bPaired=1\0bConnected=1\0sModalias=usb:v1D6Bp0246d0542\0"s)},
-        {"no-objects", ""},
-        {"no-interfaces", "O\0"s},
+        {"error", ""},
         {"no-properties", device("")},
         {"name-empty", device("sName=\0sAddress=A\0"s)},
         {"other-types", device("xAddress=\0xName=1\0xClass=22\0bModalias=1\0xPaired=333\0"
                                "uConnected=1\0sRSSI=4\0saddress=lower case\0"s)},
         {"loose-interfaces",
-         "O\0Iorg.bluez.Device1\0sName=one\0bPaired=1\0Iorg.bluez.DEVICESet1\0"
+         "Iorg.bluez.Device1\0sName=one\0bPaired=1\0Iorg.bluez.DEVICESet1\0"
          "Icom.example.mydevices\0sName=three\0Iorg.bluez.Devic\0sName=none\0"s},
         {"doubled", device("sName=first\0bPaired=1\0sName=second\0bPaired=\0"s) +
                         device("sName=second\0bConnected=1\0"s)},
-        {"error", "E\0"s},
         {"address-no-path", device("sAddress=00:11:22;id:'44\0"s)}};
     for (const auto& [folder, property] : {std::pair{"names", "Name"}, {"modalias", "Modalias"}}) {
         for (const auto& [name, text] : test::hostileTexts(folder)) {

@@ -13,7 +13,6 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -103,67 +102,33 @@ bool busNameOwned(const std::string& name) {
                .find("true") != std::string::npos;
 }
 
-std::string executableOf(int process) {
-    std::error_code gone;
-    return fs::read_symlink("/proc/" + std::to_string(process) + "/exe", gone);
-}
-
 namespace {
 
-/// Lists a folder. A file that disappears meanwhile may be missing from the list; that is no
-/// failure.
-std::vector<fs::path> entriesOf(const char* folder) {
-    std::vector<fs::path> paths;
-    std::error_code error;
-    for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
-         entry.increment(error)) {
-        paths.push_back(entry->path());
-    }
-    return paths;
+/// Counts the lines of a command's output.
+unsigned countLines(const std::string& commandLine) {
+    return static_cast<unsigned>(std::stoul(run(commandLine + " 2> /dev/null | wc -l")));
 }
-
-/// Calls `visit` with each process's executable and state letter.
-void forEachProcess(const std::function<void(const std::string&, char)>& visit) {
-    for (const fs::path& path : entriesOf("/proc")) {
-        const std::string id = path.filename();
-        if (id.find_first_not_of("0123456789") != std::string::npos) continue;
-        const std::string stat = fileContent(path / "stat");
-        const std::size_t close = stat.rfind(") ");
-        if (close == std::string::npos) continue;  // it has ended meanwhile
-        visit(executableOf(std::stoi(id)), stat[close + 2]);
-    }
-}
-
-}  // namespace
-
-unsigned processes(const std::string& path) {
-    unsigned count = 0;
-    forEachProcess(
-        [&](const std::string& executable, char) { count += executable == path ? 1 : 0; });
-    return count;
-}
-
-unsigned zombies() {
-    unsigned count = 0;
-    forEachProcess([&](const std::string&, char state) { count += state == 'Z' ? 1 : 0; });
-    return count;
-}
-
-namespace {
 
 std::multiset<std::string> openNow() {
     std::multiset<std::string> descriptors;
-    for (const fs::path& path : entriesOf("/proc/self/fd")) {
+    std::error_code error;
+    for (fs::directory_iterator entry("/proc/self/fd", error), end; !error && entry != end;
+         entry.increment(error)) {
         std::error_code gone;
-        const std::string target = fs::read_symlink(path, gone);
-        if (gone || target.rfind("/proc/", 0) == 0)
-            continue;  // another thread's, or the iteration's own
+        const std::string target = fs::read_symlink(entry->path(), gone);
+        if (gone || target.rfind("/proc/", 0) == 0) continue;  // the iteration's own, for instance
         descriptors.insert(target.substr(0, target.find('[')));
     }
     return descriptors;
 }
 
 }  // namespace
+
+unsigned processes(const std::string& path) {
+    return countLines("ls -l /proc/[0-9]*/exe | grep -- ' -> " + path + "$'");
+}
+
+unsigned zombies() { return countLines("grep -s '^State:.*Z' /proc/[0-9]*/status"); }
 
 std::multiset<std::string> openDescriptors() {
     std::multiset<std::string> last = openNow();

@@ -33,9 +33,6 @@ bool busNameOwned(const std::string& name);
 /// Counts the processes that run this executable.
 unsigned processes(const std::string& path);
 
-/// Returns a process's executable; empty if there is no such process.
-std::string executableOf(int process);
-
 /// Counts the zombie processes.
 unsigned zombies();
 

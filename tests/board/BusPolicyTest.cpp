@@ -55,8 +55,3 @@ INSTANTIATE_TEST_SUITE_P(Callers, BusPolicy,
                          testing::Values(Caller{"Stranger", "--clear-groups", false},
                                          Caller{"GroupMember", "--groups bluetooth", true}),
                          [](const auto& row) { return std::string(row.param.name); });
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

@@ -68,8 +68,3 @@ INSTANTIATE_TEST_SUITE_P(
                           "setsid " SERVICE " /etc/corvane/identity.xml > /dev/null 2>&1 &",
                           "PROBLEM org.corvane.Hardware", "start the hardware service"}),
     [](const auto& row) { return std::string(row.param.name); });
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

@@ -1,11 +1,6 @@
 #pragma once
 
-#include "BluetoothManager.h"
-
-#include "Board.h"
-#include "Records.h"
-
-#include <gtest/gtest.h>
+#include "BoardTest.h"
 
 #include <chrono>
 #include <string>
@@ -14,25 +9,22 @@
 constexpr std::chrono::minutes endsWithin{5};
 
 /// A fault is cured by off, still with the fault, and on without it; then everything must work.
-class Fault : public testing::Test {
+class Fault : public BoardTest {
 protected:
-    static BluetoothManager& manager() { return BluetoothManager::getInstance(); }
-
-    /// Runs commands that print only errors.
-    static void onBoard(const std::string& commandLine) { EXPECT_EQ(board::run(commandLine), ""); }
-
-    /// @param mend  the command that repairs the fault; empty if it ends by itself
-    void recoversAfter(const std::string& mend = "true") {
+    static void switchTo(bool on) {
         const auto start = std::chrono::steady_clock::now();
-        manager().setEnabled(false, false);
+        manager().setEnabled(on, false);
         EXPECT_LT(std::chrono::steady_clock::now() - start, endsWithin);
-        EXPECT_EQ(board::fileContent("/tmp/bluetoothEnabled"), "0");
-        onBoard(mend);
-        records.clear();
-        manager().setEnabled(true, false);
-        expectSwitchedOn(records);
-        records.clear();
+        EXPECT_EQ(board::fileContent(flagFile), on ? "1" : "0");
     }
 
-    Records records;
+    /// @param mend  the command that repairs the fault
+    void recoversAfter(const std::string& mend = "true") {
+        switchTo(false);
+        onBoard(mend);
+        records.clear();
+        switchTo(true);
+        expectSwitchedOn();
+        records.clear();
+    }
 };

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <log4cplus/loglevel.h>
+#include <log4cplus/appender.h>
 
-#include <memory>
 #include <string>
 
-/// The library's records from DEBUG up, while this object exists.
+/// The library's records from DEBUG up, while this object exists: one per line, the level first.
 class Records {
 public:
     Records();
@@ -13,26 +12,18 @@ public:
     Records(const Records&) = delete;
     Records& operator=(const Records&) = delete;
 
-    /// Tells whether a record has exactly this level and message.
-    bool has(log4cplus::LogLevel level, const std::string& message) const;
-
-    /// Returns all records, one per line, with the level first.
     std::string all() const;
-
     /// Returns the ERROR records only.
     std::string errors() const;
-
     /// Returns the ERROR records without those of a "Busy" Pairable: BlueZ sets it itself at that
     /// moment, as the adapter shows.
     std::string faults() const;
-
+    /// Tells whether there is exactly this record.
+    bool has(const std::string& line) const;
     void clear();
 
 private:
     class Appender;
-    Appender* const appender;  // owned by the logger
+    Appender* const appender;
+    const log4cplus::SharedAppenderPtr owner;  // of the appender, with the logger
 };
-
-/// Expects that the radio was switched on without a fault and the adapter is as it should be.
-/// @param records  the records of the switch-on
-void expectSwitchedOn(const Records& records);

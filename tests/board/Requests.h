@@ -30,8 +30,6 @@ public:
         return started;
     }
 
-    bool wasAccepted() const { return accepted; }
-
     bool isRunning() const { return request->isStillRunning(); }
 
     /// Waits for the answer and the end of the request.

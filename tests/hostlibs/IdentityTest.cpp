@@ -10,108 +10,93 @@ namespace {
 struct IdentityCase {
     const char* name;
     std::string text;
-    bool valid;
-    int model;
-    int family;
-    unsigned revision;
-    std::string serial;
+    std::string read;  // as described below
 };
-
-constexpr char model[] = "<model>6</model>";
-constexpr char family[] = "<family>2</family>";
-constexpr char revision[] = "<revision>3</revision>";
-constexpr char serial[] = "<serial>C6A1B2C3D4</serial>";
-
-std::string identity(const std::string& inner) { return "<identity>" + inner + "</identity>"; }
-
-std::string complete() { return identity(std::string(model) + family + revision + serial); }
-
-/// A complete record except for the model element.
-std::string withModel(const std::string& element) {
-    return identity(element + family + revision + serial);
-}
-
-std::string withSerial(const std::string& value) {
-    return identity(std::string(model) + family + revision + "<serial>" + value + "</serial>");
-}
 
 void PrintTo(const IdentityCase& row, std::ostream* output) { *output << row.name; }
 
-IdentityCase nothing(const char* name, const std::string& text) {
-    return {name, text, false, 0, 0, 0, ""};
+std::string described(const eepromXML& record) {
+    return (record.IsValid() ? "valid " : "invalid ") + std::to_string(record.GetModelType()) +
+           ' ' + std::to_string(record.GetProductFamily()) + ' ' +
+           std::to_string(record.GetBoardRevision()) + ' ' + record.GetSerialNumberString(false);
 }
 
-IdentityCase noModel(const char* name, const std::string& element) {
-    return {name, withModel(element), false, 0, 2, 3, "C6A1B2C3D4"};
+constexpr char nothing[] = "invalid 0 0 0 ";
+constexpr char complete[] = "valid 6 2 3 C6A1B2C3D4";
+constexpr char noModel[] = "invalid 0 2 3 C6A1B2C3D4";
+constexpr char noSerial[] = "invalid 6 2 3 ";
+
+/// A record with family 2 and revision 3.
+std::string identity(const std::string& model, const std::string& serial = "C6A1B2C3D4") {
+    return "<identity>" + model + "<family>2</family><revision>3</revision><serial>" + serial +
+           "</serial></identity>";
 }
 
-IdentityCase noSerial(const char* name, const std::string& value) {
-    return {name, withSerial(value), false, 6, 2, 3, ""};
+std::string withModel(const std::string& model) { return identity("<model>" + model + "</model>"); }
+
+std::string withSerial(const std::string& serial) { return identity("<model>6</model>", serial); }
+
+std::string deep() {
+    std::string text;
+    for (int i = 0; i < 5000; ++i) text += "<identity>";
+    return text;
 }
 
-IdentityCase whole(const char* name, const std::string& text,
-                   const std::string& number = "C6A1B2C3D4") {
-    return {name, text, true, 6, 2, 3, number};
-}
+const std::string usual = withModel("6");
 
-std::string repeated(const std::string& text, int times) {
-    std::string result;
-    for (int i = 0; i < times; ++i) result += text;
-    return result;
-}
+const IdentityCase identities[]{
+    {"Empty", "", nothing},
+    {"NoXml", "model=6", nothing},
+    {"CutShort", usual.substr(0, 60), nothing},
+    {"OtherRoot", "<hardware/>", nothing},
+    {"TwoRoots", usual + usual, nothing},
+    {"ZeroByte", usual + std::string(1, '\0'), nothing},
+    {"ReferenceToAZeroByte", withSerial("C6A1&#0;B2C3"), nothing},
+    {"EntityBomb",
+     "<!DOCTYPE i [<!ENTITY a \"aaaaaaaa\"><!ENTITY b \"&a;&a;\">]>" + withSerial("&b;"), nothing},
+    {"TooDeep", deep(), nothing},
+    {"TooLarge", usual + std::string(64UL * 1024UL, ' '), nothing},
+    {"Complete", usual, complete},
+    {"WithDeclarationAndMore",
+     "<?xml version=\"1.0\"?><!-- board -->" +
+         identity("<colour>red</colour>\n<model>\n 6\t</model>"),
+     complete},
+    {"LongestSerialNumber", withSerial(std::string(32, 'x')),
+     "valid 6 2 3 " + std::string(32, 'x')},
+    {"SerialNumberOfManyKinds", withSerial(" A-1 ~&lt;' "), "valid 6 2 3 A-1 ~<'"},
+    {"ModelMissing", identity(""), noModel},
+    {"ModelTwice", identity("<model>6</model><model>1</model>"), noModel},
+    {"ModelEmpty", withModel(""), noModel},
+    {"ModelZero", withModel("0"), noModel},
+    {"ModelNegative", withModel("-1"), noModel},
+    {"ModelPlus", withModel("+6"), noModel},
+    {"ModelHexadecimal", withModel("0x6"), noModel},
+    {"ModelWithRest", withModel("6a"), noModel},
+    {"ModelOutOfRange", withModel("65536"), noModel},
+    {"ModelBeyondInt", withModel("99999999999999999999"), noModel},
+    {"ModelHoldsElement", withModel("6<b/>"), noModel},
+    {"ModelDeeper", identity("<board><model>6</model></board>"), noModel},
+    {"SerialBlank", withSerial("  "), noSerial},
+    {"SerialTooLong", withSerial(std::string(33, 'x')), noSerial},
+    {"SerialTwoLines", withSerial("A\nB"), noSerial},
+    {"SerialEscape", withSerial("A\x1B[2J"), noSerial},
+    {"SerialNotAscii", withSerial("A\xC3\xBC"), noSerial}};
 
 class Identity : public testing::TestWithParam<IdentityCase> {};
 
 }  // namespace
 
 TEST_P(Identity, KeepsItsValidValues) {
-    const IdentityCase& row = GetParam();
-    const eepromXML record(row.text);
-    EXPECT_EQ(record.IsValid(), row.valid);
-    EXPECT_EQ(record.GetModelType(), row.model);
-    EXPECT_EQ(record.GetProductFamily(), row.family);
-    EXPECT_EQ(record.GetBoardRevision(), row.revision);
-    EXPECT_EQ(record.GetSerialNumberString(false), row.serial);
+    EXPECT_EQ(described(eepromXML(GetParam().text)), GetParam().read);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Texts, Identity,
-    testing::Values(
-        nothing("Empty", ""), nothing("NoXml", "model=6"),
-        nothing("CutShort", complete().substr(0, 60)), nothing("OtherRoot", "<hardware/>"),
-        nothing("TwoRoots", complete() + complete()),
-        nothing("ZeroByte", complete() + std::string(1, '\0')),
-        nothing("ReferenceToAZeroByte", withSerial("C6A1&#0;B2C3")),
-        nothing("EntityBomb", "<!DOCTYPE i [<!ENTITY a \"aaaaaaaa\"><!ENTITY b \"&a;&a;\">]>" +
-                                  withSerial("&b;")),
-        nothing("TooDeep", repeated("<identity>", 5000)),
-        nothing("TooLarge", complete() + std::string(64UL * 1024UL, ' ')),
-        whole("Complete", complete()),
-        whole("WithDeclarationAndMore",
-              "<?xml version=\"1.0\"?><!-- board -->" +
-                  identity("<colour>red</colour>" + std::string(serial) + revision + family +
-                           "\n  <model>\n 6\t</model>\n")),
-        whole("LongestSerialNumber", withSerial(std::string(32, 'x')), std::string(32, 'x')),
-        whole("SerialNumberOfManyKinds", withSerial(" A-1 ~&lt;' "), "A-1 ~<'"),
-        noModel("ModelMissing", ""), noModel("ModelTwice", "<model>6</model><model>1</model>"),
-        noModel("ModelEmpty", "<model/>"), noModel("ModelZero", "<model>0</model>"),
-        noModel("ModelNegative", "<model>-1</model>"), noModel("ModelPlus", "<model>+6</model>"),
-        noModel("ModelHexadecimal", "<model>0x6</model>"),
-        noModel("ModelWithRest", "<model>6a</model>"),
-        noModel("ModelOutOfRange", "<model>65536</model>"),
-        noModel("ModelBeyondInt", "<model>99999999999999999999</model>"),
-        noModel("ModelHoldsElement", "<model>6<b/></model>"),
-        noModel("ModelDeeper", "<board><model>6</model></board>"), noSerial("SerialBlank", "  "),
-        noSerial("SerialTooLong", std::string(33, 'x')), noSerial("SerialTwoLines", "A\nB"),
-        noSerial("SerialEscape", "A\x1B[2J"), noSerial("SerialNotAscii", "A\xC3\xBC")),
-    [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Texts, Identity, testing::ValuesIn(identities),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST(IdentityRecord, ForgetsThePreviousText) {
-    eepromXML record(complete());
-    EXPECT_FALSE(record.AnalyseXML(identity(model)));
-    EXPECT_EQ(record.GetModelType(), MODEL_C600);
-    EXPECT_EQ(record.GetBoardRevision(), 0U);
-    EXPECT_EQ(record.GetSerialNumberString(false), "");
+    eepromXML record(usual);
+    EXPECT_FALSE(record.AnalyseXML("<identity><model>6</model></identity>"));
+    EXPECT_EQ(described(record), "invalid 6 0 0 ");
 }
 
 TEST(IdentityRecord, GroupsTheSerialNumberAsOnTheLabel) {

@@ -37,14 +37,7 @@ protected:
         relay = std::make_unique<board::RadioRelay>(poller, uart.relay.get(), remote.relay.get(),
                                                     monitor.relay.get(), wiring);
         relay->remoteIsReady();
-        const auto collect = [this](const Line& line, std::string& into) {
-            poller.add(line.ours.get(),
-                       [&into](const std::uint8_t* data, std::size_t size) {
-                           into.append(reinterpret_cast<const char*>(data), size);
-                       },
-                       {});
-        };
-        collect(uart, toBoard);
+        poller.add(uart.ours.get(), [](const std::uint8_t*, std::size_t) {}, {});
         poller.add(remote.ours.get(),
                    [this](const std::uint8_t* data, std::size_t size) {
                        toRemote.append(reinterpret_cast<const char*>(data), size);
@@ -105,7 +98,7 @@ protected:
     Line uart, remote, monitor;
     std::unique_ptr<board::RadioRelay> relay;
     std::map<unsigned long, unsigned> level, direction;
-    std::string toBoard, toRemote;
+    std::string toRemote;
 };
 
 TEST_F(RadioRelay, HasPowerOnlyWhileEachLineIsAnOutputAndHigh) {
@@ -128,19 +121,6 @@ TEST_F(RadioRelay, HasPowerOnlyWhileEachLineIsAnOutputAndHigh) {
     EXPECT_EQ(boardSends(reset), "");
 }
 
-TEST_F(RadioRelay, DropsWhatAnUnpoweredControllerSends) {
-    start(2);
-    const std::string event("\x04\x13\x01\x00", 4);
-    poller.send(remote.ours.get(), event);
-    settle();
-    EXPECT_EQ(toBoard, "");
-    drive(gpio2, 17);
-    settle();
-    poller.send(remote.ours.get(), event);
-    settle();
-    EXPECT_EQ(toBoard, event);
-}
-
 TEST_F(RadioRelay, StartsAfreshAfterAPacketCutByPowerLoss) {
     start(2);
     drive(gpio2, 17);
@@ -159,37 +139,6 @@ TEST_F(RadioRelay, AlwaysHasPowerWithoutEnableLines) {
     EXPECT_EQ(toRemote, on);
     // One of our own packets from the board must not reach the other machine's switch.
     EXPECT_EQ(boardSends(off + reset), reset);
-}
-
-struct Misbehaviour {
-    const char* fault;
-    std::string toRemote, toBoard;  // after a reset command of the board
-};
-
-TEST_F(RadioRelay, MisbehavesUntilSetBackToNormal) {
-    start(1);
-    settle();
-    const std::string answer("\x04\x0E\x04\x01\x03\x0C\x00", 7);
-    const std::string refusal("\x04\x0F\x04\x0C\x01\x03\x0C", 7);
-    const std::string hardwareError("\x04\x10\x01\x00", 4);
-    for (const Misbehaviour& row :
-         {Misbehaviour{"silent", "", ""}, Misbehaviour{"refuse", "", refusal},
-          Misbehaviour{"vanish", off, ""},
-          Misbehaviour{"reset", off + on + reset, hardwareError + answer}}) {
-        toRemote.clear();
-        toBoard.clear();
-        ASSERT_TRUE(relay->misbehave(row.fault)) << row.fault;
-        settle();
-        poller.send(uart.ours.get(), reset);
-        poller.send(remote.ours.get(), answer);
-        settle();
-        EXPECT_EQ(toRemote, row.toRemote) << row.fault;
-        EXPECT_EQ(toBoard, row.toBoard) << row.fault;
-        ASSERT_TRUE(relay->misbehave("normal"));
-        settle();
-        EXPECT_EQ(boardSends(reset), reset) << row.fault;
-    }
-    EXPECT_FALSE(relay->misbehave("smoke"));
 }
 
 }  // namespace
