@@ -135,43 +135,46 @@ GVariant* FakeBluez::call(const char* member, GVariant* arguments) {
     return reply;
 }
 
+void FakeBluez::tell(const char* member, GVariant* arguments) {
+    g_variant_unref(call(member, arguments));
+}
+
 void FakeBluez::reply(const std::string& path, const std::string& member, const std::string& body,
                       unsigned times, Milliseconds delay) {
-    g_variant_unref(
-        call("Reply", g_variant_new("(sssuu)", path.c_str(), member.c_str(), body.c_str(), times,
-                                    static_cast<guint>(delay.count()))));
+    tell("Reply", g_variant_new("(sssuu)", path.c_str(), member.c_str(), body.c_str(), times,
+                                static_cast<guint>(delay.count())));
 }
 
 void FakeBluez::fail(const std::string& path, const std::string& member,
-                     const std::string& errorName, const std::string& message, unsigned times,
-                     Milliseconds delay) {
-    g_variant_unref(
-        call("Fail", g_variant_new("(ssssuu)", path.c_str(), member.c_str(), errorName.c_str(),
-                                   message.c_str(), times, static_cast<guint>(delay.count()))));
+                     const std::string& errorName, const std::string& message, unsigned times) {
+    tell("Fail", g_variant_new("(ssssuu)", path.c_str(), member.c_str(), errorName.c_str(),
+                               message.c_str(), times, 0U));
 }
 
-void FakeBluez::ignore(const std::string& path, const std::string& member, unsigned times) {
-    g_variant_unref(call("Ignore", g_variant_new("(ssu)", path.c_str(), member.c_str(), times)));
+void FakeBluez::ignore(const std::string& path, const std::string& member) {
+    tell("Ignore", g_variant_new("(ssu)", path.c_str(), member.c_str(), 0U));
 }
 
 void FakeBluez::crash(const std::string& path, const std::string& member, bool answered) {
-    g_variant_unref(call("Crash", g_variant_new("(ssb)", path.c_str(), member.c_str(),
-                                                static_cast<gboolean>(answered))));
+    tell("Crash",
+         g_variant_new("(ssb)", path.c_str(), member.c_str(), static_cast<gboolean>(answered)));
 }
 
-void FakeBluez::own(const std::string& name) {
-    g_variant_unref(call("Own", g_variant_new("(s)", name.c_str())));
-}
+void FakeBluez::own(const std::string& name) { tell("Own", g_variant_new("(s)", name.c_str())); }
 
 void FakeBluez::release(const std::string& name) {
-    g_variant_unref(call("Release", g_variant_new("(s)", name.c_str())));
+    tell("Release", g_variant_new("(s)", name.c_str()));
 }
 
 void FakeBluez::emit(const std::string& path, const std::string& interface,
                      const std::string& member, const std::string& body) {
-    g_variant_unref(call("Emit", g_variant_new("(ssss)", path.c_str(), interface.c_str(),
-                                               member.c_str(), body.c_str())));
+    tell("Emit",
+         g_variant_new("(ssss)", path.c_str(), interface.c_str(), member.c_str(), body.c_str()));
 }
+
+void FakeBluez::letGo() { tell("LetGo", nullptr); }
+
+void FakeBluez::forget() { tell("Forget", nullptr); }
 
 void FakeBluez::setDevices(const std::vector<Device>& devices, unsigned times, Milliseconds delay) {
     std::string objects = "@o '/org/bluez/hci0': {'org.bluez.Adapter1': {'Powered': <true>}}";
@@ -204,9 +207,5 @@ int FakeBluez::countCalls(const std::string& text) {
     }
     return count;
 }
-
-void FakeBluez::letGo() { g_variant_unref(call("LetGo", nullptr)); }
-
-void FakeBluez::forget() { g_variant_unref(call("Forget", nullptr)); }
 
 }  // namespace corvane::test

@@ -81,8 +81,8 @@ public:
     void reply(const std::string& path, const std::string& member, const std::string& body,
                unsigned times = 0, Milliseconds delay = Milliseconds(0));
     void fail(const std::string& path, const std::string& member, const std::string& errorName,
-              const std::string& message, unsigned times = 0, Milliseconds delay = Milliseconds(0));
-    void ignore(const std::string& path, const std::string& member, unsigned times = 0);
+              const std::string& message, unsigned times = 0);
+    void ignore(const std::string& path, const std::string& member);
     /// Ends the services at such a call, after or instead of the reply.
     void crash(const std::string& path, const std::string& member, bool answered);
     /// Ends the services now.
@@ -108,6 +108,7 @@ public:
 
 private:
     GVariant* call(const char* member, GVariant* arguments);
+    void tell(const char* member, GVariant* arguments);
     void connect();
 
     std::string address;
