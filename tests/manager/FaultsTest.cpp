@@ -193,16 +193,17 @@ protected:
     }
 };
 
-TEST_F(BusLoss, IsLoggedAndCuredByOffAndOn) {
+TEST_F(BusLoss, EndsEveryCallAndIsCuredByOffAndOn) {
     manager().setEnabled(true, false);
     listDevices(everyDevice);
     bluez.ignore(phone.path(), "Connect");
+    bluez.ignore("/", "GetManagedObjects");
     auto call = std::async(std::launch::async,
                            [this] { return manager().connectDevice(phone.address.c_str()); });
-    ASSERT_TRUE(eventually([this] { return bluez.countCalls(".Connect ") == 1; }));
-    bluez.ignore("/", "GetManagedObjects");
     auto end = std::async(std::launch::async, [this] {
-        EXPECT_TRUE(eventually([this] { return bluez.countCalls("GetManagedObjects") == 1; }));
+        EXPECT_TRUE(eventually([this] {
+            return bluez.countCalls(".Connect ") == 1 && bluez.countCalls("GetManagedObjects") == 1;
+        }));
         bus.stop();
     });
     EXPECT_TRUE(manager().scanDevicesInfo());
@@ -212,14 +213,13 @@ TEST_F(BusLoss, IsLoggedAndCuredByOffAndOn) {
     EXPECT_THAT(errors(), Contains("Not able to connect device"));
     EXPECT_THAT(errors(), Contains("Unable to get result for GetManagedObjects"));
     edges().forget();
+    start(std::make_shared<ConnectBluetoothRequest>(answers.callback(), nullptr, "Phone"));
+    EXPECT_EQ(answers.next(), REQUEST_FAILED);
     EXPECT_FALSE(manager().adapterActivate(true));
     EXPECT_THAT(errors(), ElementsAre("bluezAdapterSetProperty Powered failed : The connection is "
                                       "closed",
                                       "Not able to set Powered property to 1"));
-    start(std::make_shared<ConnectBluetoothRequest>(answers.callback(), nullptr, "Phone"));
-    EXPECT_EQ(answers.next(), REQUEST_FAILED);
 
-    edges().forget();
     manager().setEnabled(false, false);
     manager().setEnabled(true, false);
     EXPECT_EQ(errors().back(), "setBluetoothComponents : Not able to get connection to system bus");

@@ -48,13 +48,6 @@ TEST_F(ManagerLifetime, TwoThreadsAtOnceMakeOneManager) {
     EXPECT_THAT(happened({Kind::SHELL}), SizeIs(1));
 }
 
-TEST_F(ManagerLifetime, HostAndLibraryShareOneManager) {
-    // The scan's callback reaches the manager through the library's copy of the accessor.
-    bluez.setDevices({{"AA:BB:CC:DD:EE:FF", "Phone"}});
-    BluetoothManager::getInstance().scanDevicesInfo();
-    EXPECT_EQ(BluetoothManager::getInstance().getBluetoothDeviceListSize(ALL_DEVICES), 1U);
-}
-
 TEST_F(ManagerLifetime, ModelSixSelectsWiringOneWithoutAskingForTheFamily) {
     useBoard(6, 1);
     edges().paths = {"/sys/class/net/wlan0"};

@@ -296,20 +296,18 @@ TEST_F(WaitRequest, TimesOutEvenIfTheLastPassFindsTheDevice) {
     EXPECT_EQ(answers.next(), REQUEST_TIMEOUT);
 }
 
-TEST_F(WaitRequest, CancelledDuringAPassAnswersCancelled) {
-    startAndHold(phone);
+class CancelledWait : public WaitRequest, public testing::WithParamInterface<bool> {};
+
+TEST_P(CancelledWait, AnswersCancelledUnlessThePassFindsTheDevice) {
+    const bool found = GetParam();
+    startAndHold(found ? connected(phone) : phone);
     manager().cancelRequest();
     bluez.letGo();
-    EXPECT_EQ(answers.next(), REQUEST_CANCELLED);
+    EXPECT_EQ(answers.next(), found ? REQUEST_SUCCESS : REQUEST_CANCELLED);
     EXPECT_EQ(bluez.countCalls(scan), 2) << "no further pass";
 }
 
-TEST_F(WaitRequest, PrefersAFoundDeviceToACancellation) {
-    startAndHold(connected(phone));
-    manager().cancelRequest();
-    bluez.letGo();
-    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
-}
+INSTANTIATE_TEST_SUITE_P(Found, CancelledWait, testing::Bool());
 
 TEST_F(WaitRequest, CancelledBeforeTheLoopFails) {
     listDevices({phone, headphones});
