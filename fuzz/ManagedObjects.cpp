@@ -40,7 +40,7 @@ std::vector<std::string> itemsOf(std::string_view input) {
     while (!input.empty()) {
         const std::string_view item = input.substr(0, input.find('\0'));
         input.remove_prefix(std::min(item.size() + 1, input.size()));
-        if (!item.empty()) items.push_back(validText(item));
+        if (!item.empty()) items.push_back(item.front() + validText(item.substr(1)));
     }
     return items;
 }
