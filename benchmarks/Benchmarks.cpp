@@ -7,7 +7,8 @@
 
 #include "BluetoothManager.h"
 
-#include "Folder.h"
+#include "Edges.h"
+#include "RadioWirings.h"
 #include "TestBus.h"
 #include "bluetoothRequests/ScanBluetoothRequest.h"
 #include "bluetoothRequests/WaitBluetoothPairingRequest.h"
@@ -19,7 +20,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <future>
 #include <map>
 #include <memory>
@@ -324,12 +324,11 @@ int run(int argc, char** argv) {
         std::fputs("usage: corvane-bench DEVICES [WAY ROUNDS | OPTION...]\n", stderr);
         return 2;
     }
-    // No command of the library runs, and it touches nothing of this machine: its folder is ours.
-    // All of this is static to outlive the threads that use the bus.
-    static const corvane::test::Folder machine;
-    std::filesystem::create_directories(machine.path() / "sys/class/bluetooth/hci0");
-    std::filesystem::create_directories(machine.path() / "tmp");
-    setenv("CORVANE_TEST_ROOT", machine.path().c_str(), 1);
+    // No command of the library runs, and it touches nothing of this machine.
+    corvane::test::edges().paths = {corvane::hciDevice};
+    corvane::test::edges().asksTheBus = true;
+    corvane::test::edges().sleeps = true;
+    // Static to outlive the threads that use the bus.
     static const corvane::test::PrivateBus privateBus;
     static const corvane::test::Child bluez({CORVANE_BENCH_BLUEZ, devices});
     manager();

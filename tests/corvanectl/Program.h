@@ -3,98 +3,63 @@
 #include "Folder.h"
 #include "TestBus.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
 namespace corvane::test {
+
+using Json = nlohmann::json;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using Words = std::vector<std::string>;
+
+/// One device of each kind that the requests tell apart.
+const Device phone{"00:11:22:33:44:01",        "Phone", 0x5A020C, false, false,
+                   "bluetooth:v004CpABCDd0100"};
+const Device speaker{"00:11:22:33:44:02", "Living room", 0x240414, true, false};
+const Device keyboard{"00:11:22:33:44:03", "Keyboard", 0x000540, true, true};
 
 /// How a run of corvanectl ended, and what it printed.
 struct Ran {
-    int status = -1;
+    int status = -1;  // -1: ended by a signal
     std::string output;
     std::string errors;
-
-    /// The lines of the output, each parsed.
-    std::vector<nlohmann::json> json() const;
 };
 
-/// corvanectl on a pseudo-terminal.
-class Terminal {
-public:
-    Terminal(const std::vector<std::string>& arguments, unsigned short columns);
-    ~Terminal();
-    Terminal(const Terminal&) = delete;
-    Terminal& operator=(const Terminal&) = delete;
+std::string contentOf(const std::string& file);
 
-    void type(const std::string& text);
-    void interrupt() { type("\x03"); }
-
-    /// Waits until the text has come, behind what earlier calls have found.
-    testing::AssertionResult shows(const std::string& text);
-
-    /// Waits until the program waits for input: a signal that comes a moment earlier does not end
-    /// libedit's read.
-    bool waits() const;
-
-    /// Waits for the end. @return the exit status, -1 when it does not come
-    int end();
-
-    /// All that came so far.
-    const std::string& screen() const { return all; }
-
-private:
-    bool readMore();
-
-    pid_t pid = -1;
-    int master = -1;
-    std::string all;
-    std::size_t seen = 0;
-};
-
-/// A machine of the test's own: bus, services, files, shell.
+/// A machine of the test's own: bus, services, files, shell. Waits are over at once.
 class Corvanectl : public testing::Test {
 protected:
     Corvanectl();
 
-    /// Runs it with arguments, and lines on standard input.
-    /// @param script  shell script that runs it as "$@"
-    Ran run(const std::vector<std::string>& arguments, const std::string& input = "",
-            const std::string& script = "\"$@\"");
+    /// The shell command that runs corvanectl on this machine.
+    static std::string command(const Words& arguments);
 
-    static auto onTerminal(const std::vector<std::string>& arguments,
-                           unsigned short columns = 100) {
-        return std::make_unique<Terminal>(arguments, columns);
-    }
+    /// Runs it in the folder of its files, with arguments, and lines on standard input.
+    /// @param redirection  of the shell
+    Ran run(const Words& arguments, const std::string& input = "",
+            const std::string& redirection = "") const;
 
-    /// A file of the machine. An empty text removes it.
-    void write(const std::string& path, const std::string& text);
-    std::string read(const std::string& path) const;
+    /// Runs it with --json. @return the objects
+    std::vector<Json> json(Words arguments, const std::string& input = "") const;
+
+    /// A file of the machine, see Preload.cpp.
+    void write(const std::string& name, const std::string& text) const;
 
     /// The shell commands so far.
-    std::string commands() const { return read("commands"); }
+    std::string commands() const { return contentOf(root / "commands"); }
 
     void setIdentity(const std::string& text);
 
-    /// What the adapter shows, each as a variant in GVariant's text form.
-    void setAdapter(const std::string& powered, const std::string& pairable,
-                    const std::string& alias);
-
     PrivateBus bus;
     FakeBluez bluez{bus.address()};
-    const Folder folder;
-    const std::filesystem::path& root = folder.path();
+    const Folder root;
 };
-
-/// One device of each kind that the requests tell apart.
-extern const Device phone;
-extern const Device speaker;
-extern const Device keyboard;
 
 }  // namespace corvane::test

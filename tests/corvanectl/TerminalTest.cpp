@@ -1,134 +1,166 @@
 #include "Program.h"
 
-#include <gmock/gmock.h>
-
 #include <cstdlib>
-#include <sstream>
+#include <regex>
+#include <utility>
 
+#include <pty.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace corvane::test {
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
+/// A program on a pseudo-terminal.
+class Terminal {
+public:
+    explicit Terminal(const std::string& command, int columns = 100) {
+        const std::string line = "exec " + command;
+        const winsize size{24, static_cast<unsigned short>(columns), 0, 0};
+        pid = forkpty(&master, nullptr, nullptr, &size);
+        if (pid != 0) return;
+        alarm(300);  // ends it when it hangs
+        execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+        _exit(127);
+    }
+    ~Terminal() {
+        close(master);  // hangs up
+        waitpid(pid, nullptr, 0);
+    }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    /// Types, then waits until a text has come behind what earlier calls have found; again and
+    /// again.
+    void talk(const std::vector<std::pair<std::string, std::string>>& dialogue) {
+        for (const auto& [typed, shown] : dialogue) {
+            ASSERT_EQ(write(master, typed.data(), typed.size()),
+                      static_cast<ssize_t>(typed.size()));
+            while (screen.find(shown, seen) == std::string::npos) {
+                ASSERT_TRUE(readMore()) << "no \"" << shown << "\" in:\n" << screen;
+            }
+            seen = screen.find(shown, seen) + shown.size();
+        }
+    }
+
+    /// Waits until it waits for input: a signal that comes a moment earlier does not end libedit's
+    /// read.
+    void awaitRead() const {
+        const std::string state = "/proc/" + std::to_string(pid) + "/stat";
+        while (contentOf(state).find(") S") == std::string::npos) usleep(1000);
+    }
+
+    /// Waits for its end. @return the exit status, -1 after a signal
+    int end() {
+        while (readMore()) {
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    std::string screen;  // all that came so far
+
+private:
+    bool readMore() {
+        char buffer[4096];
+        const ssize_t got = read(master, buffer, sizeof buffer);
+        if (got > 0) screen.append(static_cast<const char*>(buffer), static_cast<std::size_t>(got));
+        return got > 0;
+    }
+
+    pid_t pid = -1;
+    int master = -1;
+    std::size_t seen = 0;
+};
+
+constexpr char interrupt[] = "\x03";
 
 TEST_F(Corvanectl, ShellRunsCommandsAndShowsTheRadiosState) {
     bluez.release("org.bluez");
-    const auto shell = onTerminal({});
-    ASSERT_TRUE(shell->shows("corvane (off)> "));
-    shell->type("on\r");
-    ASSERT_TRUE(shell->shows("hci0 is up."));  // a step, from the library's log
-    ASSERT_TRUE(shell->shows("Bluetooth is on"));
-    ASSERT_TRUE(shell->shows("corvane (on)> "));
-    shell->type("nonsense\r");
-    ASSERT_TRUE(shell->shows("unknown command"));
-    ASSERT_TRUE(shell->shows("corvane (on)> "));
-    shell->type("\x04");
-    EXPECT_EQ(shell->end(), 0);
+    Terminal shell(command({}));
+    shell.talk({{"", "corvane (off)> "},
+                {"on\r", "hci0 is up."},  // a step, from the library's log
+                {"", "Bluetooth is on"},
+                {"", "corvane (on)> "},
+                {"nonsense\r", "unknown command"},
+                {"", "corvane (on)> "},
+                {"\x04", ""}});
+    EXPECT_EQ(shell.end(), 0);
+    bluez.release("org.corvane.Hardware");
+    Terminal(command({})).talk({{"", "no board identity"}, {"", "corvane (no board)> "}});
 }
 
 TEST_F(Corvanectl, ShellCompletesCommandsChoicesAndDeviceNames) {
     bluez.setDevices({phone, speaker, {keyboard.address, "Living room 2"}});
-    const auto shell = onTerminal({});
-    ASSERT_TRUE(shell->shows("> "));
-    shell->type("devi\t\r");
-    ASSERT_TRUE(shell->shows("Living room 2"));
-    shell->type("airplane o\t\t");
-    ASSERT_TRUE(shell->shows("off  on"));
+    Terminal shell(command({}));
     // The quote that the name needs comes by itself; what two names share stops before they differ.
-    shell->type(
-        "\x15"
-        "find Liv\t");
-    ASSERT_TRUE(shell->shows("\"Living room"));
-    shell->type("\"\r");
-    ASSERT_TRUE(shell->shows("0x240414"));
-    ASSERT_TRUE(shell->shows("> "));
-    shell->type("quit\r");
-    EXPECT_EQ(shell->end(), 0);
-
-    const auto later = onTerminal({});
-    ASSERT_TRUE(later->shows("> "));
-    later->type("\x10\x10\r");  // the one before quit, from the run before
-    ASSERT_TRUE(later->shows("0x240414"));
+    shell.talk({{"", "> "},
+                {"devi\t\r", "Living room 2"},
+                {"airplane o\t\t", "off  on"},
+                {"\025find Liv\t", "\"Living room"},
+                {"\"\r", "0x240414"},
+                {"", "> "},
+                {"quit\r", ""}});
+    EXPECT_EQ(shell.end(), 0);
+    // The history: the line before quit, from the run before.
+    Terminal(command({})).talk({{"", "> "}, {"\x10\x10\r", "0x240414"}});
 }
 
 TEST_F(Corvanectl, CtrlCCancelsTheRequestAndASecondOneLeaves) {
-    setenv("CORVANE_TEST_SPEED", "0", 1);
-    const auto shell = onTerminal({});
-    ASSERT_TRUE(shell->shows("> "));
-    shell->type("scan\r");
-    ASSERT_TRUE(shell->shows("Scanning"));
-    ASSERT_TRUE(shell->shows("s left"));
-    shell->interrupt();
-    ASSERT_TRUE(shell->shows("the scan was cancelled\r\n"));
-    ASSERT_TRUE(shell->shows("> "));
-    shell->type("half a line");
-    ASSERT_TRUE(shell->shows("half a line"));
-    ASSERT_TRUE(shell->waits());
-    shell->interrupt();
-    ASSERT_TRUE(shell->shows("Ctrl-C again leaves"));
-    ASSERT_TRUE(shell->shows("> "));
-    shell->type("cancel\r");
-    ASSERT_TRUE(shell->shows("No request is running"));
-    ASSERT_TRUE(shell->shows("> "));
-
-    shell->type("wait-pair Phone\r");
-    ASSERT_TRUE(shell->shows("Waiting for pairing"));
-    shell->type("cancel\rdevices\r");
-    ASSERT_TRUE(shell->shows("was cancelled"));
-    ASSERT_TRUE(shell->shows("Living room"));  // typed ahead, and run
-    ASSERT_TRUE(shell->shows("> "));
-
+    unsetenv("CORVANE_TEST_HURRY");
+    Terminal shell(command({}));
+    shell.talk({{"", "> "},
+                {"wait-pair Phone\r", "Waiting for pairing"},
+                {"", "s left"},
+                {interrupt, "\"Phone\" was cancelled\r\n"},
+                {"", "> "},
+                {"half a line", "half a line"}});
+    shell.awaitRead();
+    shell.talk({{interrupt, "Ctrl-C again leaves"},
+                {"", "> "},
+                {"cancel\r", "No request is running"},
+                {"", "> "},
+                {"wait-pair Phone\r", "Waiting for pairing"},
+                {"cancel\rdevices\r", "was cancelled"},
+                {"", "Living room"},  // typed ahead, and run
+                {"", "> "}});
     // A request that does not answer: its bus call never ends.
     bluez.ignore(speaker.path(), "Connect");
-    shell->type("connect \"Living room\"\r");
-    ASSERT_TRUE(shell->shows("Connecting"));
+    shell.talk({{"connect \"Living room\"\r", "Connecting"}});
     // Cancelled before its thread has started it would answer at once.
     while (bluez.countCalls("Device1.Connect ") == 0) usleep(1000);
-    shell->interrupt();
-    ASSERT_TRUE(shell->shows("Cancelling"));
-    shell->interrupt();
-    EXPECT_EQ(shell->end(), 130);
+    shell.talk({{interrupt, "Cancelling"}, {interrupt, ""}});
+    EXPECT_EQ(shell.end(), 130);
 }
 
 TEST_F(Corvanectl, CtrlCEndsASequenceOfCommands) {
-    setenv("CORVANE_TEST_SPEED", "0", 1);
-    const auto sequence = onTerminal({"scan", "devices"});
-    ASSERT_TRUE(sequence->shows("s left"));
-    sequence->interrupt();
-    EXPECT_EQ(sequence->end(), 12);
-    EXPECT_THAT(sequence->screen(), Not(HasSubstr("Living room")));
-}
-
-TEST_F(Corvanectl, ShellGoesOnWithoutABoard) {
-    bluez.release("org.corvane.Hardware");
-    const auto shell = onTerminal({});
-    ASSERT_TRUE(shell->shows("no board identity"));
-    ASSERT_TRUE(shell->shows("corvane (no board)> "));
+    unsetenv("CORVANE_TEST_HURRY");
+    Terminal sequence(command({"scan", "devices"}));
+    sequence.talk({{"", "s left"}, {interrupt, "the scan was cancelled"}});
+    EXPECT_EQ(sequence.end(), 12);
+    EXPECT_THAT(sequence.screen, Not(HasSubstr("Living room")));
 }
 
 TEST_F(Corvanectl, SaysWhatACommandWaitsFor) {
-    setenv("CORVANE_TEST_SPEED", "1", 1);
-    setIdentity("<identity><model>6</model><family>3</family><serial>S</serial></identity>");
-    std::filesystem::remove(root / "sys/class/bluetooth/hci0");
-    ASSERT_TRUE(onTerminal({"status"})->shows("Waiting for the Wi-Fi's /sys/class/net/wlan0"));
+    unsetenv("CORVANE_TEST_HURRY");
     bluez.ignore(phone.path(), "Pair");
-    std::filesystem::create_directory(root / "sys/class/bluetooth/hci0");
-    EXPECT_TRUE(onTerminal({"pair", "Phone"})->shows("pair  2 s"));
+    Terminal(command({"pair", "Phone"})).talk({{"", "pair  2 s"}});
+    setIdentity("<identity><model>6</model><family>3</family><serial>S</serial></identity>");
+    std::filesystem::remove(root / "hci0");
+    Terminal(command({"status"})).talk({{"", "Waiting for the Wi-Fi's /sys/class/net/wlan0"}});
 }
 
 TEST_F(Corvanectl, TablesKeepNamesWholeInANarrowTerminal) {
+    unsetenv("CORVANE_TEST_HURRY");  // no progress within the lines
     bluez.setDevices({{phone.address, "A loudspeaker", 0x240414, true, true}});
-    const std::vector<std::pair<unsigned short, std::string>> missing{
-        {80, "KIND, VENDOR, PRODUCT"}, {40, "FLAGS, KIND, VENDOR, PRODUCT"}};
-    for (const auto& [columns, headings] : missing) {
-        const auto terminal = onTerminal({"devices"}, columns);
-        EXPECT_EQ(terminal->end(), 0);
-        EXPECT_THAT(terminal->screen(), HasSubstr(" A loudspeaker"));
-        EXPECT_THAT(terminal->screen(), HasSubstr("(no room for " + headings.substr(0, 11)));
-        std::istringstream lines(terminal->screen());
-        for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), columns + 1U);
+    for (const int columns : {80, 40}) {
+        Terminal terminal(command({"devices"}), columns);
+        EXPECT_EQ(terminal.end(), 0);
+        EXPECT_THAT(terminal.screen, HasSubstr(" A loudspeaker"));
+        EXPECT_THAT(terminal.screen, HasSubstr(columns == 80 ? "room for KIND" : "room for FLAGS"));
+        const std::regex tooLong(".{" + std::to_string(columns + 1) + "}");
+        EXPECT_FALSE(std::regex_search(terminal.screen, tooLong)) << terminal.screen;
     }
 }
 

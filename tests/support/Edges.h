@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -61,7 +62,12 @@ public:
     int interruptedReads = 0;  // so many reads of such output are interrupted by a signal
     std::function<void(const std::string&)> onShell;  // called for each shell command
 
+    // Answers such a command in place of `pipes`, with a stream for fclose().
+    std::function<FILE*(const char*)> onPipe;
+
     // Waits
+    bool sleeps = false;                 // waits last as long as they should
+    bool asksTheBus = false;             // whether a name is there, in place of missingNames
     std::set<std::string> missingNames;  // bus names that do not come
     int notifiedAtWait = -1;             // this sleep on a Condition is cut short, counted from 0
     int interruptedSleeps = 0;           // so many nanosleep calls are interrupted half-way
@@ -99,6 +105,8 @@ public:
     static void stop();
     static void advance(std::chrono::nanoseconds by);
     static bool stopped();
+    /// While it runs, each reading advances it by so much more.
+    static void hurry(std::chrono::nanoseconds perReading);
     /// The number of readings: shows that a loop on the clock runs.
     static std::int64_t reads();
 };
