@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <array>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -35,12 +36,26 @@ enum class ExitStatus : int {
     interrupted = 130,  // as shells report an end by Ctrl-C
 };
 
-/// The field "outcome" of --json, by exit status from 0 on.
-constexpr char outcomes[] =
-    "success|unexpected|usage|no-bus|bad-setting|no-identity|refused|no-device|incomplete|busy||"
-    "request-timeout|request-cancelled|request-connect-failed|request-failed|"
-    "request-device-not-found|not-logged|board-unfit";
-constexpr char interruptedOutcome[] = "interrupted";
+/// The field "outcome" of --json, by exit status from 0 on; the last one is that of interrupted.
+constexpr std::array<const char*, 19> outcomes{"success",
+                                               "unexpected",
+                                               "usage",
+                                               "no-bus",
+                                               "bad-setting",
+                                               "no-identity",
+                                               "refused",
+                                               "no-device",
+                                               "incomplete",
+                                               "busy",
+                                               "",
+                                               "request-timeout",
+                                               "request-cancelled",
+                                               "request-connect-failed",
+                                               "request-failed",
+                                               "request-device-not-found",
+                                               "not-logged",
+                                               "board-unfit",
+                                               "interrupted"};
 
 /// What a command reports.
 struct Result {
@@ -56,6 +71,8 @@ public:
     /// @param problem  names the input concerned and the remedy
     Failure(ExitStatus failureStatus, const std::string& problem)
         : std::runtime_error(problem), status(failureStatus) {}
+
+    Result result() const { return {status, "", what(), nullptr}; }
 
     const ExitStatus status;
 };

@@ -40,7 +40,7 @@ Result showHelp(Session& /*session*/, const Invocation& invocation) {
         result.data["commands"].push_back(
             {{"usage", usageOf(command)}, {"help", command.help}, {"details", command.details}});
     }
-    result.text = wrapped(result.text, Session::widthOrUsual());
+    result.text = wrapped(result.text, terminalColumns(Streams::output));
     result.text.erase(result.text.find_last_not_of(" \n") + 1);
     return result;
 }

@@ -33,28 +33,28 @@ constexpr std::array<AnswerRow, 6> answerRows{{
 
 struct MajorClass {
     const char* name;
-    const char* minors;  // from number 1 on; empty: not told apart
+    std::vector<const char*> minors;  // from number 1 on; empty: not told apart
 };
 
 constexpr std::uint32_t peripheral = 5;
 
-constexpr std::array<MajorClass, 10> majorClasses{{
-    {"Miscellaneous", ""},
-    {"Computer", "desktop|server|laptop|handheld|palm-size|wearable|tablet"},
-    {"Phone", "cellular|cordless|smartphone|modem or gateway|ISDN"},
-    {"Network access point", ""},
+const std::vector<MajorClass> majorClasses{
+    {"Miscellaneous", {}},
+    {"Computer", {"desktop", "server", "laptop", "handheld", "palm-size", "wearable", "tablet"}},
+    {"Phone", {"cellular", "cordless", "smartphone", "modem or gateway", "ISDN"}},
+    {"Network access point", {}},
     {"Audio/video",
-     "headset|hands-free||microphone|loudspeaker|headphones|portable audio|car audio|set-top box|"
-     "hi-fi|VCR|video camera|camcorder|video monitor|video display and loudspeaker|"
-     "video conferencing||gaming or toy"},
+     {"headset", "hands-free", nullptr, "microphone", "loudspeaker", "headphones", "portable audio",
+      "car audio", "set-top box", "hi-fi", "VCR", "video camera", "camcorder", "video monitor",
+      "video display and loudspeaker", "video conferencing", nullptr, "gaming or toy"}},
     {"Peripheral",
-     "joystick|gamepad|remote control|sensing device|digitizer tablet|card reader|digital pen|"
-     "handheld scanner|handheld gestural input"},
-    {"Imaging", ""},
-    {"Wearable", "wristwatch|pager|jacket|helmet|glasses|pin"},
-    {"Toy", ""},
-    {"Health", ""},
-}};
+     {"joystick", "gamepad", "remote control", "sensing device", "digitizer tablet", "card reader",
+      "digital pen", "handheld scanner", "handheld gestural input"}},
+    {"Imaging", {}},
+    {"Wearable", {"wristwatch", "pager", "jacket", "helmet", "glasses", "pin"}},
+    {"Toy", {}},
+    {"Health", {}},
+};
 
 /// A Class of Device in words, "Phone, smartphone": major and minor device class by the Bluetooth
 /// Assigned Numbers, Baseband. Unassigned numbers appear as such.
@@ -71,9 +71,9 @@ std::string kindOf(std::uint32_t deviceClass) {
         if ((minor & 0x20) != 0) text += ", pointing device";
         minor &= 0x0F;
     }
-    if (minor == 0 || *row.minors == '\0') return text;
-    const std::string name = part(row.minors, minor - 1);
-    return text + ", " + (name.empty() ? "minor class " + std::to_string(minor) : name);
+    if (minor == 0 || row.minors.empty()) return text;
+    const char* const name = minor <= row.minors.size() ? row.minors[minor - 1] : nullptr;
+    return text + ", " + (name == nullptr ? "minor class " + std::to_string(minor) : name);
 }
 
 /// A vendor of 0 means that the device did not identify itself.

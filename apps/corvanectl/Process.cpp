@@ -5,7 +5,6 @@
 #include "Text.h"
 
 #include <log4cplus/configurator.h>
-#include <log4cplus/fileappender.h>
 #include <log4cplus/hierarchy.h>
 #include <log4cplus/layout.h>
 #include <log4cplus/logger.h>
@@ -40,57 +39,8 @@ extern "C" void onInterrupt(int /*signal*/) {
 
 using log4cplus::Logger;
 
-/// One record per line, whatever the message holds.
-class LineLayout : public log4cplus::Layout {
-public:
-    void formatAndAppend(log4cplus::tostream& output, const LogRecord& event) override {
-        output << log4cplus::helpers::getFormattedTime("%Y-%m-%d %H:%M:%S.%q ",
-                                                       event.getTimestamp())
-               << llmCache.toString(event.getLogLevel()) << ' ' << event.getFile() << ':'
-               << event.getLine() << ' ' << event.getFunction() << ' '
-               << escaped(event.getMessage()) << '\n';
-    }
-};
-
-/// Our standard error: the host process's own console appender may write to descriptor 2, which is
-/// for commands and daemons here. Not through std::cerr, which stays broken once a signal has
-/// interrupted a write.
-class Screen : public log4cplus::Appender {
-public:
-    ~Screen() override { destructorImpl(); }
-    void close() override { closed = true; }
-
-protected:
-    void append(const LogRecord& record) override {
-        std::fputs(formatEvent(record).c_str(), Streams::errors);
-    }
-};
-
-void add(Logger logger, log4cplus::Appender* appender) {
-    appender->setLayout(std::make_unique<LineLayout>());
-    logger.addAppender(log4cplus::SharedAppenderPtr(appender));
-}
-
-/// Replaces the host process's own configuration.
-void configure(const std::string& file) {
-    log4cplus::Hierarchy& hierarchy = Logger::getDefaultHierarchy();
-    hierarchy.resetConfiguration();
-    log4cplus::PropertyConfigurator(file, hierarchy).configure();
-    auto loggers = hierarchy.getCurrentLoggers();
-    loggers.push_back(hierarchy.getRoot());
-    if (std::all_of(loggers.begin(), loggers.end(),
-                    [](Logger& each) { return each.getAllAppenders().empty(); })) {
-        throw Failure(ExitStatus::usage, "--log-config " + inQuotes(file) +
-                                             ": not a log4cplus properties file that configures "
-                                             "an appender");
-    }
-}
-
-/// log4cplus reports a file that it cannot open on the console only.
-void check(const char* option, const std::string& file, std::ios_base::openmode mode) {
-    if (file.empty() || std::fstream(file, mode)) return;
-    throw Failure(ExitStatus::usage,
-                  std::string(option) + ' ' + inQuotes(file) + ": " + std::strerror(errno));
+Failure unusable(const char* option, const std::string& file, const std::string& reason) {
+    return {ExitStatus::usage, std::string(option) + ' ' + inQuotes(file) + ": " + reason};
 }
 
 }  // namespace
@@ -122,8 +72,8 @@ void Streams::claim() {
 void Streams::logCommandsTo(const std::string& file) {
     const int log = open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (log == -1 || dup2(log, STDOUT_FILENO) == -1 || dup2(log, STDERR_FILENO) == -1) {
-        throw Failure(ExitStatus::usage, "--command-log " + inQuotes(file) + ": " +
-                                             std::strerror(errno) + "; name a writable file");
+        throw unusable("--command-log", file,
+                       std::strerror(errno) + std::string("; name a writable file"));
     }
     close(log);
 }
@@ -170,6 +120,47 @@ bool LineSource::takeIf(const std::string& word) {
     return true;
 }
 
+LogRecords::LogRecords() {
+    setLayout(std::make_unique<log4cplus::PatternLayout>("%D{%Y-%m-%d %H:%M:%S.%q} %p %l %M "));
+}
+
+void LogRecords::setUp(const std::string& level, const std::string& file,
+                       const std::string& config) {
+    Logger logger = LogAppender::getLogger();
+    Logger root = Logger::getRoot();
+    auto wanted = level.empty() ? log4cplus::OFF_LOG_LEVEL
+                                : log4cplus::getLogLevelManager().fromString(level);
+    if (config.empty()) {
+        root.removeAllAppenders();
+        logger.removeAllAppenders();
+        copies[Streams::errors] = wanted;
+    } else {
+        if (!std::ifstream(config)) throw unusable("--log-config", config, std::strerror(errno));
+        log4cplus::Hierarchy& hierarchy = Logger::getDefaultHierarchy();
+        hierarchy.resetConfiguration();
+        log4cplus::PropertyConfigurator(config, hierarchy).configure();
+        if (level.empty()) wanted = logger.getChainedLogLevel();
+        auto others = logger.getAllAppenders();
+        for (const auto& other : root.getAllAppenders()) others.push_back(other);
+        if (others.empty()) {
+            throw unusable("--log-config", config,
+                           "not a log4cplus properties file that configures an appender");
+        }
+        // The logger has to pass more on than before, to us: give the others what they got, or what
+        // was asked for.
+        for (const auto& other : others) {
+            other->setThreshold(level.empty() ? std::max(other->getThreshold(), wanted) : wanted);
+        }
+    }
+    if (!file.empty()) {
+        std::FILE* const copy = std::fopen(file.c_str(), "ae");
+        if (copy == nullptr) throw unusable("--log-file", file, std::strerror(errno));
+        copies[copy] = level.empty() ? log4cplus::ALL_LOG_LEVEL : wanted;
+    }
+    logger.addAppender(log4cplus::SharedAppenderPtr(this));
+    logger.setLogLevel(std::min(wanted, log4cplus::DEBUG_LOG_LEVEL));
+}
+
 void LogRecords::restart() {
     const std::lock_guard<std::mutex> lock(mutex);
     kept = {};
@@ -186,47 +177,17 @@ LoggedErrors LogRecords::errors() {
 }
 
 void LogRecords::append(const LogRecord& record) {
-    if (record.getLogLevel() < log4cplus::DEBUG_LOG_LEVEL) return;
     const std::lock_guard<std::mutex> lock(mutex);
-    if (listener) listener(record);
+    for (const auto& [copy, from] : copies) {
+        if (record.getLogLevel() < from) continue;
+        // One line, whatever the message holds.
+        std::fputs((formatEvent(record) + escaped(record.getMessage()) + '\n').c_str(), copy);
+        std::fflush(copy);
+    }
+    if (listener && record.getLogLevel() >= log4cplus::DEBUG_LOG_LEVEL) listener(record);
     if (record.getLogLevel() < log4cplus::ERROR_LOG_LEVEL) return;
     ++kept.total;
     if (kept.first.size() < LoggedErrors::keptAtMost) kept.first.push_back(record);
-}
-
-void setUpLogging(const std::string& level, const std::string& file, const std::string& config,
-                  const log4cplus::SharedAppenderPtr& records) {
-    check("--log-config", config, std::ios_base::in);
-    check("--log-file", file, std::ios_base::app);
-    Logger logger = LogAppender::getLogger();
-    if (config.empty()) {
-        Logger::getRoot().removeAllAppenders();
-        logger.removeAllAppenders();
-        add(logger, new Screen);
-    } else {
-        configure(config);
-    }
-    const bool leveled = !level.empty();
-    auto wanted = log4cplus::OFF_LOG_LEVEL;
-    if (leveled) {
-        wanted = log4cplus::getLogLevelManager().fromString(level);
-    } else if (!config.empty()) {
-        wanted = logger.getChainedLogLevel();
-    }
-    // The logger has to pass more on than before, to us: give the others what they got, or what was
-    // asked for.
-    for (Logger place : {logger, Logger::getRoot()}) {
-        for (const auto& other : place.getAllAppenders()) {
-            other->setThreshold(leveled ? wanted : std::max(other->getThreshold(), wanted));
-        }
-    }
-    if (!file.empty()) {
-        auto* const appender = new log4cplus::FileAppender(file, std::ios_base::app, true);
-        if (leveled) appender->setThreshold(wanted);
-        add(logger, appender);
-    }
-    logger.addAppender(records);
-    logger.setLogLevel(std::min(wanted, log4cplus::DEBUG_LOG_LEVEL));
 }
 
 }  // namespace corvanectl

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -67,14 +68,22 @@ struct LoggedErrors {
     std::size_t total = 0;
 };
 
-/// Collects the records of level ERROR and above from the host process's logger, and passes those
-/// of level DEBUG and above on as they come. Thread-safe.
+/// The log, as far as it is ours: collects the errors, passes records of level DEBUG and above on
+/// as they come, and prints them where the user wants. Thread-safe.
 class LogRecords : public log4cplus::Appender {
 public:
     using Listener = std::function<void(const LogRecord&)>;
 
+    LogRecords();
     ~LogRecords() override { destructorImpl(); }
     void close() override {}
+
+    /// Sets up the host process's logger and adds this to it. Without options the console shows
+    /// nothing: commands report the errors themselves. Throws Failure (usage) for an unusable file.
+    /// @param level   trace, debug, info, error, off; empty for the default
+    /// @param file    appended to; empty for none
+    /// @param config  a log4cplus properties file; empty for none
+    void setUp(const std::string& level, const std::string& file, const std::string& config);
 
     /// Forgets the errors.
     void restart();
@@ -92,14 +101,7 @@ private:
     std::mutex mutex;
     LoggedErrors kept;
     Listener listener;
+    std::map<std::FILE*, log4cplus::LogLevel> copies;  ///< where it is printed, from which level on
 };
-
-/// Sets up the host process's logger and adds `records` to it. Without options the console shows
-/// nothing: commands report the errors themselves. Throws Failure (usage) for an unusable file.
-/// @param level   trace, debug, info, error, off; empty for the default
-/// @param file    appended to; empty for none
-/// @param config  a log4cplus properties file; empty for none
-void setUpLogging(const std::string& level, const std::string& file, const std::string& config,
-                  const log4cplus::SharedAppenderPtr& records);
 
 }  // namespace corvanectl

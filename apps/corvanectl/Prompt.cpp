@@ -137,7 +137,7 @@ void runShell(Session& session, LineSource& input) {
     try {
         session.host.manager();
     } catch (const Failure& failure) {
-        session.report(failure);
+        session.report({}, failure.result());
     }
     std::fprintf(Streams::output,
                  "corvanectl: help explains the commands, Tab completes, Ctrl-D leaves\n");
@@ -168,12 +168,7 @@ void runShell(Session& session, LineSource& input) {
         interruptedBefore = false;
         if (line.find_first_not_of(" \t") == std::string::npos) continue;
         remember(line, history);
-        try {
-            const Invocation invocation = parseLine(line);
-            if (invocation.command != nullptr) session.run(invocation);
-        } catch (const Failure& failure) {
-            session.report(failure);
-        }
+        session.runLine(line);
     }
 }
 

@@ -4,45 +4,12 @@
 #include "Host.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 
 namespace corvanectl {
 
-/// Shows on a terminal what a command waits for, with the time left or the time gone. A thread of
-/// its own draws it; destruction removes it.
-class Progress {
-public:
-    using Clock = std::chrono::steady_clock;
-
-    explicit Progress(const std::string& command);
-    ~Progress();
-
-    /// Shows what is waited for.
-    /// @param limit  how long at most; 0 when unknown
-    /// @param delay  before it is shown
-    void show(const std::string& newLabel, std::chrono::milliseconds limit,
-              std::chrono::milliseconds delay);
-
-    /// Prints a line of its own.
-    void step(const std::string& line);
-
-private:
-    void clear();
-    void draw();
-
-    std::mutex mutex;
-    std::condition_variable change;
-    std::string label;
-    std::chrono::milliseconds length{0};
-    Clock::time_point begin;
-    Clock::time_point visibleFrom;
-    bool done = false;
-    std::thread artist;
-};
+class Progress;
 
 struct Options {
     bool json = false;
@@ -61,33 +28,30 @@ public:
     /// @param chosen  read at each command
     Session(const Options& chosen, LogRecords& logRecords);
 
-    /// Runs a command and prints its result.
-    ExitStatus run(const Invocation& invocation);
+    /// Runs a command, if there is one, and prints its result.
+    /// @return whether the sequence goes on
+    bool run(const Invocation& invocation);
+
+    /// Runs the command in a line, likewise.
+    bool runLine(const std::string& line);
 
     /// Runs a command without printing anything.
     Result runQuietly(const Invocation& invocation);
 
-    /// Prints why a command could not be read.
-    ExitStatus report(const Failure& failure);
-
     /// Prints a result. The invocation is empty when there was no command.
-    void print(const Invocation& invocation, const Result& result,
-               std::chrono::milliseconds duration = {});
+    /// @return whether the sequence goes on
+    bool report(const Invocation& invocation, const Result& result,
+                std::chrono::milliseconds duration = {});
 
     /// Shows what the command waits for.
+    /// @param limit  how long at most; 0 when nobody knows
     void waitFor(const std::string& what, std::chrono::milliseconds limit);
 
     /// Shows the library's records as the command's steps.
     void showSteps();
 
-    /// Whether the sequence goes on after a command with this status.
-    bool goesOn(ExitStatus last) const;
-
     /// Leaves the process without destroying the manager, see BluetoothManager.
     [[noreturn]] void leave();
-
-    /// Columns of the terminal on standard output, 80 when there is none.
-    static std::size_t widthOrUsual();
 
     const Options& options;
     LogRecords& records;
@@ -96,13 +60,7 @@ public:
     bool stopping = false;                    ///< ends the sequence after this command
 
 private:
-    void printJson(const Invocation& invocation, const Result& result,
-                   std::chrono::milliseconds duration);
-    void remember(ExitStatus ended) {
-        if (status == ExitStatus::success) status = ended;
-    }
-
-    std::unique_ptr<Progress> progress;
+    std::shared_ptr<Progress> progress;
 };
 
 /// The interactive shell: runs commands from the terminal on standard input until its user leaves.

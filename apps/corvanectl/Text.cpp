@@ -89,6 +89,7 @@ std::vector<std::string> splitWords(const std::string& line) {
 }
 
 std::string wrapped(const std::string& text, std::size_t width) {
+    if (width == 0) width = 80;
     std::string result;
     for (std::size_t start = 0; start < text.size();) {
         const std::size_t end = std::min(text.find('\n', start), text.size());
@@ -134,15 +135,6 @@ std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t
     }
     if (!missing.empty()) text += wrapped("(no room for " + joined(missing) + ")", width);
     text.pop_back();
-    return text;
-}
-
-std::string part(const char* list, std::size_t number) {
-    std::istringstream parts(list);
-    std::string text;
-    for (std::size_t i = 0; i <= number; ++i) {
-        if (!std::getline(parts, text, '|')) return "";
-    }
     return text;
 }
 

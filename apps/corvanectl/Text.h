@@ -23,6 +23,7 @@ std::vector<std::string> splitWords(const std::string& line);
 
 /// Breaks lines between words. Continued lines are indented to the text of the first, which starts
 /// behind a gap of two blanks.
+/// @param width  of the terminal; 0 for none
 std::string wrapped(const std::string& text, std::size_t width);
 
 /// Sets rows in columns, the first row being the headings. In a terminal that is too narrow,
@@ -32,9 +33,6 @@ std::string wrapped(const std::string& text, std::size_t width);
 /// @param width  of the terminal; 0 for no limit
 std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t kept,
                   std::size_t width);
-
-/// The part of a list with this number, from 0 on; '|' separates. Empty when there is none.
-std::string part(const char* list, std::size_t number);
 
 /// The number as 0x and this many hexadecimal digits.
 std::string hexadecimal(unsigned long number, int digits);

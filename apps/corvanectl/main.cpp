@@ -21,36 +21,21 @@ constexpr char description[] =
     "In a line, put a name with blanks in quotes; double quotes also take \\xNN, \\\" and \\\\. A "
     "radio that is on stays on when corvanectl leaves.";
 
-/// Runs the lines of standard input.
-void runLines(Session& session, LineSource& input) {
-    std::string line;
-    while (input.next(line)) {
-        ExitStatus status = ExitStatus::success;
-        try {
-            const Invocation invocation = parseLine(line);
-            if (invocation.command != nullptr) status = session.run(invocation);
-        } catch (const Failure& failure) {
-            status = session.report(failure);
-        }
-        if (!session.goesOn(status)) return;
-    }
-}
-
 /// Usage first, and lines that break between words, as wide as the terminal.
 class HelpFormatter : public CLI::Formatter {
 public:
     std::string make_help(const CLI::App* app, std::string name,
                           CLI::AppFormatMode mode) const override {
         std::string statuses;
-        for (std::size_t i = 0; i < 130; ++i) {
-            const std::string outcome = part(outcomes, i);
-            if (!outcome.empty()) statuses += std::to_string(i) + ' ' + outcome + ", ";
+        for (std::size_t i = 0; i + 1 < outcomes.size(); ++i) {
+            if (*outcomes.at(i) == '\0') continue;
+            statuses += std::to_string(i) + ' ' + outcomes.at(i) + ", ";
         }
         return wrapped("Usage: " + name + " [OPTION]... [COMMAND]...\n\n" + make_description(app) +
                            make_groups(app, mode) + "\nCommands:\n" + commandList() +
-                           "\nExit status, that of the first failure: " + statuses + "130 " +
-                           interruptedOutcome + '\n',
-                       Session::widthOrUsual());
+                           "\nExit status, that of the first failure: " + statuses +
+                           "130 interrupted\n",
+                       terminalColumns(Streams::output));
     }
 };
 
@@ -79,15 +64,14 @@ void declareOptions(CLI::App& app, Options& options) {
         ->option_text("FILE");
 }
 
-[[noreturn]] void run(Session& session, const std::vector<std::string>& words,
-                      const log4cplus::SharedAppenderPtr& records) {
+[[noreturn]] void run(Session& session, const std::vector<std::string>& words) {
     if (!words.empty() && words.front().compare(0, 1, "-") == 0) {
         throw Failure(ExitStatus::usage,
                       "unknown option " + inQuotes(words.front()) + "; --help lists the options");
     }
     const Options& options = session.options;
     if (!options.commandLog.empty()) Streams::logCommandsTo(options.commandLog);
-    setUpLogging(options.logLevel, options.logFile, options.logConfig, records);
+    session.records.setUp(options.logLevel, options.logFile, options.logConfig);
     Interrupt::install();
     LineSource input;
     if (words.empty()) session.host.cancelSource = &input;
@@ -96,13 +80,14 @@ void declareOptions(CLI::App& app, Options& options) {
     if (!words.empty()) {
         // All are read before the first runs: a slip in the last one leaves nothing half done.
         for (const Invocation& invocation : parseArguments(words)) {
-            if (!session.goesOn(session.run(invocation))) break;
+            if (!session.run(invocation)) break;
         }
     } else if (terminal && !options.json) {
         runShell(session, input);
         session.status = ExitStatus::success;
     } else {
-        runLines(session, input);
+        for (std::string line; input.next(line) && session.runLine(line);) {
+        }
     }
     session.leave();
 }
@@ -119,23 +104,23 @@ ExitStatus start(int argc, char** argv) {
             argv, argv + argc, [](const char* word) { return std::strcmp(word, "--json") == 0; });
         app.parse(argc, argv);
         options.json = app.count("--json") > 0;
-        run(session, app.remaining(), log4cplus::SharedAppenderPtr(records.get()));
+        run(session, app.remaining());
     } catch (const CLI::CallForHelp&) {
         const std::string help = app.help();
-        session.print({},
-                      {ExitStatus::success, help.substr(0, help.size() - 1), "", {{"help", help}}});
+        session.report(
+            {}, {ExitStatus::success, help.substr(0, help.size() - 1), "", {{"help", help}}});
     } catch (const CLI::CallForVersion&) {
-        session.print({}, {ExitStatus::success,
-                           "corvanectl " CORVANE_VERSION " (libCorvane " CORVANE_VERSION
-                           ", ABI " CORVANE_ABI ")",
-                           "",
-                           {{"corvanectl", CORVANE_VERSION},
-                            {"libCorvane", CORVANE_VERSION},
-                            {"abi", CORVANE_ABI}}});
+        session.report({}, {ExitStatus::success,
+                            "corvanectl " CORVANE_VERSION " (libCorvane " CORVANE_VERSION
+                            ", ABI " CORVANE_ABI ")",
+                            "",
+                            {{"corvanectl", CORVANE_VERSION},
+                             {"libCorvane", CORVANE_VERSION},
+                             {"abi", CORVANE_ABI}}});
     } catch (const CLI::ParseError& error) {
-        session.report({ExitStatus::usage, escaped(error.what()) + "; see --help"});
+        session.report({}, {ExitStatus::usage, "", escaped(error.what()) + "; see --help"});
     } catch (const Failure& failure) {
-        session.report(failure);
+        session.report({}, failure.result());
     }
     return session.status;
 }
