@@ -2,7 +2,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <array>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -37,25 +36,10 @@ enum class ExitStatus : int {
 };
 
 /// The field "outcome" of --json, by exit status from 0 on; the last one is that of interrupted.
-constexpr std::array<const char*, 19> outcomes{"success",
-                                               "unexpected",
-                                               "usage",
-                                               "no-bus",
-                                               "bad-setting",
-                                               "no-identity",
-                                               "refused",
-                                               "no-device",
-                                               "incomplete",
-                                               "busy",
-                                               "",
-                                               "request-timeout",
-                                               "request-cancelled",
-                                               "request-connect-failed",
-                                               "request-failed",
-                                               "request-device-not-found",
-                                               "not-logged",
-                                               "board-unfit",
-                                               "interrupted"};
+constexpr char outcomes[] =
+    "success|unexpected|usage|no-bus|bad-setting|no-identity|refused|no-device|incomplete|busy||"
+    "request-timeout|request-cancelled|request-connect-failed|request-failed|"
+    "request-device-not-found|not-logged|board-unfit|interrupted";
 
 /// What a command reports.
 struct Result {
@@ -105,8 +89,11 @@ const std::vector<Command>& commands();
 /// @return null when there is no such command
 const Command* findCommand(const std::string& name);
 
-/// The words in something that a command takes: "[all|paired]" has two.
-std::vector<std::string> choicesOf(std::string takes);
+/// Whether this, of what a command takes, is a list of choices.
+bool isChoice(const std::string& taken);
+
+/// The texts in a list like "[all|paired]"; some may be empty.
+std::vector<std::string> choicesOf(std::string list);
 
 /// The commands and what they take, one per line.
 std::string commandList();

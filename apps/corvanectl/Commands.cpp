@@ -4,10 +4,9 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <cctype>
-#include <cstring>
 #include <deque>
 #include <iomanip>
+#include <regex>
 #include <sstream>
 
 namespace corvanectl {
@@ -72,9 +71,7 @@ std::string faultIn(std::string argument, const std::string& taken) {
     if (argument.empty()) return taken + " must not be empty";
     if (taken == "[COMMAND]") commandNamed(argument);
     if (taken == "TIMEOUT") return CLI::Range(0U, 999999999U)(argument);
-    const bool isWord =
-        std::none_of(taken.begin(), taken.end(), [](char c) { return std::islower(c) != 0; });
-    return isWord ? "" : CLI::IsMember(choicesOf(taken))(argument);
+    return isChoice(taken) ? CLI::IsMember(choicesOf(taken))(argument) : "";
 }
 
 /// Takes a command's name and its arguments, or a whole line, from the front.
@@ -84,15 +81,11 @@ Invocation takeCommand(Words& words) {
     const Command& command = commandNamed(name);
     Invocation invocation{&command, {}, nullptr};
     for (const std::string& taken : splitWords(command.takes)) {
-        if (taken == "--") {
-            if (words.empty() || take(words) != "--") {
-                throw wrongUse(command, "expected -- after the timeout");
-            }
+        if (taken == "COMMAND") {
+            invocation.arguments.pop_back();  // the --
             if (!words.empty()) invocation.inner = std::make_shared<Invocation>(takeCommand(words));
-            if (!invocation.inner || invocation.inner->command == nullptr) {
-                throw wrongUse(command, "the command is missing");
-            }
-            break;
+            if (invocation.inner && invocation.inner->command != nullptr) break;
+            throw wrongUse(command, "the command is missing");
         }
         const bool optional = taken.front() == '[';
         if (words.empty() && !optional) throw wrongUse(command, taken + " is required");
@@ -167,11 +160,14 @@ const Command* findCommand(const std::string& name) {
     return match == table.end() ? nullptr : &*match;
 }
 
-std::vector<std::string> choicesOf(std::string takes) {
-    for (char& c : takes) {
-        if (std::strchr("[|]", c) != nullptr) c = ' ';
-    }
-    return splitWords(takes);
+bool isChoice(const std::string& taken) { return std::regex_match(taken, std::regex("[^A-Z]+")); }
+
+std::vector<std::string> choicesOf(std::string list) {
+    if (list.front() == '[') list = list.substr(1, list.size() - 2);
+    std::istringstream stream(list);
+    std::vector<std::string> choices;
+    for (std::string choice; std::getline(stream, choice, '|');) choices.push_back(choice);
+    return choices;
 }
 
 std::string commandList() {

@@ -6,6 +6,8 @@
 #include "bluetoothRequests/ScanBluetoothRequest.h"
 #include "bluetoothRequests/WaitBluetoothPairingRequest.h"
 
+#include <glib.h>
+
 #include <array>
 
 namespace corvanectl {
@@ -33,28 +35,28 @@ constexpr std::array<AnswerRow, 6> answerRows{{
 
 struct MajorClass {
     const char* name;
-    std::vector<const char*> minors;  // from number 1 on; empty: not told apart
+    const char* minors;  // from number 1 on; empty: not told apart
 };
 
 constexpr std::uint32_t peripheral = 5;
 
-const std::vector<MajorClass> majorClasses{
-    {"Miscellaneous", {}},
-    {"Computer", {"desktop", "server", "laptop", "handheld", "palm-size", "wearable", "tablet"}},
-    {"Phone", {"cellular", "cordless", "smartphone", "modem or gateway", "ISDN"}},
-    {"Network access point", {}},
+constexpr std::array<MajorClass, 10> majorClasses{{
+    {"Miscellaneous", ""},
+    {"Computer", "desktop|server|laptop|handheld|palm-size|wearable|tablet"},
+    {"Phone", "cellular|cordless|smartphone|modem or gateway|ISDN"},
+    {"Network access point", ""},
     {"Audio/video",
-     {"headset", "hands-free", nullptr, "microphone", "loudspeaker", "headphones", "portable audio",
-      "car audio", "set-top box", "hi-fi", "VCR", "video camera", "camcorder", "video monitor",
-      "video display and loudspeaker", "video conferencing", nullptr, "gaming or toy"}},
+     "headset|hands-free||microphone|loudspeaker|headphones|portable audio|car audio|set-top box|"
+     "hi-fi|VCR|video camera|camcorder|video monitor|video display and loudspeaker|"
+     "video conferencing||gaming or toy"},
     {"Peripheral",
-     {"joystick", "gamepad", "remote control", "sensing device", "digitizer tablet", "card reader",
-      "digital pen", "handheld scanner", "handheld gestural input"}},
-    {"Imaging", {}},
-    {"Wearable", {"wristwatch", "pager", "jacket", "helmet", "glasses", "pin"}},
-    {"Toy", {}},
-    {"Health", {}},
-};
+     "joystick|gamepad|remote control|sensing device|digitizer tablet|card reader|digital pen|"
+     "handheld scanner|handheld gestural input"},
+    {"Imaging", ""},
+    {"Wearable", "wristwatch|pager|jacket|helmet|glasses|pin"},
+    {"Toy", ""},
+    {"Health", ""},
+}};
 
 /// A Class of Device in words, "Phone, smartphone": major and minor device class by the Bluetooth
 /// Assigned Numbers, Baseband. Unassigned numbers appear as such.
@@ -71,17 +73,15 @@ std::string kindOf(std::uint32_t deviceClass) {
         if ((minor & 0x20) != 0) text += ", pointing device";
         minor &= 0x0F;
     }
-    if (minor == 0 || row.minors.empty()) return text;
-    const char* const name = minor <= row.minors.size() ? row.minors[minor - 1] : nullptr;
-    return text + ", " + (name == nullptr ? "minor class " + std::to_string(minor) : name);
-}
-
-/// A vendor of 0 means that the device did not identify itself.
-std::string idText(const Device& device, std::uint16_t id) {
-    return device.info.vendorId == 0 ? "-" : hexadecimal(id, 4);
+    if (minor == 0 || *row.minors == '\0') return text;
+    std::vector<std::string> names = choicesOf(row.minors);
+    names.resize(64);
+    return text + ", " +
+           (names[minor - 1].empty() ? "minor class " + std::to_string(minor) : names[minor - 1]);
 }
 
 Json toJson(const Device& device) {
+    // A vendor of 0 means that the device did not identify itself.
     const bool identified = device.info.vendorId != 0;
     const auto id = [&](std::uint16_t number) { return identified ? Json(number) : Json(); };
     return {{"address", device.info.macAddress},
@@ -96,15 +96,12 @@ Json toJson(const Device& device) {
             {"playback", device.playback}};
 }
 
-std::string flagsOf(const Device& device) {
-    std::vector<std::string> flags;
-    if (device.paired) flags.emplace_back("paired");
-    if (device.connected) flags.emplace_back("connected");
-    if (device.playback) flags.emplace_back("playback");
-    return joined(flags);
+/// A value of toJson() for people.
+std::string shown(const Json& value) {
+    if (value.is_null()) return "-";
+    if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
+    return value.is_number() ? hexadecimal(value, 4) : escaped(value.get<std::string>());
 }
-
-const char* yesOrNo(bool yes) { return yes ? "yes" : "no"; }
 
 /// Finds the device that the invocation names and runs an operation on it.
 Result act(Session& session, const Invocation& invocation, const char* done, const char* failed,
@@ -196,11 +193,14 @@ Result listDevices(Session& session, const Invocation& invocation) {
     std::vector<std::vector<std::string>> rows{
         {"ADDRESS", "NAME", "FLAGS", "KIND", "VENDOR", "PRODUCT"}};
     for (const Device& device : session.host.devices(type)) {
-        const BluetoothConnectionInfo& info = device.info;
-        rows.push_back({escaped(info.macAddress), escaped(info.name), flagsOf(device),
-                        kindOf(info.deviceClass), idText(device, info.vendorId),
-                        idText(device, info.productId)});
-        result.data["devices"].push_back(toJson(device));
+        const Json object = toJson(device);
+        std::vector<std::string> flags;
+        for (const char* flag : {"paired", "connected", "playback"}) {
+            if (object[flag].get<bool>()) flags.emplace_back(flag);
+        }
+        rows.push_back({shown(object["address"]), shown(object["name"]), joined(flags),
+                        shown(object["kind"]), shown(object["vendor"]), shown(object["product"])});
+        result.data["devices"].push_back(object);
     }
     result.text =
         rows.size() == 1 ? "No devices" : table(rows, 2, terminalColumns(Streams::output));
@@ -208,21 +208,13 @@ Result listDevices(Session& session, const Invocation& invocation) {
 }
 
 Result findDevice(Session& session, const Invocation& invocation) {
-    const Device device = session.host.device(ALL_DEVICES, invocation.arguments.front());
-    const BluetoothConnectionInfo& info = device.info;
     Result result;
-    result.data = toJson(device);
-    result.text = table({{"Address:", escaped(info.macAddress)},
-                         {"Name:", escaped(info.name)},
-                         {"Class:", hexadecimal(info.deviceClass, 6)},
-                         {"Kind:", kindOf(info.deviceClass)},
-                         {"Vendor:", idText(device, info.vendorId)},
-                         {"Product:", idText(device, info.productId)},
-                         {"Version:", idText(device, info.versionId)},
-                         {"Paired:", yesOrNo(device.paired)},
-                         {"Connected:", yesOrNo(device.connected)},
-                         {"Playback device:", yesOrNo(device.playback)}},
-                        2, 0);
+    result.data = toJson(session.host.device(ALL_DEVICES, invocation.arguments.front()));
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& [key, value] : result.data.items()) {
+        rows.push_back({g_ascii_toupper(key[0]) + key.substr(1) + ':', shown(value)});
+    }
+    result.text = table(rows, 2, 0);
     return result;
 }
 

@@ -1,3 +1,4 @@
+#include "Handles.h"
 #include "RadioWirings.h"
 #include "Session.h"
 #include "Shell.h"
@@ -134,8 +135,7 @@ private:
     void tools() {
         for (const char* name : {"rfkill", "insmod", "modprobe", "uname", "hciconfig",
                                  "start-stop-daemon", "killall", "cp", "diff", "grep"}) {
-            const std::unique_ptr<char, decltype(&g_free)> path(g_find_program_in_path(name),
-                                                                &g_free);
+            const corvane::TextPtr path(g_find_program_in_path(name));
             judge(name, "a command that the library runs", path ? path.get() : "",
                   path ? "" : "not in PATH",
                   "install it, or busybox with this applet; hciconfig is one of BlueZ's deprecated "
@@ -324,21 +324,15 @@ private:
 };
 
 std::string outputOf(const std::string& command) {
+    const corvane::PipePtr pipe(popen(("{ " + command + "; } 2>&1").c_str(), "r"));
     std::string output;
-    if (std::FILE* const pipe = popen((command + " 2>&1").c_str(), "r")) {
-        for (int c = 0; (c = std::fgetc(pipe)) != EOF;) output += static_cast<char>(c);
-        pclose(pipe);
-    }
+    for (int c = 0; pipe && (c = std::fgetc(pipe.get())) != EOF;) output += static_cast<char>(c);
     return output;
 }
 
 std::string sinceLastBoot(const std::string& log) {
     const std::size_t boot = log.rfind("Linux version");
     return boot == std::string::npos ? log : log.substr(log.rfind('\n', boot) + 1);
-}
-
-std::string ask(const std::string& service, const std::string& call) {
-    return outputOf("dbus-send --system --print-reply --dest=" + service + " / " + call);
 }
 
 /// The names that BlueZ knows or remembers, the appliance's own included, longest first. Names of a
@@ -389,21 +383,25 @@ Result writeReport(Session& session, const Invocation& invocation) {
     if (mkdtemp(folder.data()) == nullptr) {
         throw Failure(ExitStatus::refused, folder + ": " + std::strerror(errno));
     }
-    const std::string owner =
-        ask("org.freedesktop.DBus", "org.freedesktop.DBus.NameHasOwner string:org.bluez");
-    const bool bluez = owner.find("true") != std::string::npos;
-    if (bluez && !hide && !outputOf("command -v btmon").empty()) traceScan(session.host, folder);
-    const std::string objects =
-        bluez ? ask(bluezName, "org.freedesktop.DBus.ObjectManager.GetManagedObjects")
-              : "BlueZ is not on the bus: " + owner;
+    // Asked for its owner first, BlueZ is not started.
+    const char* const askBluez =
+        "dbus-send --system --print-reply --dest=org.freedesktop.DBus / "
+        "org.freedesktop.DBus.GetNameOwner string:org.bluez && "
+        "dbus-send --system --print-reply --dest=org.bluez / "
+        "org.freedesktop.DBus.ObjectManager.GetManagedObjects";
+    std::string objects = outputOf(askBluez);
+    if (!hide && objects.find("array") != std::string::npos &&
+        !outputOf("command -v btmon").empty()) {
+        traceScan(session.host, folder);
+        objects = outputOf(askBluez);
+    }
     const Result findings = examineBoard(session, invocation);
     const auto names = hide ? knownNames(objects) : std::vector<std::string>();
+    const std::string version = "echo corvanectl " CORVANE_VERSION ", ABI " CORVANE_ABI;
     for (const auto& [name, text] : std::vector<std::pair<const char*, std::string>>{
              {"doctor.txt", findings.text + '\n'},
-             {"versions.txt",
-              "corvanectl " CORVANE_VERSION ", ABI " CORVANE_ABI "\n" +
-                  outputOf("uname -a; " + std::string(corvane::bluezDaemon.program) +
-                           " --version; cat /etc/os-release")},
+             {"versions.txt", outputOf(version + "; uname -a; " + corvane::bluezDaemon.program +
+                                       " --version; cat /etc/os-release")},
              {"state.txt", outputOf("date; uptime; hciconfig -a; rfkill list; lsmod; ps")},
              {"kernel.log", outputOf("dmesg")},
              {"system.log", sinceLastBoot(contentOf(corvane::systemLog))},

@@ -1,6 +1,7 @@
 #include "Host.h"
 
 #include "Bluez.h"
+#include "Handles.h"
 #include "RadioWirings.h"
 #include "Text.h"
 #include "hwcommon/DBusHardwareProxy.h"
@@ -100,28 +101,25 @@ std::string Host::boardName() {
 }
 
 std::vector<std::string> Host::adapterFaults() {
-    GDBusConnection* const shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    if (shared == nullptr) return {"GIO has no bus"};
-    g_dbus_connection_set_exit_on_close(shared, FALSE);
-    GVariant* const reply = g_dbus_connection_call_sync(
-        shared, bluezName, corvane::bluez::adapterPath, "org.freedesktop.DBus.Properties", "GetAll",
-        g_variant_new("(s)", corvane::bluez::adapterInterface), G_VARIANT_TYPE("(a{sv})"),
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr);
-    g_object_unref(shared);
-    if (reply == nullptr) return {"BlueZ has no adapter"};
-    GVariant* const all = g_variant_get_child_value(reply, 0);
-    gboolean powered = FALSE;
-    gboolean pairable = FALSE;
-    const char* alias = "";
-    g_variant_lookup(all, "Powered", "b", &powered);
-    g_variant_lookup(all, "Pairable", "b", &pairable);
-    g_variant_lookup(all, "Alias", "&s", &alias);
+    const std::unique_ptr<GDBusProxy, corvane::HandleDeleter<g_object_unref>> adapter(
+        g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START,
+                                      nullptr, bluezName, corvane::bluez::adapterPath,
+                                      corvane::bluez::adapterInterface, nullptr, nullptr));
+    const auto property = [&](const char* name) {
+        return corvane::VariantPtr(adapter ? g_dbus_proxy_get_cached_property(adapter.get(), name)
+                                           : nullptr);
+    };
+    const auto powered = property("Powered");
+    const auto pairable = property("Pairable");
+    const auto alias = property("Alias");
+    if (!powered || !pairable || !alias) return {"BlueZ has no adapter"};
     std::vector<std::string> faults;
-    if (powered == FALSE) faults.emplace_back("the adapter is not powered");
-    if (pairable == FALSE) faults.emplace_back("the adapter is not pairable");
-    if (boardName() != alias) faults.push_back("the adapter's name is " + inQuotes(alias));
-    g_variant_unref(all);
-    g_variant_unref(reply);
+    const std::string name = g_variant_get_string(alias.get(), nullptr);
+    if (g_variant_get_boolean(powered.get()) == FALSE) faults = {"the adapter is not powered"};
+    if (g_variant_get_boolean(pairable.get()) == FALSE) {
+        faults.emplace_back("the adapter is not pairable");
+    }
+    if (name != boardName()) faults.push_back("the adapter's name is " + inQuotes(name));
     return faults;
 }
 

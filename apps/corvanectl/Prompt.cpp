@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
 #include <sys/stat.h>
@@ -20,59 +19,44 @@ namespace {
 Host* completionHost = nullptr;
 std::vector<std::string> candidates;
 
-/// What may follow the words. Device names are those of the last scan.
-std::vector<std::string> continuations(const std::vector<std::string>& words) {
-    const Command* const command = words.empty() ? nullptr : findCommand(words.front());
-    const std::string takes = command == nullptr ? "" : command->takes;
-    const auto separator = std::find(words.begin(), words.end(), "--");
-    if (separator != words.end()) return continuations({separator + 1, words.end()});
-    if (words.empty() || (takes == "[COMMAND]" && words.size() == 1)) {
-        std::vector<std::string> names;
-        for (const Command& row : commands()) names.emplace_back(row.name);
-        return names;
-    }
-    if (words.size() > 1) return {};
-    if (takes == "NAME" && completionHost->managerIsUp()) {
-        const BluetoothDeviceListType list = words.front() == "connect"      ? PAIRED_DEVICES
-                                             : words.front() == "disconnect" ? CONNECTED_DEVICES
-                                                                             : ALL_DEVICES;
-        return completionHost->manager().getBluetoothDeviceListNames(list);
-    }
-    return takes.find('|') == std::string::npos ? std::vector<std::string>() : choicesOf(takes);
-}
-
-bool needsQuotes(const std::string& text) {
-    return text.empty() || std::any_of(text.begin(), text.end(), [](char c) {
-               return !g_ascii_isalnum(c) && std::strchr(":_-.", c) == nullptr;
-           });
-}
-
-/// Fills the candidates: what may stand in place of the line's last word, from `start` on.
-void complete(const std::string& line, std::size_t start) {
-    // The last word begins behind the last blank outside quotes: what is before can be read.
-    std::vector<std::string> words;
-    std::size_t word = line.size() + 1;
-    for (bool readable = false; !readable;) {
-        word = word < 2 ? 0 : line.rfind(' ', word - 2) + 1;  // npos + 1 is 0
-        try {
-            words = splitWords(line.substr(0, word));
-            readable = true;
-        } catch (const Failure&) {
-            if (word == 0) return;
+/// What the command may take. Device names are those of the last scan.
+std::vector<std::string> argumentsOf(const Command& command) {
+    const std::string takes = command.takes;
+    std::vector<std::string> arguments;
+    if (takes == "[COMMAND]") {
+        for (const Command& row : commands()) arguments.emplace_back(row.name);
+    } else if (takes == "NAME" && completionHost->managerIsUp()) {
+        const BluetoothDeviceListType list = command.run == connectDevice      ? PAIRED_DEVICES
+                                             : command.run == disconnectDevice ? CONNECTED_DEVICES
+                                                                               : ALL_DEVICES;
+        for (const auto& name : completionHost->manager().getBluetoothDeviceListNames(list)) {
+            arguments.push_back(inQuotes(name));
         }
+    } else if (isChoice(takes)) {
+        arguments = choicesOf(takes);
     }
-    const bool quoted = line[word] == '"';
-    const std::string typed = line.substr(word + (quoted ? 1 : 0));
-    std::vector<std::string> texts = continuations(words);
-    const auto differs = [&](const std::string& text) {
-        return inQuotes(text).compare(1, typed.size(), typed) != 0;
+    return arguments;
+}
+
+/// Fills the candidates: what may stand in place of the line's end, from `start` on, where libedit
+/// sees the last word begin: at the last blank, even within quotes.
+void complete(const std::string& line, std::size_t start) {
+    const std::size_t separator = line.rfind(" -- ");  // a command of its own follows
+    const std::size_t begin = separator == std::string::npos ? 0 : separator + 4;
+    const auto goesOn = [&](const std::string& with) {
+        return with.compare(0, line.size() - begin, line, begin) == 0;
     };
-    texts.erase(std::remove_if(texts.begin(), texts.end(), differs), texts.end());
-    // When one needs quotes, all have them, so that they share their beginning.
-    const bool quotes = quoted || std::any_of(texts.begin(), texts.end(), needsQuotes);
-    for (const std::string& text : texts) {
-        // libedit's word begins at the last blank, even within quotes.
-        candidates.push_back((quotes ? inQuotes(text) : text).substr(start - word));
+    for (const Command& command : commands()) {
+        const std::string name = command.name;
+        if (goesOn(name)) candidates.push_back(name);
+        const std::size_t argument = begin + name.size() + 1;
+        for (const std::string& text : argumentsOf(command)) {
+            // The quote comes by itself.
+            const bool bare = text.front() == '"' && start == argument;
+            if (goesOn(name + ' ' + text) || (bare && goesOn(name + ' ' + text.substr(1)))) {
+                if (start >= argument) candidates.push_back(text.substr(start - argument));
+            }
+        }
     }
 }
 

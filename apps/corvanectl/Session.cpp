@@ -101,11 +101,12 @@ std::string fileOf(const LogRecord& record) {
 void printJson(const Invocation& invocation, const Result& result, const LoggedErrors& errors,
                milliseconds duration) {
     const auto number = static_cast<std::size_t>(result.status);
+    const std::vector<std::string> names = choicesOf(outcomes);
     const bool known = invocation.command != nullptr;
     Json object{{"command", known ? Json(invocation.command->name) : Json()},
                 {"arguments", invocation.arguments},
                 {"status", number},
-                {"outcome", outcomes.at(std::min(number, outcomes.size() - 1))},
+                {"outcome", names.at(std::min(number, names.size() - 1))},
                 {"problem", result.problem.empty() ? Json() : Json(result.problem)},
                 {"result", result.data},
                 {"duration_ms", duration.count()},

@@ -27,14 +27,15 @@ public:
     std::string make_help(const CLI::App* app, std::string name,
                           CLI::AppFormatMode mode) const override {
         std::string statuses;
-        for (std::size_t i = 0; i + 1 < outcomes.size(); ++i) {
-            if (*outcomes.at(i) == '\0') continue;
-            statuses += std::to_string(i) + ' ' + outcomes.at(i) + ", ";
+        int status = 0;
+        for (const std::string& outcome : choicesOf(outcomes)) {
+            if (outcome == "interrupted") status = static_cast<int>(ExitStatus::interrupted);
+            if (!outcome.empty()) statuses += ", " + std::to_string(status) + ' ' + outcome;
+            ++status;
         }
         return wrapped("Usage: " + name + " [OPTION]... [COMMAND]...\n\n" + make_description(app) +
                            make_groups(app, mode) + "\nCommands:\n" + commandList() +
-                           "\nExit status, that of the first failure: " + statuses +
-                           "130 interrupted\n",
+                           "\nExit status, that of the first failure: " + statuses.substr(2) + '\n',
                        terminalColumns(Streams::output));
     }
 };

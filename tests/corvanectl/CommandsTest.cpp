@@ -48,7 +48,7 @@ INSTANTIATE_TEST_SUITE_P(
         Answer{"BadEscape", {"on", "pair \"\\xZZ\""}, 2, "malformed escape"},
         Answer{"ZeroByte", {"on", "watch-log \"a\\x00b\" 5 -- on"}, 2, "not .x00"},
         Answer{"BadTimeout", {"on", "watch-log", "x", "-1", "--", "on"}, 2, "-1 not in range"},
-        Answer{"NoSeparator", {"on", "watch-log x 5 on"}, 2, "expected -- after the timeout"},
+        Answer{"NoSeparator", {"on", "watch-log x 5 on"}, 2, "watch-log: on not in .--.; use"},
         Answer{"NoInner", {"on", "watch-log x 5 --"}, 2, "the command is missing"},
         Answer{"Cancel", {"cancel"}, 0, "^No request is running\n$"},
         Answer{"LogTrace", {"--log-level", "trace", "wait-pair Keyboard"}, 14, "Searching for Key"},
