@@ -40,7 +40,6 @@ Result showHelp(Session& /*session*/, const Invocation& invocation) {
             {{"usage", usageOf(command)}, {"help", command.help}, {"details", command.details}});
     }
     result.text = wrapped(result.text, terminalColumns(Streams::output));
-    result.text.erase(result.text.find_last_not_of(" \n") + 1);
     return result;
 }
 

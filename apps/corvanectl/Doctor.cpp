@@ -379,10 +379,10 @@ Result examineBoard(Session& session, const Invocation& /*invocation*/) {
 Result writeReport(Session& session, const Invocation& invocation) {
     const std::string& file = invocation.arguments.back();
     const bool hide = invocation.arguments.size() > 1;
-    std::string folder = (fs::temp_directory_path() / "corvanectl-report-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) {
-        throw Failure(ExitStatus::refused, folder + ": " + std::strerror(errno));
-    }
+    const corvane::TextPtr made(g_dir_make_tmp("corvanectl-report-XXXXXX", nullptr));
+    if (!made)
+        throw Failure(ExitStatus::refused, "cannot make a temporary folder: " + systemError());
+    const std::string folder = made.get();
     // Asked for its owner first, BlueZ is not started.
     const char* const askBluez =
         "dbus-send --system --print-reply --dest=org.freedesktop.DBus / "

@@ -88,15 +88,12 @@ Result showStatus(Session& session, const Invocation& /*invocation*/) {
     std::string counts = "unknown, BlueZ is not on the bus";
     if (bluez) {
         host.refresh();
-        const auto count = [&](BluetoothDeviceListType type) {
-            return manager.getBluetoothDeviceListSize(type);
-        };
-        result.data["devices"] = {{"all", count(ALL_DEVICES)},
-                                  {"paired", count(PAIRED_DEVICES)},
-                                  {"connected", count(CONNECTED_DEVICES)}};
-        counts = std::to_string(count(ALL_DEVICES)) + " known, " +
-                 std::to_string(count(PAIRED_DEVICES)) + " paired, " +
-                 std::to_string(count(CONNECTED_DEVICES)) + " connected";
+        const unsigned all = manager.getBluetoothDeviceListSize(ALL_DEVICES);
+        const unsigned paired = manager.getBluetoothDeviceListSize(PAIRED_DEVICES);
+        const unsigned connected = manager.getBluetoothDeviceListSize(CONNECTED_DEVICES);
+        result.data["devices"] = {{"all", all}, {"paired", paired}, {"connected", connected}};
+        counts = std::to_string(all) + " known, " + std::to_string(paired) + " paired, " +
+                 std::to_string(connected) + " connected";
     }
     result.text =
         table({{"Setting:", setting ? onOrOff(*setting) : "off (not set since the last boot)"},

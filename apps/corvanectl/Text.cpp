@@ -107,6 +107,7 @@ std::string wrapped(const std::string& text, std::size_t width) {
         }
         result += line + '\n';
     }
+    result.erase(result.find_last_not_of(" \n") + 1);
     return result;
 }
 
@@ -133,9 +134,8 @@ std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t
         text.erase(text.find_last_not_of(' ') + 1);
         text += '\n';
     }
-    if (!missing.empty()) text += wrapped("(no room for " + joined(missing) + ")", width);
-    text.pop_back();
-    return text;
+    if (missing.empty()) return text.substr(0, text.size() - 1);
+    return text + wrapped("(no room for " + joined(missing) + ")", width);
 }
 
 std::string hexadecimal(unsigned long number, int digits) {

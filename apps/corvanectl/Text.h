@@ -21,8 +21,8 @@ std::string inQuotes(std::string_view text);
 /// open quote or a malformed escape.
 std::vector<std::string> splitWords(const std::string& line);
 
-/// Breaks lines between words. Continued lines are indented to the text of the first, which starts
-/// behind a gap of two blanks.
+/// Breaks lines between words, and ends the last one where it ends. Continued lines are indented to
+/// the text of the first, which starts behind a gap of two blanks.
 /// @param width  of the terminal; 0 for none
 std::string wrapped(const std::string& text, std::size_t width);
 

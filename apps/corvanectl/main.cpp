@@ -22,27 +22,23 @@ constexpr char description[] =
     "radio that is on stays on when corvanectl leaves.";
 
 /// Usage first, and lines that break between words, as wide as the terminal.
-class HelpFormatter : public CLI::Formatter {
-public:
-    std::string make_help(const CLI::App* app, std::string name,
-                          CLI::AppFormatMode mode) const override {
-        std::string statuses;
-        int status = 0;
-        for (const std::string& outcome : choicesOf(outcomes)) {
-            if (outcome == "interrupted") status = static_cast<int>(ExitStatus::interrupted);
-            if (!outcome.empty()) statuses += ", " + std::to_string(status) + ' ' + outcome;
-            ++status;
-        }
-        return wrapped("Usage: " + name + " [OPTION]... [COMMAND]...\n\n" + make_description(app) +
-                           make_groups(app, mode) + "\nCommands:\n" + commandList() +
-                           "\nExit status, that of the first failure: " + statuses.substr(2) + '\n',
-                       terminalColumns(Streams::output));
+std::string helpOf(const CLI::App& app) {
+    std::string statuses;
+    int status = 0;
+    for (const std::string& outcome : choicesOf(outcomes)) {
+        if (outcome == "interrupted") status = static_cast<int>(ExitStatus::interrupted);
+        if (!outcome.empty()) statuses += ", " + std::to_string(status) + ' ' + outcome;
+        ++status;
     }
-};
+    return wrapped("Usage: corvanectl [OPTION]... [COMMAND]...\n\n" + app.get_description() + '\n' +
+                       CLI::Formatter().make_groups(&app, CLI::AppFormatMode::Normal) +
+                       "\nCommands:\n" + commandList() +
+                       "\nExit status, that of the first failure: " + statuses.substr(2),
+                   terminalColumns(Streams::output));
+}
 
 void declareOptions(CLI::App& app, Options& options) {
     app.prefix_command();
-    app.formatter(std::make_shared<HelpFormatter>());
     app.set_help_flag("-h,--help", "Print this help and leave");
     app.set_version_flag("--version", "", "Print the versions of corvanectl and libCorvane");
     app.add_flag("--json", options.json,
@@ -50,19 +46,19 @@ void declareOptions(CLI::App& app, Options& options) {
     app.add_flag("-k,--keep-going", options.keepGoing, "Go on after a command that failed");
     app.add_flag("--teardown", options.tearDown,
                  "Stop the HID daemon and the audio bridge when leaving");
-    app.add_option("--log-level", options.logLevel,
-                   "Show the log on standard error from this level on: trace, debug, info, error, "
-                   "off")
-        ->check(CLI::IsMember({"trace", "debug", "info", "error", "off"}))
-        ->option_text("LEVEL");
-    app.add_option("--log-file", options.logFile, "Append the log to a file")->option_text("FILE");
-    app.add_option("--log-config", options.logConfig,
-                   "Configure the log from a log4cplus properties file; also CORVANE_LOG_CONFIG")
-        ->envname("CORVANE_LOG_CONFIG")
-        ->option_text("FILE");
-    app.add_option("--command-log", options.commandLog,
-                   "Append what the library's commands and daemons print to a file")
-        ->option_text("FILE");
+    const auto addText = [&](const char* name, std::string& text, const char* takes,
+                             const char* help) {
+        return app.add_option(name, text, help)->option_text(takes);
+    };
+    addText("--log-level", options.logLevel, "LEVEL",
+            "Show the log on standard error from this level on: trace, debug, info, error, off")
+        ->check(CLI::IsMember({"trace", "debug", "info", "error", "off"}));
+    addText("--log-file", options.logFile, "FILE", "Append the log to a file");
+    addText("--log-config", options.logConfig, "FILE",
+            "Configure the log from a log4cplus properties file; also CORVANE_LOG_CONFIG")
+        ->envname("CORVANE_LOG_CONFIG");
+    addText("--command-log", options.commandLog, "FILE",
+            "Append what the library's commands and daemons print to a file");
 }
 
 [[noreturn]] void run(Session& session, const std::vector<std::string>& words) {
@@ -107,9 +103,8 @@ ExitStatus start(int argc, char** argv) {
         options.json = app.count("--json") > 0;
         run(session, app.remaining());
     } catch (const CLI::CallForHelp&) {
-        const std::string help = app.help();
-        session.report(
-            {}, {ExitStatus::success, help.substr(0, help.size() - 1), "", {{"help", help}}});
+        const std::string help = helpOf(app);
+        session.report({}, {ExitStatus::success, help, "", {{"help", help}}});
     } catch (const CLI::CallForVersion&) {
         session.report({}, {ExitStatus::success,
                             "corvanectl " CORVANE_VERSION " (libCorvane " CORVANE_VERSION
