@@ -9,6 +9,7 @@
 #include "BluetoothManager.h"
 
 #include "Board.h"
+#include "Requests.h"
 #include "bluetoothRequests/ConnectBluetoothRequest.h"
 #include "bluetoothRequests/DisconnectBluetoothRequest.h"
 #include "bluetoothRequests/ScanBluetoothRequest.h"
@@ -19,29 +20,25 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
+#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <malloc.h>
-#include <unistd.h>
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr char logFile[] = "/tmp/endurance.log";  // what the library logs
-constexpr int leftOpenOnPurpose = 3;              // HCI sockets of each switching on
-constexpr unsigned longestAnswer = 100'000;       // ms; a HID call gives up after 60 s
+constexpr int leftOpenOnPurpose = 3;  // HCI sockets of each switching on
 
 // The most that may be gained over a run. Heap: less than a block (16 bytes) for each step, and in
 // a short run the difference between two looks. Private memory: pages that the allocator already
@@ -78,39 +75,36 @@ Vitals vitalsNow() {
             static_cast<int>(std::distance(begin(open), end(open)))};
 }
 
-/// Samples from moments that ought to be alike. The first tenth settles what is made once; from
-/// then on memory must be flat, and descriptors and threads must stay the same.
+/// Samples from moments that ought to be alike: memory must be flat, descriptors and threads must
+/// stay the same.
 class Trend {
 public:
-    explicit Trend(unsigned length) : warmUp(std::max(2U, length / 10)) { kept.reserve(length); }
-
     /// @param switchings  how often the radio has been switched on so far
-    void sample(unsigned step, int switchings) {
+    void sample(unsigned step, unsigned switchings) {
         Vitals now{};
         // A request's thread ends, and a connection closes, some moments later.
         if (kept.empty()) std::this_thread::sleep_for(1s);
         const bool same = board::waitFor(
             [&] {
                 now = vitalsNow();
-                now.descriptors -= leftOpenOnPurpose * switchings;
+                now.descriptors -= leftOpenOnPurpose * static_cast<int>(switchings);
                 return kept.empty() || (now.threads == kept.front().threads &&
                                         now.descriptors == kept.front().descriptors);
             },
             10'000);
+        changed = changed || !same;
+        if (kept.empty()) first = step;
+        steps = step - first;
+        kept.push_back(now);
         std::printf("%u\t%.0f\t%.0f\t%d\t%d\n", step, now.heap, now.dirty, now.threads,
                     now.descriptors);
-        if (step < warmUp) return;
-        if (!same) changed = true;
-        if (kept.empty()) first = step;
-        last = step;
-        kept.push_back(now);
     }
 
     /// What is not flat; empty when all is.
     std::string complaints() const {
         if (kept.size() < 3) return "too few samples; ";
         std::string all = changed ? "threads or descriptors differ; " : "";
-        const double heapLimit = std::max(heapLimitPerStep * (last - first), heapLimitAtLeast);
+        const double heapLimit = std::max(heapLimitPerStep * steps, heapLimitAtLeast);
         if (rise(&Vitals::heap) > heapLimit) all += "the heap grows; ";
         if (rise(&Vitals::dirty) > dirtyLimit) all += "private memory grows; ";
         return all;
@@ -118,11 +112,10 @@ public:
 
     /// Cells of the table: heap, private dirty, descriptors, threads.
     void printCells() const {
-        if (kept.empty()) return;
-        const Vitals& a = kept.front();
-        const Vitals& b = kept.back();
+        const Vitals a = kept.empty() ? Vitals{} : kept.front();
+        const Vitals b = kept.empty() ? Vitals{} : kept.back();
         std::printf("%.1f → %.1f KiB (%+.2f B a step) | %.0f → %.0f KiB | %d → %d | %d → %d",
-                    a.heap / 1024, b.heap / 1024, rise(&Vitals::heap) / std::max(1U, last - first),
+                    a.heap / 1024, b.heap / 1024, rise(&Vitals::heap) / std::max(1U, steps),
                     a.dirty, b.dirty, a.descriptors, b.descriptors, a.threads, b.threads);
     }
 
@@ -135,143 +128,106 @@ private:
         return half > 0 ? 2 * sum / static_cast<double>(half) : 0;
     }
 
-    unsigned warmUp, first = 0, last = 0;
+    unsigned first = 0, steps = 0;
     std::vector<Vitals> kept;
     bool changed = false;
 };
 
-/// A request and how often it was answered.
-struct Asked {
-    std::shared_ptr<BluetoothRequest> request;
-    std::atomic<unsigned> answers{0};
-
-    std::function<void(BluetoothRequestAnswers)> callback() {
-        return [this](BluetoothRequestAnswers /*answer*/) { ++answers; };
-    }
-    bool isOver(unsigned milliseconds) const {
-        return board::waitFor([this] { return answers > 0 && !request->isStillRunning(); },
-                              milliseconds);
-    }
-};
-
 bool discover() {
-    Asked scan;
-    scan.request = std::make_shared<ScanBluetoothRequest>(scan.callback());
-    return manager().makeRequest(scan.request) && scan.isOver(longestAnswer) &&
+    return Started::make<ScanBluetoothRequest>().answer() == REQUEST_SUCCESS &&
            manager().scanDevicesInfo();
 }
 
-std::string cycles(unsigned rounds, Trend& trend) {
-    std::string complaints;
+std::string offAndOn(unsigned round) {
     // The first error of all makes GLib's table of error names, which must not count as growth.
-    manager().deletePairedDevice("00:00:00:00:00:00");
-    for (unsigned round = 1; round <= rounds; ++round) {
-        manager().setEnabled(true, false);
-        if (const std::string faults = board::adapterFaults(); !faults.empty()) {
-            complaints += "round " + std::to_string(round) + ": " + faults;
-        }
-        manager().setEnabled(false, false);
-        trend.sample(round, static_cast<int>(round));
-    }
-    return complaints;
+    if (round == 1) manager().deletePairedDevice("00:00:00:00:00:00");
+    manager().setEnabled(true, false);
+    const std::string faults = board::adapterFaults();
+    manager().setEnabled(false, false);
+    return faults;
 }
 
-void makeAny(Asked& asked, hwcommon::DBusBluetoothHidProxy* hid) {
+Started anyRequest() {
+    static const auto connection = sdbus::createSystemBusConnection();
+    static hwcommon::DBusBluetoothHidProxy hid(*connection);
     constexpr std::array<const char*, 8> names{"Phone",   "Speaker", "Headphones", "Keyboard",
                                                "Refuser", "Ghost",   "Twin",       "nobody"};
     const std::string name = names.at(upTo(names.size() - 1));
-    const unsigned kind = upTo(3);
-    if (kind == 0) {
-        asked.request = std::make_shared<ScanBluetoothRequest>(asked.callback());
-    } else if (kind == 1) {
-        asked.request = std::make_shared<ConnectBluetoothRequest>(asked.callback(), hid, name);
-    } else if (kind == 2) {
-        asked.request = std::make_shared<DisconnectBluetoothRequest>(asked.callback(), hid, name);
-    } else {
-        asked.request = std::make_shared<WaitBluetoothPairingRequest>(asked.callback(), name);
+    switch (upTo(3)) {
+        case 0:
+            return Started::make<ScanBluetoothRequest>();
+        case 1:
+            return Started::make<ConnectBluetoothRequest>(&hid, name);
+        case 2:
+            return Started::make<DisconnectBluetoothRequest>(&hid, name);
+        default:
+            return Started::make<WaitBluetoothPairingRequest>(name);
     }
 }
 
-std::string requests(unsigned rounds, Trend& trend) {
-    const auto connection = sdbus::createSystemBusConnection();
-    hwcommon::DBusBluetoothHidProxy hid(*connection);
-    std::vector<Asked> all(rounds);
-    manager().setEnabled(true, false);
-    for (unsigned round = 1; round <= rounds; ++round) {
-        // BlueZ forgets a device that is not paired 30 s after a search.
-        if (round % 20 == 1) discover();
-        // Pairings are forgotten now and then, so that there is something to pair.
-        if (round % 20 == 11) {
-            const auto paired = manager().getBluetoothDeviceInfoList(PAIRED_DEVICES);
-            for (const auto& device : paired) {
-                manager().deletePairedDevice(device.macAddress.c_str());
-            }
-            board::run(
-                "for d in phone speaker headphones keyboard ghost twin1 twin2; do "
-                "peers $d forget; done");
-            manager().scanDevicesInfo();
+std::string askAndCancel(unsigned round) {
+    // BlueZ forgets a device that is not paired 30 s after a search.
+    if (round % 20 == 1) discover();
+    // Pairings are forgotten now and then, so that there is something to pair.
+    if (round % 20 == 11) {
+        for (const auto& device : manager().getBluetoothDeviceInfoList(PAIRED_DEVICES)) {
+            manager().deletePairedDevice(device.macAddress.c_str());
         }
-        Asked& asked = all[round - 1];
-        makeAny(asked, &hid);
-        const std::string name = "request " + std::to_string(round);
-        if (!manager().makeRequest(asked.request)) return name + " was refused; ";
-        // Two of three are cancelled at a random moment, the others when they have had their time:
-        // a whole scan takes 10 s, a whole wait 60 s.
-        if (!asked.isOver(upTo(2) == 0 ? 3000 : upTo(1000))) manager().cancelRequest();
-        if (!asked.isOver(longestAnswer)) return name + " was not answered; ";
-        asked.request.reset();
-        if (round % 5 == 0) trend.sample(round, 1);
+        board::run(
+            "for d in phone speaker headphones keyboard ghost twin1 twin2; do "
+            "peers $d forget; done");
+        manager().scanDevicesInfo();
     }
-    std::this_thread::sleep_for(2s);
-    manager().setEnabled(false, false);
-    const bool once =
-        std::all_of(all.begin(), all.end(), [](const auto& a) { return a.answers == 1; });
-    return once ? "" : "a request was not answered once; ";
+    Started request = anyRequest();
+    // Two of three are cancelled at a random moment, the others when they have had their time: a
+    // whole scan takes 10 s, a whole wait 60 s.
+    if (!request.isAnsweredIn(upTo(2) == 0 ? 3000 : upTo(1000))) manager().cancelRequest();
+    // A second answer would end the process.
+    return request.answer() < 0 ? "refused or not answered; " : "";
 }
 
-std::string scans(unsigned seconds, unsigned seed, Trend& trend) {
-    manager().setEnabled(true, false);
-    // Devices go and come back.
+std::string scanForASecond(unsigned second) {
+    if (second % 40 == 1 && !discover()) return "a search failed; ";
+    for (const auto end = Clock::now() + 1s; Clock::now() < end;) {
+        if (!manager().scanDevicesInfo()) return "no lists; ";
+        std::this_thread::sleep_for(50ms);
+    }
+    // GDBus lets go of a reply once its message about it has been dispatched.
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+    return "";
+}
+
+/// Devices go and come back meanwhile.
+void changeDevices(unsigned seconds, unsigned seed) {
     board::run("timeout " + std::to_string(seconds) + " bash -c 'RANDOM=" + std::to_string(seed) +
                "; all=(phone speaker headphones keyboard refuser ghost twin1 twin2); while :; do "
                "d=${all[RANDOM % 8]}; peers $d vanish; sleep $((RANDOM % 5)); peers $d return; "
                "sleep 1; done' > /dev/null 2>&1 &");
-    const auto start = Clock::now();
-    unsigned nextSearch = 0;
-    for (unsigned now = 0, sampled = 0; now < seconds;) {
-        if (now >= nextSearch) {
-            nextSearch = now + 40;
-            if (!discover()) return "a search failed; ";
-        }
-        if (!manager().scanDevicesInfo()) return "no lists; ";
-        std::this_thread::sleep_for(50ms);
-        now = static_cast<unsigned>((Clock::now() - start) / 1s);
-        if (now < sampled + 2) continue;
-        sampled = now;
-        // GDBus lets go of a reply once its message about it has been dispatched.
-        while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
-        }
-        trend.sample(now, 1);
-    }
-    manager().setEnabled(false, false);
-    return "";
 }
 
 int endurance(const std::string& what, unsigned length, unsigned seed) {
     dice.seed(seed);
     std::printf("endurance: %s %u, seed %u\n", what.c_str(), length, seed);
-    if (std::freopen(logFile, "w", stderr) == nullptr) return EXIT_FAILURE;
-    unlink("/tmp/bluetoothEnabled");
     const auto begun = Clock::now();
-    Trend trend(length);
-    std::string complaints = what == "cycles"     ? cycles(length, trend)
-                             : what == "requests" ? requests(length, trend)
-                                                  : scans(length, seed, trend);
+    const bool cycles = what == "cycles";
+    const auto step = cycles ? offAndOn : what == "requests" ? askAndCancel : scanForASecond;
+    const unsigned stepsPerSample = cycles ? 1 : what == "requests" ? 5 : 2;
+    if (!cycles) manager().setEnabled(true, false);
+    if (what == "scans") changeDevices(length, seed);
+    // What is made once settles in the first tenth.
+    const unsigned settled = std::max(2U, length / 10);
+    Trend trend;
+    std::string complaints;
+    for (unsigned round = 1; round <= length && complaints.empty(); ++round) {
+        const std::string complaint = step(round);
+        if (!complaint.empty()) complaints = "step " + std::to_string(round) + ": " + complaint;
+        if (round >= settled && round % stepsPerSample == 0)
+            trend.sample(round, cycles ? round : 1);
+    }
+    manager().setEnabled(false, false);
     complaints += trend.complaints();
     if (!board::waitFor([] { return board::zombies() == 0; }, 10'000)) complaints += "zombies; ";
-    if (!complaints.empty()) {
-        std::puts(board::run(std::string("tail -n 50 ") + logFile).c_str());
-    }
     std::printf("| %u%s%s, wiring %d, seed %u | %lld s | ", length,
                 what == "scans" ? " s of " : " ", what.c_str(), board::wiring(), seed,
                 static_cast<long long>((Clock::now() - begun) / 1s));
@@ -287,12 +243,6 @@ int main(int argc, char** argv) {
     if (argc > 4 || (what != "cycles" && what != "requests" && what != "scans")) {
         std::fputs("usage: endurance cycles|requests|scans NUMBER [SEED]\n", stderr);
         return 2;
-    }
-    // Without caches in the allocator and in GLib the heap tells to the byte what is held.
-    if (std::getenv("G_SLICE") == nullptr) {
-        setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0", 1);
-        setenv("G_SLICE", "always-malloc", 1);
-        execv("/proc/self/exe", argv);
     }
     const auto length = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10));
     const unsigned seed = argc > 3 ? static_cast<unsigned>(std::strtoul(argv[3], nullptr, 10))
