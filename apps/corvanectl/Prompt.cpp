@@ -47,13 +47,14 @@ void complete(const std::string& line, std::size_t start) {
         return with.compare(0, line.size() - begin, line, begin) == 0;
     };
     for (const Command& command : commands()) {
-        const std::string name = command.name;
+        std::string name = command.name;
         if (goesOn(name)) candidates.push_back(name);
-        const std::size_t argument = begin + name.size() + 1;
+        name += ' ';
+        const std::size_t argument = begin + name.size();
         for (const std::string& text : argumentsOf(command)) {
             // The quote comes by itself.
             const bool bare = text.front() == '"' && start == argument;
-            if (goesOn(name + ' ' + text) || (bare && goesOn(name + ' ' + text.substr(1)))) {
+            if (goesOn(name + text) || (bare && goesOn(name + text.substr(1)))) {
                 if (start >= argument) candidates.push_back(text.substr(start - argument));
             }
         }
