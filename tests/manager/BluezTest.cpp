@@ -247,6 +247,13 @@ TEST_F(AgentRegister, RegistersThenBecomesTheDefault) {
                     agentCall("RequestDefaultAgent", "(objectpath '/org/corvane',)")));
 }
 
+TEST_F(AgentRegister, StopsWhenItCannotRegister) {
+    bluez.fail("/org/bluez", "RegisterAgent", refused, "No");
+    EXPECT_FALSE(manager().agentRegister(true));
+    EXPECT_THAT(happened({Kind::BUS}), SizeIs(1));
+    EXPECT_EQ(errors().back(), "Not able to register agent");
+}
+
 TEST_F(AgentRegister, LeavesTheRegistrationWhenItCannotBeTheDefault) {
     bluez.fail("/org/bluez", "RequestDefaultAgent", refused, "No");
     EXPECT_FALSE(manager().agentRegister(true));

@@ -146,6 +146,25 @@ TEST_F(DeviceScan, KeepsHostileNamesByteForByte) {
     EXPECT_THAT(happened({Kind::SHELL}), IsEmpty());
 }
 
+TEST_F(DeviceScan, EmptiesThenFillsTheListsInOrder) {
+    bluez.setDevices({{address, "Phone", 0, true, true}});
+    manager();
+    std::vector<int> used;
+    edges().listsUsed = &used;
+    manager().scanDevicesInfo();
+    edges().listsUsed = nullptr;
+    EXPECT_THAT(used, ElementsAre(0, 1, 2, 0, 1, 2)) << "emptied, then the device appended";
+}
+
+TEST_F(DeviceScan, FailsCleanlyWhenTheConnectionIsAnotherObject) {
+    manager();
+    edges().standIn = G_OBJECT(g_object_new(G_TYPE_OBJECT, nullptr));
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    EXPECT_TRUE(manager().scanDevicesInfo());
+    EXPECT_THAT(log(), ElementsAre("ERROR Unable to get result for GetManagedObjects"));
+    g_object_unref(edges().standIn);
+}
+
 TEST_F(DeviceScan, EmptiesTheListsAndLogsOnceWhenTheCallFails) {
     const std::function<void()> failures[]{
         [this] { bluez.fail("/", "GetManagedObjects", "org.bluez.Error.Failed", "No", 1); },

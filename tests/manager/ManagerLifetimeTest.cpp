@@ -56,6 +56,12 @@ TEST_F(ManagerLifetime, ModelSixSelectsWiringOneWithoutAskingForTheFamily) {
     EXPECT_EQ(bluez.countCalls("GetHardwareInfo"), 1);
 }
 
+TEST_F(ManagerLifetime, ProductFamilyOneSelectsWiringTwo) {
+    useBoard(3, 1);
+    BluetoothManager::getInstance();
+    EXPECT_THAT(happened({Kind::GPIO}), ElementsAre("export 49", "direction 49 1"));
+}
+
 TEST_F(ManagerLifetime, UsesWiringZeroWithoutAnIdentity) {
     bluez.release("org.corvane.Hardware");
     BluetoothManager::getInstance();

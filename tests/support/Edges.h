@@ -80,6 +80,10 @@ public:
     bool busMissing = false;  // GIO gets no connection
     bool noReplies = false;   // BlueZ's calls return neither a reply nor an error
     std::function<void(const std::string& method)> onCall;  // to BlueZ
+    // Answers asynchronous calls in the connection's place, with nothing.
+    GObject* standIn = nullptr;
+
+    std::vector<int>* listsUsed = nullptr;  // takes the lists that are asked for, in order
 
     std::string modelName = "Model C100";
     bool echoShell = false;  // shell commands go to standard error, for tests that end a process
