@@ -26,6 +26,9 @@ struct Fault {
 class Doctor : public testing::TestWithParam<Fault> {};
 
 #define MODULE "/usr/lib/modules/$(uname -r)/kernel/net/bluetooth/rfcomm/rfcomm.ko"
+// A missing module is a problem only while it is not loaded, as an earlier program may have left
+// it.
+#define UNLOAD "modprobe -r rfcomm; "
 #define DAEMON "/usr/libexec/bluetooth/bluetoothd"
 #define SERVICE "/usr/libexec/corvane-board/hardware-service"
 
@@ -48,9 +51,9 @@ TEST_P(Doctor, FindsTheFaultAndNamesItsRemedy) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, Doctor,
-    testing::Values(Fault{"NoModule", "mv " MODULE " /tmp", "mv /tmp/rfcomm.ko " MODULE,
+    testing::Values(Fault{"NoModule", UNLOAD "mv " MODULE " /tmp", "mv /tmp/rfcomm.ko " MODULE,
                           "rfcomm.ko (serial connections): No such file", "install the modules"},
-                    Fault{"CompressedModule", "mv " MODULE " " MODULE ".xz",
+                    Fault{"CompressedModule", UNLOAD "mv " MODULE " " MODULE ".xz",
                           "mv " MODULE ".xz " MODULE, "only compressed, as .xz", "unpack it"},
                     Fault{"NoSerialLine", "mv /dev/ttyS1 /dev/away", "mv /dev/away /dev/ttyS1",
                           "PROBLEM /dev/ttyS1 (the controller's serial line): No such file",
