@@ -35,7 +35,7 @@ enum class ExitStatus : int {
     interrupted = 130,  // as shells report an end by Ctrl-C
 };
 
-/// The field "outcome" of --json, by exit status from 0 on; the last one is that of interrupted.
+/// The field "outcome" of --json, by exit status from 0 on; the last one belongs to interrupted.
 constexpr char outcomes[] =
     "success|unexpected|usage|no-bus|bad-setting|no-identity|refused|no-device|incomplete|busy||"
     "request-timeout|request-cancelled|request-connect-failed|request-failed|"

@@ -33,7 +33,7 @@ std::string helpOf(const CLI::App& app) {
     return wrapped("Usage: corvanectl [OPTION]... [COMMAND]...\n\n" + app.get_description() + '\n' +
                        CLI::Formatter().make_groups(&app, CLI::AppFormatMode::Normal) +
                        "\nCommands:\n" + commandList() +
-                       "\nExit status, that of the first failure: " + statuses.substr(2),
+                       "\nExit status of the first failure: " + statuses.substr(2),
                    terminalColumns(Streams::output));
 }
 
