@@ -1,15 +1,15 @@
 #include "Folder.h"
-#include "LogAppender.h"
+#include "PrintableText.h"
 #include "UnprintableCharacters.h"
 
 #include <glib.h>
 #include <gmock/gmock.h>
-#include <log4cplus/loggingmacros.h>
 
 #include <cstdio>
 #include <fstream>
 #include <memory>
-#include <sstream>
+#include <string>
+#include <utility>
 
 using testing::AllOf;
 using testing::ContainsRegex;
@@ -27,12 +27,6 @@ protected:
 
     const corvane::test::Folder folder;
 };
-
-std::string contentOf(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
 
 std::string outputOfLateLogger(const std::string& configuration) {
     const std::string command =
@@ -56,8 +50,10 @@ TEST_F(Log, ShowsEachPartOfARecordOnTheConsoleBeforeAndAfterMain) {
 TEST_F(Log, UsesTheConfigurationNamedInTheEnvironment) {
     const std::string file = fileWith("late.properties",
                                       "log4cplus.rootLogger=DEBUG, A\n"
-                                      "log4cplus.appender.A=log4cplus::ConsoleAppender\n");
-    EXPECT_THAT(outputOfLateLogger(file), HasSubstr("too low"));
+                                      "log4cplus.appender.A=log4cplus::ConsoleAppender\n"
+                                      "log4cplus.appender.A.layout=corvane::PrintableLayout\n"
+                                      "log4cplus.appender.A.layout.ConversionPattern=%m%n\n");
+    EXPECT_EQ(outputOfLateLogger(file), "before main\ntoo low\nafter \\x1B[31m main\n");
 }
 
 TEST_F(Log, StaysOnTheConsoleWhenTheConfigurationIsMissingOrBroken) {
@@ -72,38 +68,18 @@ TEST_F(Log, StaysOnTheConsoleWhenTheConfigurationIsMissingOrBroken) {
     }
 }
 
-TEST_F(Log, EscapesDeviceNames) {
-    const std::string log = folder / "printable.log";
-    ASSERT_TRUE(LogAppender::loadConfiguration(
-        fileWith("printable.properties",
-                 "log4cplus.rootLogger=INFO, A\n"
-                 "log4cplus.appender.A=log4cplus::FileAppender\n"
-                 "log4cplus.appender.A.ImmediateFlush=true\n"
-                 "log4cplus.appender.A.File=" +
-                     log +
-                     "\n"
-                     "log4cplus.appender.A.layout=corvane::PrintableLayout\n"
-                     "log4cplus.appender.A.layout.ConversionPattern=%m%n\n")));
-
-    std::string expected;
-    const auto check = [&expected](const std::string& name, const std::string& written) {
-        LOG4CPLUS_INFO(LogAppender::getLogger(), name);
-        expected += written + "\n";
-    };
-    check("", "");
-    check("Zoë's \"Phone\" \\ 日本 \U0001F4F1", "Zoë's \"Phone\" \\ 日本 \U0001F4F1");
-    check("a\nERROR forged\r\t\x7F", "a\\x0AERROR forged\\x0D\\x09\\x7F");
-    check("\x1B[2J\xC2\x9B\xC2\xA0", "\\x1B[2J\\xC2\\x9B\xC2\xA0");
-    check("\xE2\x80\xA8\xE2\x80\xAE\xE2\x81\xA6\xE2\x80\x93",
-          "\\xE2\\x80\\xA8\\xE2\\x80\\xAE\\xE2\\x81\\xA6\xE2\x80\x93");
-    check("cut \xE2\x82", "cut \\xE2\\x82");
-    check("\xC0\x8A \xE0\x80\x8A \xED\xA0\x80 \xF4\x90\x80\x80 \xFF \xBF",
-          "\\xC0\\x8A \\xE0\\x80\\x8A \\xED\\xA0\\x80 \\xF4\\x90\\x80\\x80 \\xFF \\xBF");
-    check(std::string("a\0b", 3), "a\\x00b");
-    EXPECT_EQ(contentOf(log), expected);
-
-    EXPECT_FALSE(LogAppender::loadConfiguration("/nowhere/log.properties"));
-    EXPECT_THAT(contentOf(log), HasSubstr("/nowhere/log.properties: No such file"));
+TEST(PrintableText, EscapesWhatBreaksALineOrSteersATerminal) {
+    const std::pair<std::string, std::string> rows[]{
+        {"", ""},
+        {"Zoë's \"Phone\" \\ 日本 \U0001F4F1", "Zoë's \"Phone\" \\ 日本 \U0001F4F1"},
+        {"a\nERROR forged\r\t\x7F", "a\\x0AERROR forged\\x0D\\x09\\x7F"},
+        {"\x1B[2J\xC2\x9B\xC2\xA0", "\\x1B[2J\\xC2\\x9B\xC2\xA0"},
+        {"\xE2\x80\xA8\xE2\x80\xAE\xE2\x80\x93", "\\xE2\\x80\\xA8\\xE2\\x80\\xAE\xE2\x80\x93"},
+        {"cut \xE2\x82", "cut \\xE2\\x82"},
+        {"\xC0\x8A \xE0\x80\x8A \xED\xA0\x80 \xF4\x90\x80\x80 \xFF \xBF",
+         "\\xC0\\x8A \\xE0\\x80\\x8A \\xED\\xA0\\x80 \\xF4\\x90\\x80\\x80 \\xFF \\xBF"},
+        {std::string("a\0b", 3), "a\\x00b"}};
+    for (const auto& [name, printable] : rows) EXPECT_EQ(corvane::printableText(name), printable);
 }
 
 /// The table of characters to escape, against the properties that PCRE2 knows.
