@@ -20,7 +20,8 @@ Inputs flagFiles() {
             {"nul-behind", "1\0"s},
             {"off", "0"},
             {"on", "1"},
-            {"trailing", "+1maybe"}};
+            {"trailing", "+1maybe"},
+            {"two", "2"}};
 }
 
 Inputs identities() {
@@ -35,6 +36,7 @@ Inputs identities() {
             {"deep", deep},
             {"doctype", "<!DOCTYPE i [<!ENTITY a \"aaaa\">]>" + usual},
             {"nul-behind", usual + '\0'},
+            {"out-of-range", "<identity><model>65536</model><revision>-1</revision></identity>"},
             {"serial-cdata", "<identity><serial><![CDATA[A<B]]></serial></identity>"},
             {"two-roots", usual + usual}};
 }
@@ -55,8 +57,7 @@ Inputs replies() {
          "Iorg.bluez.Device1\0sName=one\0bPaired=1\0Iorg.bluez.DEVICESet1\0"
          "Icom.example.mydevices\0sName=three\0Iorg.bluez.Devic\0sName=none\0"s},
         {"doubled", device("sName=first\0bPaired=1\0sName=second\0bPaired=\0"s) +
-                        device("sName=second\0bConnected=1\0"s)},
-        {"address-no-path", device("sAddress=00:11:22;id:'44\0"s)}};
+                        device("sName=second\0bConnected=1\0"s)}};
     for (const auto& [folder, property] : {std::pair{"names", "Name"}, {"modalias", "Modalias"}}) {
         for (const auto& [name, text] : test::hostileTexts(folder)) {
             inputs[property + ("-" + name)] =
