@@ -30,7 +30,6 @@ class Doctor : public testing::TestWithParam<Fault> {};
 // it.
 #define UNLOAD "modprobe -r rfcomm; "
 #define DAEMON "/usr/libexec/bluetooth/bluetoothd"
-#define SERVICE "/usr/libexec/corvane-board/hardware-service"
 
 }  // namespace
 
@@ -66,8 +65,5 @@ INSTANTIATE_TEST_SUITE_P(
                           "PROBLEM " DAEMON, "install BlueZ"},
                     Fault{"Blocked", "corvanectl on > /dev/null 2>&1; rfkill block bluetooth",
                           "rfkill unblock bluetooth; corvanectl off",
-                          "(blocks a radio): blocked by software", "rfkill unblock bluetooth"},
-                    Fault{"NoIdentity", "killall hardware-service",
-                          "setsid " SERVICE " /etc/corvane/identity.xml > /dev/null 2>&1 &",
-                          "PROBLEM org.corvane.Hardware", "start the hardware service"}),
+                          "(blocks a radio): blocked by software", "rfkill unblock bluetooth"}),
     [](const auto& row) { return std::string(row.param.name); });

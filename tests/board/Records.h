@@ -20,10 +20,8 @@ public:
     std::string faults() const;
     /// Tells whether there is exactly this record.
     bool has(const std::string& line) const;
-    void clear();
+    static void clear();
 
 private:
-    class Appender;
-    Appender* const appender;
-    const log4cplus::SharedAppenderPtr owner;  // of the appender, with the logger
+    log4cplus::SharedAppenderPtr appender;
 };

@@ -66,16 +66,10 @@ int request(Line& line) {
     return 0;
 }
 
-int makeInput(Line& line) {
-    line.output = false;
-    line.done += " input";
-    return 0;
-}
-
-int makeOutput(Line& line, int level) {
-    line.output = true;
-    line.level = level;
-    line.done += " output " + std::to_string(level);
+int configure(Line& line, bool output, int level = 0) {
+    line.output = output;
+    if (output) line.level = level;
+    line.done += output ? " output " + std::to_string(level) : " input";
     return 0;
 }
 
@@ -124,9 +118,9 @@ int gpiod_line_request(gpiod_line* line, const gpiod_line_request_config* config
     return request(*line);
 }
 
-int gpiod_line_set_direction_input(gpiod_line* line) { return makeInput(*line); }
+int gpiod_line_set_direction_input(gpiod_line* line) { return configure(*line, false); }
 int gpiod_line_set_direction_output(gpiod_line* line, int level) {
-    return makeOutput(*line, level);
+    return configure(*line, true, level);
 }
 int gpiod_line_get_value(gpiod_line* line) { return line->level; }
 int gpiod_line_set_value(gpiod_line* line, int level) { return setLevel(*line, level); }
@@ -164,9 +158,9 @@ gpiod_line_request* gpiod_chip_request_lines(gpiod_chip* chip, gpiod_request_con
 
 int gpiod_line_request_reconfigure_lines(gpiod_line_request* line, gpiod_line_config* config) {
     const auto settings = settingsOf(config, line->offset);
-    return gpiod_line_settings_get_direction(settings.get()) == GPIOD_LINE_DIRECTION_OUTPUT
-               ? makeOutput(*line, gpiod_line_settings_get_output_value(settings.get()))
-               : makeInput(*line);
+    return configure(
+        *line, gpiod_line_settings_get_direction(settings.get()) == GPIOD_LINE_DIRECTION_OUTPUT,
+        gpiod_line_settings_get_output_value(settings.get()));
 }
 
 gpiod_line_value gpiod_line_request_get_value(gpiod_line_request* line, unsigned offset) {

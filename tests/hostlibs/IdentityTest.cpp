@@ -36,12 +36,6 @@ std::string withModel(const std::string& model) { return identity("<model>" + mo
 
 std::string withSerial(const std::string& serial) { return identity("<model>6</model>", serial); }
 
-std::string deep() {
-    std::string text;
-    for (int i = 0; i < 5000; ++i) text += "<identity>";
-    return text;
-}
-
 const std::string usual = withModel("6");
 
 const IdentityCase identities[]{
@@ -53,7 +47,6 @@ const IdentityCase identities[]{
     {"ReferenceToAZeroByte", withSerial("C6A1&#0;B2C3"), nothing},
     {"EntityBomb",
      "<!DOCTYPE i [<!ENTITY a \"aaaaaaaa\"><!ENTITY b \"&a;&a;\">]>" + withSerial("&b;"), nothing},
-    {"TooDeep", deep(), nothing},
     {"TooLarge", usual + std::string(64UL * 1024UL, ' '), nothing},
     {"Complete", usual, complete},
     {"WithDeclarationAndMore",
@@ -73,7 +66,8 @@ const IdentityCase identities[]{
     {"SerialBlank", withSerial("  "), noSerial},
     {"SerialTooLong", withSerial(std::string(33, 'x')), noSerial},
     {"SerialEscape", withSerial("A\x1B[2J"), noSerial},
-    {"SerialNotAscii", withSerial("A\xC3\xBC"), noSerial}};
+    {"SerialNotAscii", withSerial("A\xC3\xBC"), noSerial},
+    {"SerialDelete", withSerial("A\x7F"), noSerial}};
 
 class Identity : public testing::TestWithParam<IdentityCase> {};
 
