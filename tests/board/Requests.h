@@ -32,11 +32,15 @@ public:
 
     bool isRunning() const { return request->isStillRunning(); }
 
+    bool isAnsweredIn(unsigned milliseconds) const {
+        return answers.wait_for(std::chrono::milliseconds(milliseconds)) ==
+               std::future_status::ready;
+    }
+
     /// Waits for the answer and the end of the request.
     /// @return the answer; -1 if none came in time
     int answer() {
-        const std::chrono::milliseconds patience(board::patience);
-        if (!accepted || answers.wait_for(patience) != std::future_status::ready) return -1;
+        if (!accepted || !isAnsweredIn(board::patience)) return -1;
         const int value = answers.get();
         return board::waitFor([this] { return !request->isStillRunning(); }) ? value : -1;
     }

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 
 namespace {
@@ -12,8 +11,6 @@ struct IdentityCase {
     std::string text;
     std::string read;  // as described below
 };
-
-void PrintTo(const IdentityCase& row, std::ostream* output) { *output << row.name; }
 
 std::string described(const eepromXML& record) {
     return (record.IsValid() ? "valid " : "invalid ") + std::to_string(record.GetModelType()) +
@@ -69,24 +66,21 @@ const IdentityCase identities[]{
     {"SerialNotAscii", withSerial("A\xC3\xBC"), noSerial},
     {"SerialDelete", withSerial("A\x7F"), noSerial}};
 
-class Identity : public testing::TestWithParam<IdentityCase> {};
-
 }  // namespace
 
-TEST_P(Identity, KeepsItsValidValues) {
-    EXPECT_EQ(described(eepromXML(GetParam().text)), GetParam().read);
+TEST(Identity, KeepsItsValidValues) {
+    for (const auto& [name, text, read] : identities) {
+        EXPECT_EQ(described(eepromXML(text)), read) << name;
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, Identity, testing::ValuesIn(identities),
-                         [](const auto& row) { return std::string(row.param.name); });
-
-TEST(IdentityRecord, ForgetsThePreviousText) {
+TEST(Identity, ForgetsThePreviousText) {
     eepromXML record(usual);
     EXPECT_FALSE(record.AnalyseXML("<identity><model>6</model></identity>"));
     EXPECT_EQ(described(record), "invalid 6 0 0 ");
 }
 
-TEST(IdentityRecord, GroupsTheSerialNumberAsOnTheLabel) {
+TEST(Identity, GroupsTheSerialNumberAsOnTheLabel) {
     EXPECT_EQ(eepromXML(withSerial("ABC")).GetSerialNumberString(true), "ABC");
     EXPECT_EQ(eepromXML(withSerial("ABCDEFGH")).GetSerialNumberString(true), "ABCD-EFGH");
     EXPECT_EQ(eepromXML(withSerial("ABCDEFGHI")).GetSerialNumberString(true), "ABCD-EFGH-I");
