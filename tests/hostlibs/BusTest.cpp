@@ -103,8 +103,9 @@ TEST_F(HostBus, TellsAnObserverOfTheHardwareService) {
     EXPECT_EQ(first.came.wait(longTime.count(), false), 0);
     services.release("org.corvane.Hardware");
     EXPECT_EQ(first.went.wait(longTime.count(), false), 0);
+    std::this_thread::sleep_for(100ms);  // for its thread to wait again
     Observer second;
-    watching.emplace(&second);  // ends the first one's thread, which waits
+    watching.emplace(&second);  // ends the first one's thread
     services.own("org.corvane.Hardware");
     EXPECT_EQ(second.came.wait(longTime.count(), false), 0);
     bus.stop();
