@@ -9,13 +9,10 @@
 //
 // Steered over the bus: name org.corvane.FakeBluez, any object, interface org.corvane.FakeBluez1,
 // for instance with gdbus call.
-//   Reply(s path, s member, s body, u times, u delay)
-//   Fail(s path, s member, s errorName, s message, u times, u delay)
-//   Ignore(s path, s member, u times)
-//   Crash(s path, s member, b answered)
-//     Adds a rule: a reply (body: a tuple in GVariant text form, "('Connect success',)"; doubled
-//     dictionary keys are sent as they are), an error, no answer at all, or the end of this
-//     process, right after an empty reply (answered) or instead of one.
+//   Rule(s path, s member, s body, s error, u times, u delay, b crash)
+//     Answers a call with the body, a tuple in GVariant text form, "('Connect success',)" (doubled
+//     dictionary keys are sent as they are), or with the error, whose text is the body, or with
+//     neither: never. crash: ends this process then.
 //     path and member are patterns with * and ?; the member of a property write is "Set PROPERTY".
 //     times: how many calls it serves, 0 for all. delay: milliseconds; later calls do not wait.
 //     4294967295: until LetGo.
@@ -31,6 +28,7 @@
 
 #include <gio/gio.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -45,11 +43,10 @@ using MessagePtr = std::shared_ptr<GDBusMessage>;
 struct Rule {
     std::string path;
     std::string member;
-    GVariant* body;         // null: no reply
-    std::string errorName;  // empty: no error
-    std::string errorMessage;
+    std::string text;
+    GVariant* body;  // null: no reply
+    std::string error;
     guint timesLeft;
-    bool limited;
     guint delay;
     bool crash;
 };
@@ -66,14 +63,17 @@ void send(const MessagePtr& message) {
                                    nullptr);
 }
 
-void sendLater(const MessagePtr& message, guint delay) {
+/// Passes the message to the function on the main loop. For any thread.
+void later(guint delay, void (*use)(const MessagePtr&), const MessagePtr& message) {
+    using Use = std::pair<void (*)(const MessagePtr&), MessagePtr>;
     g_timeout_add_full(
         G_PRIORITY_DEFAULT, delay,
         [](gpointer data) -> gboolean {
-            send(*static_cast<MessagePtr*>(data));
+            const auto& [function, argument] = *static_cast<Use*>(data);
+            function(argument);
             return G_SOURCE_REMOVE;
         },
-        new MessagePtr(message), [](gpointer data) { delete static_cast<MessagePtr*>(data); });
+        new Use(use, message), [](gpointer data) { delete static_cast<Use*>(data); });
 }
 
 MessagePtr replyTo(const MessagePtr& call, GVariant* body) {
@@ -86,20 +86,17 @@ MessagePtr errorFor(const MessagePtr& call, const std::string& name, const std::
     return own(g_dbus_message_new_method_error_literal(call.get(), name.c_str(), text.c_str()));
 }
 
-void addRule(const char* path, const char* member, GVariant* body, const char* errorName,
-             const char* errorMessage, guint times, guint delay, bool crash = false) {
-    rules.insert(rules.begin(),
-                 Rule{path, member, body, errorName, errorMessage, times, times > 0, delay, crash});
-}
-
-GVariant* parse(const char* text, GError** error) {
-    GVariant* body = g_variant_parse(nullptr, text, nullptr, nullptr, error);
-    if (body != nullptr && !g_variant_is_of_type(body, G_VARIANT_TYPE_TUPLE)) {
-        g_variant_unref(body);
-        g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "not a tuple");
-        return nullptr;
+/// @return false when the body cannot be sent
+bool addRule(const char* path, const char* member, const char* text, const char* error = "",
+             guint times = 0, guint delay = 0, bool crash = false) {
+    GVariant* body = nullptr;
+    if (*text != '\0' && *error == '\0') {
+        body = g_variant_parse(nullptr, text, nullptr, nullptr, nullptr);
+        if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE_TUPLE)) return false;
     }
-    return body;
+    rules.insert(rules.begin(), Rule{path, member, text, body, error, times > 0 ? times : G_MAXUINT,
+                                     delay, crash});
+    return true;
 }
 
 bool changeName(const char* method, const char* name) {
@@ -116,64 +113,47 @@ bool changeName(const char* method, const char* name) {
 }
 
 void control(const MessagePtr& call, const std::string& member, GVariant* arguments) {
-    const char* path = nullptr;
-    const char* pattern = nullptr;
-    const char* text = nullptr;
-    const char* text2 = nullptr;
-    guint times = 0;
-    guint delay = 0;
-    const std::string signature =
-        arguments == nullptr ? "()" : g_variant_get_type_string(arguments);
-    if (member == "Reply" && signature == "(sssuu)") {
-        g_variant_get(arguments, "(&s&s&suu)", &path, &pattern, &text, &times, &delay);
-        GError* error = nullptr;
-        GVariant* body = parse(text, &error);
-        if (body == nullptr) {
-            send(errorFor(call, "org.corvane.FakeBluez.Error.Body", error->message));
-            g_error_free(error);
-            return;
-        }
-        addRule(path, pattern, body, "", "", times, delay);
-    } else if (member == "Fail" && signature == "(ssssuu)") {
-        g_variant_get(arguments, "(&s&s&s&suu)", &path, &pattern, &text, &text2, &times, &delay);
-        addRule(path, pattern, nullptr, text, text2, times, delay);
-    } else if (member == "Ignore" && signature == "(ssu)") {
-        g_variant_get(arguments, "(&s&su)", &path, &pattern, &times);
-        addRule(path, pattern, nullptr, "", "", times, 0);
-    } else if (member == "Crash" && signature == "(ssb)") {
-        gboolean answered = FALSE;
-        g_variant_get(arguments, "(&s&sb)", &path, &pattern, &answered);
-        addRule(path, pattern, answered != FALSE ? parse("()", nullptr) : nullptr, "", "", 0, 0,
-                true);
-    } else if ((member == "Own" || member == "Release") && signature == "(s)") {
-        g_variant_get(arguments, "(&s)", &text);
-        if (!changeName(member == "Own" ? "RequestName" : "ReleaseName", text)) {
-            send(errorFor(call, "org.corvane.FakeBluez.Error.Name", text));
-            return;
-        }
-    } else if (member == "Emit" && signature == "(ssss)") {
-        const char* interface = nullptr;
-        g_variant_get(arguments, "(&s&s&s&s)", &path, &interface, &pattern, &text);
-        g_dbus_connection_emit_signal(bus, nullptr, path, interface, pattern, parse(text, nullptr),
+    const std::string asked =
+        member + (arguments == nullptr ? "()" : g_variant_get_type_string(arguments));
+    const char* path = "";
+    const char* name = "";
+    const char* text = "";
+    const char* other = "";
+    GVariant* result = nullptr;
+    bool done = true;
+    if (asked == "Rule(ssssuub)") {
+        guint times = 0;
+        guint delay = 0;
+        gboolean crash = FALSE;
+        g_variant_get(arguments, "(&s&s&s&suub)", &path, &name, &text, &other, &times, &delay,
+                      &crash);
+        done = addRule(path, name, text, other, times, delay, crash != FALSE);
+    } else if (asked == "Own(s)" || asked == "Release(s)") {
+        g_variant_get(arguments, "(&s)", &name);
+        done = changeName(member == "Own" ? "RequestName" : "ReleaseName", name);
+    } else if (asked == "Emit(ssss)") {
+        g_variant_get(arguments, "(&s&s&s&s)", &path, &other, &name, &text);
+        g_dbus_connection_emit_signal(bus, nullptr, path, other, name,
+                                      g_variant_parse(nullptr, text, nullptr, nullptr, nullptr),
                                       nullptr);
-    } else if (member == "Calls" && signature == "()") {
+    } else if (asked == "Calls()") {
         GVariantBuilder list;
         g_variant_builder_init(&list, G_VARIANT_TYPE("a(xs)"));
-        for (const auto& [time, what] : calls)
+        for (const auto& [time, what] : calls) {
             g_variant_builder_add(&list, "(xs)", time, what.c_str());
-        send(replyTo(call, g_variant_new("(a(xs))", &list)));
-        return;
-    } else if (member == "LetGo" && signature == "()") {
+        }
+        result = g_variant_new("(a(xs))", &list);
+    } else if (asked == "LetGo()") {
         for (const MessagePtr& answer : heldAnswers) send(answer);
         heldAnswers.clear();
-    } else if (member == "Forget" && signature == "()") {
+    } else if (asked == "Forget()") {
         calls.clear();
     } else {
-        send(errorFor(call, "org.freedesktop.DBus.Error.UnknownMethod",
-                      "no such control: " + member + signature));
-        return;
+        done = false;
     }
-    send(replyTo(call, nullptr));
+    send(done ? replyTo(call, result)
+              : errorFor(call, "org.corvane.FakeBluez.Error",
+                         "cannot do " + asked + ": " + name + " " + text));
 }
 
 void serve(const MessagePtr& call) {
@@ -187,44 +167,40 @@ void serve(const MessagePtr& call) {
         return;
     }
 
-    std::string text = "()";
-    if (arguments != nullptr) {
-        gchar* printed = g_variant_print(arguments, TRUE);
-        text = printed;
-        g_free(printed);
-    }
+    gchar* const printed = arguments == nullptr ? g_strdup("()") : g_variant_print(arguments, TRUE);
     calls.emplace_back(g_get_monotonic_time(),
                        std::string(g_dbus_message_get_destination(message)) + " " + path + " " +
-                           interface + "." + member + " " + text);
+                           interface + "." + member + " " + printed);
+    g_free(printed);
     if (member == "Set" && arguments != nullptr && g_variant_n_children(arguments) == 3) {
         const char* property = nullptr;
         g_variant_get_child(arguments, 1, "&s", &property);
         member = member + " " + property;
     }
-    for (Rule& rule : rules) {
-        if (rule.limited && rule.timesLeft == 0) continue;
-        if (!g_pattern_match_simple(rule.path.c_str(), path.c_str()) ||
-            !g_pattern_match_simple(rule.member.c_str(), member.c_str())) {
-            continue;
-        }
-        if (rule.limited) --rule.timesLeft;
-        MessagePtr answer;
-        if (rule.body != nullptr) answer = replyTo(call, rule.body);
-        if (!rule.errorName.empty()) answer = errorFor(call, rule.errorName, rule.errorMessage);
-        if (answer && rule.delay == G_MAXUINT) {
-            heldAnswers.push_back(answer);
-        } else if (answer && rule.delay > 0) {
-            sendLater(answer, rule.delay);
-        } else if (answer) {
-            send(answer);
-        }
-        if (rule.crash) {
-            g_dbus_connection_flush_sync(bus, nullptr, nullptr);
-            std::_Exit(EXIT_SUCCESS);
-        }
+    const auto rule = std::find_if(rules.begin(), rules.end(), [&](const Rule& candidate) {
+        return candidate.timesLeft > 0 &&
+               g_pattern_match_simple(candidate.path.c_str(), path.c_str()) &&
+               g_pattern_match_simple(candidate.member.c_str(), member.c_str());
+    });
+    if (rule == rules.end()) {
+        send(errorFor(call, "org.freedesktop.DBus.Error.UnknownObject", "no rule for " + path));
         return;
     }
-    send(errorFor(call, "org.freedesktop.DBus.Error.UnknownObject", "no rule for " + path));
+    --rule->timesLeft;
+    MessagePtr answer;
+    if (rule->body != nullptr) answer = replyTo(call, rule->body);
+    if (!rule->error.empty()) answer = errorFor(call, rule->error, rule->text);
+    if (answer && rule->delay == G_MAXUINT) {
+        heldAnswers.push_back(answer);
+    } else if (answer && rule->delay > 0) {
+        later(rule->delay, send, answer);
+    } else if (answer) {
+        send(answer);
+    }
+    if (rule->crash) {
+        g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+        std::_Exit(EXIT_SUCCESS);
+    }
 }
 
 // Runs on GDBus's thread. Passes each call to the main loop, so that everything else is
@@ -235,17 +211,9 @@ GDBusMessage* take(GDBusConnection* /*connection*/, GDBusMessage* message, gbool
         g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
         return message;
     }
-    g_main_context_invoke_full(
-        nullptr, G_PRIORITY_DEFAULT,
-        [](gpointer data) -> gboolean {
-            serve(*static_cast<MessagePtr*>(data));
-            return G_SOURCE_REMOVE;
-        },
-        new MessagePtr(own(message)), [](gpointer data) { delete static_cast<MessagePtr*>(data); });
+    later(0, serve, own(message));
     return nullptr;
 }
-
-GVariant* constant(const char* text) { return g_variant_ref_sink(g_variant_new_parsed(text)); }
 
 }  // namespace
 
@@ -257,16 +225,14 @@ int main(int argc, char** argv) {
         return EXIT_FAILURE;
     }
     constexpr char hid[] = "/org/corvane/BluetoothHid";
-    addRule("/org/bluez*", "*", constant("()"), "", "", 0, 0);
-    addRule("/org/bluez/hci0/dev_*", "*", nullptr, "org.freedesktop.DBus.Error.UnknownObject",
-            "no such device", 0, 0);
-    addRule(
-        "/", "GetManagedObjects",
-        constant("({objectpath '/org/bluez/hci0': {'org.bluez.Adapter1': {'Powered': <true>}}},)"),
-        "", "", 0, 0);
-    addRule(hid, "Connect", constant("('Connect success',)"), "", "", 0, 0);
-    addRule(hid, "Disconnect", constant("('Disconnect success',)"), "", "", 0, 0);
-    addRule("/org/corvane/Hardware", "GetHardwareInfo", constant("('',)"), "", "", 0, 0);
+    addRule("/org/bluez*", "*", "()");
+    addRule("/org/bluez/hci0/dev_*", "*", "no such device",
+            "org.freedesktop.DBus.Error.UnknownObject");
+    addRule("/", "GetManagedObjects",
+            "({@o '/org/bluez/hci0': {'org.bluez.Adapter1': {'Powered': <true>}}},)");
+    addRule(hid, "Connect", "('Connect success',)");
+    addRule(hid, "Disconnect", "('Disconnect success',)");
+    addRule("/org/corvane/Hardware", "GetHardwareInfo", "('',)");
     g_dbus_connection_add_filter(bus, take, nullptr, nullptr);
 
     std::vector<std::string> names(argv + 1, argv + argc);

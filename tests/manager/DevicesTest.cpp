@@ -1,13 +1,13 @@
-#include "Edges.h"
 #include "HostileTexts.h"
 #include "ManagerTest.h"
 
 #include <functional>
+#include <sstream>
 #include <thread>
+#include <tuple>
 
 using namespace corvane::test;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 /// The value that a C++14 host sees, see Cxx14Host.cpp.
 const std::uint16_t& vendorIdInCxx14();
@@ -67,49 +67,34 @@ TEST_F(DeviceScan, FillsTheThreeListsInBluezsOrder) {
     EXPECT_THAT(happened({Kind::BUS}),
                 ElementsAre("org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects ()"));
     EXPECT_THAT(log(), IsEmpty());
-
-    bluez.setDevices({{"00:00:00:00:00:01", "Speaker", 0x240414, true, false}});
-    EXPECT_TRUE(manager().scanDevicesInfo());
-    EXPECT_THAT(manager().getBluetoothDeviceListNames(ALL_DEVICES), ElementsAre("Speaker"));
-    EXPECT_THAT(manager().getBluetoothDeviceListNames(CONNECTED_DEVICES), IsEmpty());
 }
 
-TEST_F(DeviceScan, MissingPropertiesTakeTheirDefaults) {
-    report("{'org.bluez.Device1': @a{sv} {}}");
-    const auto bare = scan();
-    ASSERT_EQ(bare.size(), 1U);
-    EXPECT_EQ(bare[0].macAddress, "");
-    EXPECT_EQ(bare[0].name, "");
-    EXPECT_EQ(bare[0].deviceClass + bare[0].vendorId + bare[0].productId + bare[0].versionId, 0U);
-
-    report("{'org.bluez.Device1': {'Address': <'A'>, 'Name': <''>, 'Alias': <'Other'>}}");
-    EXPECT_EQ(scan().at(0).name, "A") << "the address replaces an empty name, the alias does not";
-}
-
-TEST_F(DeviceScan, IgnoresKnownPropertiesOfAnotherType) {
-    report(
-        "{'org.bluez.Device1': {'Address': <objectpath '/a'>, 'Name': <b'bytes'>, "
-        "'Class': <int32 5898764>, 'Paired': <'true'>, 'Connected': <byte 1>, "
-        "'Modalias': <['bluetooth:v004Cp0269d0001']>, 'address': <'lower case'>, "
-        "'RSSI': <int16 -40>}}");
-    const auto all = scan();
-    ASSERT_EQ(all.size(), 1U);
-    EXPECT_EQ(all[0].macAddress + all[0].name, "");
-    EXPECT_EQ(all[0].deviceClass + all[0].vendorId, 0U);
-    EXPECT_EQ(manager().getBluetoothDeviceListSize(PAIRED_DEVICES), 0U);
-    EXPECT_EQ(manager().getBluetoothDeviceListSize(CONNECTED_DEVICES), 0U);
-}
-
-TEST_F(DeviceScan, TheLaterOfTwoPropertiesWins) {
-    report(
-        "{'org.bluez.Device1': {'Address': <'A'>, 'Name': <'first'>, 'Paired': <true>, "
-        "'Class': <uint32 1>, 'Name': <'second'>, 'Paired': <false>, 'Class': <uint32 2>, "
-        "'Modalias': <'usb:v0001p0002d0003'>, 'Modalias': <'rubbish'>}}");
-    const auto all = scan();
-    EXPECT_EQ(all.at(0).name, "second");
-    EXPECT_EQ(all.at(0).deviceClass, 2U);
-    EXPECT_EQ(all.at(0).vendorId, 0);
-    EXPECT_EQ(manager().getBluetoothDeviceListSize(PAIRED_DEVICES), 0U);
+TEST_F(DeviceScan, TakesThePropertiesOfTheirTypeAndDefaultsForOthers) {
+    const std::vector<std::pair<std::string, std::string>> rows{
+        {"@a{sv} {}", "||0 0/0/0"},
+        // the address replaces an empty name, the alias does not
+        {"{'Address': <'A'>, 'Name': <''>, 'Alias': <'Other'>}", "A|A|0 0/0/0"},
+        {"{'Address': <objectpath '/a'>, 'Name': <b'bytes'>, 'Class': <int32 5898764>, "
+         "'Paired': <'true'>, 'Connected': <byte 1>, 'Modalias': <['usb:v0001p0002d0003']>, "
+         "'address': <'lower case'>, 'RSSI': <int16 -40>}",
+         "||0 0/0/0"},
+        // the later of two wins
+        {"{'Address': <'A'>, 'Name': <'first'>, 'Paired': <true>, 'Class': <uint32 1>, "
+         "'Name': <'second'>, 'Paired': <false>, 'Class': <uint32 2>, "
+         "'Modalias': <'usb:v0001p0002d0003'>, 'Modalias': <'rubbish'>}",
+         "A|second|2 0/0/0"}};
+    for (const auto& [properties, expected] : rows) {
+        SCOPED_TRACE(properties);
+        report("{'org.bluez.Device1': " + properties + "}");
+        const auto all = scan();
+        ASSERT_EQ(all.size(), 1U);
+        std::ostringstream read;
+        read << all[0].macAddress << '|' << all[0].name << '|' << all[0].deviceClass << ' '
+             << all[0].vendorId << '/' << all[0].productId << '/' << all[0].versionId;
+        EXPECT_EQ(read.str(), expected);
+        EXPECT_EQ(manager().getBluetoothDeviceListSize(PAIRED_DEVICES), 0U);
+        EXPECT_EQ(manager().getBluetoothDeviceListSize(CONNECTED_DEVICES), 0U);
+    }
 }
 
 TEST_F(DeviceScan, EveryInterfaceWithDeviceInItsNameYieldsARecord) {
@@ -197,36 +182,33 @@ TEST_F(DeviceScan, WorksOnAThreadWithItsOwnMainContext) {
     }).join();
 }
 
-struct ModaliasCase {
-    const char* name;
-    std::string text;
-    unsigned vendor, product, version;
-};
+class Modalias : public ManagerTest {};
 
-class Modalias : public ManagerTest, public testing::WithParamInterface<ModaliasCase> {};
-
-TEST_P(Modalias, GivesAllThreeIdsOrNone) {
-    const ModaliasIds ids = manager().parseModalias(GetParam().text);
-    EXPECT_EQ(ids.vendorId, GetParam().vendor);
-    EXPECT_EQ(ids.productId, GetParam().product);
-    EXPECT_EQ(ids.versionId, GetParam().version);
+TEST_F(Modalias, GivesAllThreeIdsOrNone) {
+    const struct {
+        const char* name;
+        std::string text;
+        unsigned vendor, product, version;
+    } rows[]{{"Empty", "", 0, 0, 0},
+             {"Bluetooth", "bluetooth:v004Cp0269d0001", 0x4C, 0x269, 1},
+             {"LowerCaseDigits", "usb:v1d6bp0246dfffF", 0x1D6B, 0x246, 0xFFFF},
+             {"FewDigits", "usb:v1p0002d3", 1, 2, 3},
+             {"TheVersionsLetterIsADigitToo", "usb:v1p2d3", 0, 0, 0},
+             {"MoreBehind", "usb:v0001p0002d00034dc00", 1, 2, 3},
+             {"FiveDigits", "usb:v00012p0002d0003", 0, 0, 0},
+             {"VendorOnly", "bluetooth:v004C", 0, 0, 0},
+             {"NoVersion", "bluetooth:v004Cp0269d", 0, 0, 0},
+             {"NoPrefix", ":v004Cp0269d0001", 0, 0, 0},
+             {"UpperCasePrefix", "USB:v004Cp0269d0001", 0, 0, 0},
+             {"Long", std::string(100000, 'a'), 0, 0, 0}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const ModaliasIds ids = manager().parseModalias(row.text);
+        EXPECT_EQ(ids.vendorId, row.vendor);
+        EXPECT_EQ(ids.productId, row.product);
+        EXPECT_EQ(ids.versionId, row.version);
+    }
 }
-
-const ModaliasCase modaliases[]{{"Empty", "", 0, 0, 0},
-                                {"Bluetooth", "bluetooth:v004Cp0269d0001", 0x4C, 0x269, 1},
-                                {"LowerCaseDigits", "usb:v1d6bp0246dfffF", 0x1D6B, 0x246, 0xFFFF},
-                                {"FewDigits", "usb:v1p0002d3", 1, 2, 3},
-                                {"TheVersionsLetterIsADigitToo", "usb:v1p2d3", 0, 0, 0},
-                                {"MoreBehind", "usb:v0001p0002d00034dc00", 1, 2, 3},
-                                {"FiveDigits", "usb:v00012p0002d0003", 0, 0, 0},
-                                {"VendorOnly", "bluetooth:v004C", 0, 0, 0},
-                                {"NoVersion", "bluetooth:v004Cp0269d", 0, 0, 0},
-                                {"NoPrefix", ":v004Cp0269d0001", 0, 0, 0},
-                                {"UpperCasePrefix", "USB:v004Cp0269d0001", 0, 0, 0},
-                                {"Long", std::string(100000, 'a'), 0, 0, 0}};
-
-INSTANTIATE_TEST_SUITE_P(Text, Modalias, testing::ValuesIn(modaliases),
-                         [](const auto& row) { return std::string(row.param.name); });
 
 class DeviceLists : public ManagerTest {};
 
@@ -262,56 +244,39 @@ TEST_F(Lookups, UseTheFirstRecordWithExactlyThatName) {
     EXPECT_EQ(info->macAddress, "00:00:00:00:00:02") << "a copy outlives the next scan";
 }
 
-TEST_F(Lookups, ReturnNeutralValuesForAnUnknownName) {
-    for (const bool listed : {false, true}) {
-        if (listed) listDevices({{"00:00:00:00:00:01", "Speaker", 0x240414}});
-        for (const char* name : {"", "speaker", "Speake"}) {
-            EXPECT_EQ(manager().getDeviceMacAddress(ALL_DEVICES, name), "");
-            EXPECT_EQ(manager().getMajorDeviceClass(ALL_DEVICES, name), MAJOR_CLASS_OTHER);
-            EXPECT_FALSE(manager().searchForDevicesName(ALL_DEVICES, name));
-            EXPECT_EQ(manager().getVendorId(ALL_DEVICES, name), 0);
-            EXPECT_FALSE(manager().getDeviceInfo(ALL_DEVICES, name));
-        }
+TEST_F(Lookups, LogThenReturnNeutralValuesForAnUnknownName) {
+    listDevices({{"00:00:00:00:00:01", "Speaker", 0x240414}});
+    for (const char* name : {"", "speaker", "Speake"}) {
+        forget();
+        EXPECT_EQ(manager().getDeviceMacAddress(ALL_DEVICES, name), "");
+        EXPECT_EQ(manager().getMajorDeviceClass(ALL_DEVICES, name), MAJOR_CLASS_OTHER);
+        EXPECT_FALSE(manager().searchForDevicesName(ALL_DEVICES, name));
+        EXPECT_EQ(manager().getVendorId(ALL_DEVICES, name), 0);
+        EXPECT_FALSE(manager().getDeviceInfo(ALL_DEVICES, name));
+        const std::string record = std::string("TRACE Searching for ") + name;
+        EXPECT_THAT(log(), ElementsAre(record + " MAC address", record + " class", record + "..."));
+        EXPECT_EQ(edges().log()[0].function,
+                  "std::string BluetoothManager::getDeviceMacAddress(BluetoothDeviceListType, "
+                  "std::string)");
     }
 }
 
-TEST_F(Lookups, LogBeforeTheyLook) {
-    manager().getDeviceMacAddress(ALL_DEVICES, "X");
-    manager().getMajorDeviceClass(ALL_DEVICES, "X");
-    manager().searchForDevicesName(ALL_DEVICES, "X");
-    manager().getVendorId(ALL_DEVICES, "X");
-    manager().getDeviceInfo(ALL_DEVICES, "X");
-    EXPECT_THAT(log(), ElementsAre("TRACE Searching for X MAC address",
-                                   "TRACE Searching for X class", "TRACE Searching for X..."));
-    EXPECT_EQ(edges().log()[0].function,
-              "std::string BluetoothManager::getDeviceMacAddress(BluetoothDeviceListType, "
-              "std::string)");
+class MajorClass : public ManagerTest {};
+
+TEST_F(MajorClass, IsReadFromBits8To12) {
+    const std::tuple<const char*, std::uint32_t, BluetoothMajorDeviceClassType> rows[]{
+        {"Miscellaneous", 0x000000, MAJOR_CLASS_OTHER},
+        {"Computer", 0x000100, MAJOR_CLASS_COMPUTER},
+        {"Phone", 0x5A020C, MAJOR_CLASS_PHONE},
+        {"AccessPoint", 0x000300, MAJOR_CLASS_OTHER},
+        {"Headset", 0x240404, MAJOR_CLASS_AUDIO_VIDEO},
+        {"Keyboard", 0x000540, MAJOR_CLASS_OTHER},
+        {"Uncategorized", 0x001F00, MAJOR_CLASS_OTHER},
+        {"AllOtherBits", 0xFFFFE4FF, MAJOR_CLASS_AUDIO_VIDEO}};
+    for (const auto& [name, deviceClass, expected] : rows) {
+        EXPECT_EQ(manager().getMajorDeviceClass(record(name, deviceClass)), expected) << name;
+    }
 }
-
-struct ClassCase {
-    const char* name;
-    std::uint32_t deviceClass;
-    BluetoothMajorDeviceClassType expected;
-};
-
-class MajorClass : public ManagerTest, public testing::WithParamInterface<ClassCase> {};
-
-TEST_P(MajorClass, IsReadFromBits8To12) {
-    EXPECT_EQ(manager().getMajorDeviceClass(record("x", GetParam().deviceClass)),
-              GetParam().expected);
-}
-
-const ClassCase classes[]{{"Miscellaneous", 0x000000, MAJOR_CLASS_OTHER},
-                          {"Computer", 0x000100, MAJOR_CLASS_COMPUTER},
-                          {"Phone", 0x5A020C, MAJOR_CLASS_PHONE},
-                          {"AccessPoint", 0x000300, MAJOR_CLASS_OTHER},
-                          {"Headset", 0x240404, MAJOR_CLASS_AUDIO_VIDEO},
-                          {"Keyboard", 0x000540, MAJOR_CLASS_OTHER},
-                          {"Uncategorized", 0x001F00, MAJOR_CLASS_OTHER},
-                          {"AllOtherBits", 0xFFFFE4FF, MAJOR_CLASS_AUDIO_VIDEO}};
-
-INSTANTIATE_TEST_SUITE_P(AssignedNumbers, MajorClass, testing::ValuesIn(classes),
-                         [](const auto& row) { return std::string(row.param.name); });
 
 class IsPlaybackDevice : public ManagerTest {};
 

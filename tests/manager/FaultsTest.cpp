@@ -1,31 +1,17 @@
 // Faults of the services under the library. docs/faults.md lists these tests and those of single
 // operations.
 
-#include "Edges.h"
 #include "ManagerTest.h"
-#include "bluetoothRequests/ConnectBluetoothRequest.h"
-#include "bluetoothRequests/DisconnectBluetoothRequest.h"
-#include "bluetoothRequests/ScanBluetoothRequest.h"
-#include "bluetoothRequests/WaitBluetoothPairingRequest.h"
-#include "hwcommon/DBusBluetoothHidProxy.h"
-
-#include <gio/gio.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <filesystem>
 #include <future>
 #include <iterator>
-#include <memory>
 #include <system_error>
 #include <type_traits>
 #include <utility>
 
 using namespace corvane::test;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
+using namespace testing;
 
 namespace {
 
@@ -37,7 +23,7 @@ constexpr char noService[] = "GDBus.Error:org.freedesktop.DBus.Error.ServiceUnkn
 
 }  // namespace
 
-class Faults : public ManagerTest {
+class Faults : public WithHidService {
 protected:
     /// With everything repaired: off and on must leave no ERROR record.
     void expectRecovery() {
@@ -78,15 +64,14 @@ TEST_F(DaemonLoss, InAnyStepOfSwitchingOnIsCuredByOffAndOn) {
             expectRecovery();
         }
     }
-}
 
-TEST_F(DaemonLoss, AtItsStartIsCuredByOffAndOn) {
+    manager().setEnabled(false, false);
     edges().onShell = [this](const std::string& command) {
         if (command.find("-x /usr/libexec/bluetooth/bluetoothd") != std::string::npos) bluez.stop();
     };
     switchOn();
     edges().onShell = nullptr;
-    EXPECT_THAT(errors(), Contains(HasSubstr(noService)).Times(2));
+    EXPECT_THAT(errors(), Contains(HasSubstr(noService)).Times(2)) << "dead from its start";
     bluez.restart();
     expectRecovery();
 }
@@ -103,50 +88,43 @@ TEST_F(DaemonLoss, DuringSwitchingOffSkipsNoStep) {
     expectRecovery();
 }
 
+using Callback = std::function<void(BluetoothRequestAnswers)>;
+using HidProxy = hwcommon::DBusBluetoothHidProxy;
+
 struct DyingCase {
     const char* name;
-    std::function<std::shared_ptr<BluetoothRequest>(std::function<void(BluetoothRequestAnswers)>,
-                                                    hwcommon::DBusBluetoothHidProxy*)>
-        make;
+    std::shared_ptr<BluetoothRequest> (*make)(const Callback& callback, HidProxy& hid);
     const char* member;
     int answer;
     bool goesOn = false;  // until BlueZ is back
 };
 
-template <class Request>
-auto named(const std::string& name) {
-    return [name](auto callback, auto* hid) {
-        if constexpr (std::is_same_v<Request, WaitBluetoothPairingRequest>) {
-            return std::make_shared<Request>(callback, name);
-        } else {
-            return std::make_shared<Request>(callback, hid, name);
-        }
-    };
+template <class Request, const Device& device>
+std::shared_ptr<BluetoothRequest> make(const Callback& callback, HidProxy& hid) {
+    if constexpr (std::is_constructible_v<Request, Callback, HidProxy*, std::string>) {
+        return std::make_shared<Request>(callback, &hid, device.name);
+    } else {
+        return std::make_shared<Request>(callback, device.name);
+    }
 }
 
-std::shared_ptr<BluetoothRequest> scan(std::function<void(BluetoothRequestAnswers)> callback,
-                                       hwcommon::DBusBluetoothHidProxy* /*hid*/) {
-    return std::make_shared<ScanBluetoothRequest>(std::move(callback));
+std::shared_ptr<BluetoothRequest> makeScan(const Callback& callback, HidProxy& /*hid*/) {
+    return std::make_shared<ScanBluetoothRequest>(callback);
 }
 
 const DyingCase dyingCases[]{
-    {"ScanAsItStarts", scan, "StartDiscovery", REQUEST_SUCCESS},
-    {"ScanAsItStops", scan, "StopDiscovery", REQUEST_SUCCESS},
-    {"ConnectSpeaker", named<ConnectBluetoothRequest>("Speaker"), "Connect", REQUEST_FAILED},
-    {"ConnectPhone", named<ConnectBluetoothRequest>("Phone"), "Connect", REQUEST_FAILED},
-    {"Disconnect", named<DisconnectBluetoothRequest>("Speaker"), "Disconnect", REQUEST_SUCCESS,
+    {"ScanAsItStarts", makeScan, "StartDiscovery", REQUEST_SUCCESS},
+    {"ScanAsItStops", makeScan, "StopDiscovery", REQUEST_SUCCESS},
+    {"ConnectSpeaker", make<ConnectBluetoothRequest, speaker>, "Connect", REQUEST_FAILED},
+    {"ConnectPhone", make<ConnectBluetoothRequest, phone>, "Connect", REQUEST_FAILED},
+    {"Disconnect", make<DisconnectBluetoothRequest, speaker>, "Disconnect", REQUEST_SUCCESS, true},
+    {"WaitAsItTrusts", make<WaitBluetoothPairingRequest, phone>, "Set Trusted", REQUEST_FAILED},
+    {"WaitForPhone", make<WaitBluetoothPairingRequest, phone>, "GetManagedObjects", REQUEST_SUCCESS,
      true},
-    {"WaitAsItTrusts", named<WaitBluetoothPairingRequest>("Phone"), "Set Trusted", REQUEST_FAILED},
-    {"WaitForPhone", named<WaitBluetoothPairingRequest>("Phone"), "GetManagedObjects",
-     REQUEST_SUCCESS, true},
-    {"WaitAsItPairs", named<WaitBluetoothPairingRequest>("Speaker"), "Pair",
+    {"WaitAsItPairs", make<WaitBluetoothPairingRequest, speaker>, "Pair",
      REQUEST_DEVICE_NOT_FOUND}};
 
-class DaemonDeath : public Faults, public testing::WithParamInterface<DyingCase> {
-protected:
-    std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
-    hwcommon::DBusBluetoothHidProxy hid{*connection};
-};
+class DaemonDeath : public Faults, public WithParamInterface<DyingCase> {};
 
 TEST_P(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
     const DyingCase& row = GetParam();
@@ -155,7 +133,7 @@ TEST_P(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
     Clock::stop();
     bluez.crash("*", row.member, false);
     if (row.goesOn) bluez.setDevices({{phone.address, phone.name, phone.deviceClass}}, 2);
-    start(row.make(answers.callback(), &hid));
+    start(row.make(answers.callback(), hid));
     const std::chrono::milliseconds scanTime(10001);
     ASSERT_TRUE(eventually([&] {
         if (!row.goesOn) Clock::advance(scanTime);
@@ -173,7 +151,7 @@ TEST_P(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
     EXPECT_EQ(answers.count(), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Request, DaemonDeath, testing::ValuesIn(dyingCases),
+INSTANTIATE_TEST_SUITE_P(Request, DaemonDeath, ValuesIn(dyingCases),
                          [](const auto& row) { return std::string(row.param.name); });
 
 class BusLoss : public Faults {
@@ -251,11 +229,11 @@ TEST_F(BusLoss, IsCuredWhileTheHostHoldsTheClosedConnection) {
     for (int restart = 0; restart < 2; ++restart) {
         replaceBus();
         ASSERT_TRUE(eventually([&] { return !manager().adapterScan(true); }));
-        const HostsSource source;
+        const int& runs = addHostsSource();
         manager().setEnabled(false, false);
         forget();
         manager().setEnabled(true, false);
-        EXPECT_EQ(source.runs, 0) << "only a scan runs the host's sources";
+        EXPECT_EQ(runs, 0) << "only a scan runs the host's sources";
         EXPECT_THAT(errors(), IsEmpty());
         expectRecovery();
         EXPECT_TRUE(eventually([&] { return sockets() == before; }))
@@ -315,15 +293,17 @@ TEST_F(BusLoss, DoesNotFreeTheConnectionOfACallInFlight) {
 
 class DescriptorShortage : public Faults {};
 
-TEST_F(DescriptorShortage, FailsSwitchingOnUntilItIsOver) {
+TEST_F(DescriptorShortage, FailsCallsAndSwitchingOnUntilItIsOver) {
     manager();
     {
         const FewDescriptors none;
+        EXPECT_FALSE(manager().connectDevice(phone.address.c_str()));
         manager().setEnabled(true, false);
     }
-    EXPECT_THAT(errors(), ElementsAre("Timeout trying to bring up hci0",
-                                      "setBluetoothComponents : Not able to get connection to "
-                                      "system bus"));
+    EXPECT_THAT(errors(),
+                ElementsAre("bluezDeviceCallMethod : Too many open files",
+                            "Not able to connect device", "Timeout trying to bring up hci0",
+                            "setBluetoothComponents : Not able to get connection to system bus"));
     expectRecovery();
     const FewDescriptors none;
     EXPECT_TRUE(manager().scanDevicesInfo()) << "a scan needs no descriptor";
@@ -344,7 +324,7 @@ TEST_F(BusLoss, DuringADescriptorShortageIsCuredAfterIt) {
 #endif
 
 /// Without the services: their tests' connection would already have started GDBus's thread.
-class FirstUse : public testing::Test {
+class FirstUse : public Test {
 protected:
     FirstUse() { captureLog(); }
 

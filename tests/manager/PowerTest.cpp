@@ -1,4 +1,3 @@
-#include "Edges.h"
 #include "ManagerTest.h"
 
 #include <algorithm>
@@ -8,8 +7,7 @@
 #include <system_error>
 
 using namespace corvane::test;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 namespace {
 
@@ -43,40 +41,39 @@ int openHci() {
 
 }  // namespace
 
-class EnableGpio : public OnWiring {};
+class EnableGpio : public OnWiring {
+protected:
+    using Events = std::vector<std::string>;
+
+    Events enable(bool enable, bool forced) {
+        forget();
+        EXPECT_TRUE(manager().enableGpio(enable, forced));
+        return happened({Kind::GPIO, Kind::LOG});
+    }
+    /// Of the events on each wiring, those on this one.
+    static Events here(const std::vector<Events>& all) {
+        return all[static_cast<std::size_t>(GetParam())];
+    }
+};
 
 TEST_P(EnableGpio, RaisesEveryLineExceptNamedOnesAlreadyUp) {
-    const std::vector<std::vector<std::string>> raised{
-        {"DEBUG enableGpio : WIFIBT_EN = 1", "set 48 1", "set 153 1", "set 154 1"},
-        {},
-        {"DEBUG enableGpio : BT_EN = 1", "set 49 1"}};
-    const auto wiring = static_cast<std::size_t>(GetParam());
-    EXPECT_TRUE(manager().enableGpio(true, false));
-    EXPECT_EQ(happened({Kind::GPIO, Kind::LOG}), raised[wiring]);
-
-    const std::vector<std::vector<std::string>> again{{"set 153 1", "set 154 1"}, {}, {}};
-    forget();
-    EXPECT_TRUE(manager().enableGpio(true, true));
-    EXPECT_EQ(happened({Kind::GPIO, Kind::LOG}), again[wiring]);
+    EXPECT_EQ(enable(true, false),
+              here({{"DEBUG enableGpio : WIFIBT_EN = 1", "set 48 1", "set 153 1", "set 154 1"},
+                    {},
+                    {"DEBUG enableGpio : BT_EN = 1", "set 49 1"}}));
+    EXPECT_EQ(enable(true, true), here({{"set 153 1", "set 154 1"}, {}, {}}));
 }
 
 TEST_P(EnableGpio, LeavesTheSharedLineUpUnlessForced) {
     manager().enableGpio(true, false);
-    forget();
-    const std::vector<std::vector<std::string>> ordinary{
-        {"set 153 0", "set 154 0"}, {}, {"DEBUG enableGpio : BT_EN = 0", "set 49 0"}};
-    const auto wiring = static_cast<std::size_t>(GetParam());
-    EXPECT_TRUE(manager().enableGpio(false, false));
-    EXPECT_EQ(happened({Kind::GPIO, Kind::LOG}), ordinary[wiring]);
-
-    const std::vector<std::vector<std::string>> forced{
-        {"DEBUG enableGpio : WIFIBT_EN = 0", "set 48 0", "set 153 0", "set 154 0"}, {}, {}};
-    forget();
-    EXPECT_TRUE(manager().enableGpio(false, true));
-    EXPECT_EQ(happened({Kind::GPIO, Kind::LOG}), forced[wiring]);
+    EXPECT_EQ(enable(false, false),
+              here({{"set 153 0", "set 154 0"}, {}, {"DEBUG enableGpio : BT_EN = 0", "set 49 0"}}));
+    EXPECT_EQ(
+        enable(false, true),
+        here({{"DEBUG enableGpio : WIFIBT_EN = 0", "set 48 0", "set 153 0", "set 154 0"}, {}, {}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Wiring, EnableGpio, testing::Values(0, 1, 2));
+INSTANTIATE_TEST_SUITE_P(Wiring, EnableGpio, Values(0, 1, 2));
 
 class GpioFailures : public ManagerTest {};
 
@@ -112,31 +109,23 @@ TEST_P(Modules, AreLoadedOnlyWithoutAnAdapterButAlwaysUnloaded) {
     EXPECT_THAT(happened({Kind::SHELL, Kind::LOG, Kind::SLEEP}), ElementsAre(unload));
 }
 
-INSTANTIATE_TEST_SUITE_P(Wiring, Modules, testing::Values(0, 1, 2));
+INSTANTIATE_TEST_SUITE_P(Wiring, Modules, Values(0, 1, 2));
 
-class LairdModules : public ManagerTest {
-protected:
-    LairdModules() {
-        edges().paths = {"/sys/class/bluetooth/hci0"};
-        useBoard(6, 3);
-        manager();
-        edges().paths.clear();
+class LairdModules : public ManagerTest {};
+
+TEST_F(LairdModules, AreLoadedAfterFiveSecondsEvenWithoutWifiOrWhenTheWaitIsCutShort) {
+    edges().paths = {"/sys/class/bluetooth/hci0"};
+    useBoard(6, 3);
+    manager();
+    edges().paths.clear();
+    for (const int waits : {21, 3}) {
+        if (waits == 3) edges().notifiedAtWait = waits - 1;
+        manager().loadModules(true);
+        auto expected = std::vector<std::string>(static_cast<std::size_t>(waits), "wait 250");
+        expected.push_back(lairdModules);
+        EXPECT_EQ(happened({Kind::SLEEP, Kind::SHELL}), expected);
+        forget();
     }
-};
-
-TEST_F(LairdModules, AreLoadedAfterFiveSecondsEvenWithoutWifi) {
-    manager().loadModules(true);
-    auto events = happened({Kind::SLEEP, Kind::SHELL});
-    ASSERT_EQ(events.size(), 22U);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "wait 250"), 21);
-    EXPECT_EQ(events.back(), lairdModules);
-}
-
-TEST_F(LairdModules, AreLoadedAtOnceWhenTheWaitIsCutShort) {
-    edges().notifiedAtWait = 2;
-    manager().loadModules(true);
-    EXPECT_THAT(happened({Kind::SLEEP, Kind::SHELL}),
-                ElementsAre("wait 250", "wait 250", "wait 250", lairdModules));
 }
 
 class HciAttach : public OnWiring {};
@@ -163,67 +152,50 @@ TEST_P(HciAttach, DoesNotWaitForTheSystemLog) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Wiring, HciAttach, testing::Values(0, 1, 2));
+INSTANTIATE_TEST_SUITE_P(Wiring, HciAttach, Values(0, 1, 2));
 
 class HciUp : public ManagerTest {};
 
-TEST_F(HciUp, TriesTenTimesToRaiseADevice) {
-    edges().hciUp = false;
+TEST_F(HciUp, TriesTenTimesToRaiseADeviceOrToFindAMissingOne) {
     manager();
     const auto before = openHci();
-    EXPECT_FALSE(manager().hciUp());
-    std::vector<std::string> expected;
-    for (int i = 0; i < 10; ++i) {
-        expected.insert(expected.end(), {"HCIGETDEVINFO 0", "HCIDEVUP 0",
-                                         "INFO Waiting for hci0 to become up", "nanosleep 500"});
+    edges().hciUp = false;
+    for (const bool present : {true, false}) {
+        SCOPED_TRACE(present ? "present" : "missing");
+        forget();
+        edges().hciPresent = present;
+        edges().interruptedSleeps = 1;
+        EXPECT_FALSE(manager().hciUp());
+        std::vector<std::string> expected{"socket 31 3 1 cloexec"};
+        for (int i = 0; i < 10; ++i) {
+            expected.emplace_back("HCIGETDEVINFO 0");
+            if (present) expected.emplace_back("HCIDEVUP 0");
+            expected.emplace_back(present ? "INFO Waiting for hci0 to become up"
+                                          : "INFO Scanning for hci0...");
+            expected.emplace_back("nanosleep 500");
+            if (i == 0) expected.emplace_back("nanosleep 250");  // the rest, after an interruption
+        }
+        expected.emplace_back("ERROR Timeout trying to bring up hci0");
+        EXPECT_EQ(happened({Kind::HCI, Kind::SLEEP, Kind::LOG}), expected);
     }
-    expected.emplace_back("ERROR Timeout trying to bring up hci0");
-    auto events = happened({Kind::HCI, Kind::SLEEP, Kind::LOG});
-    events.erase(events.begin());
-    EXPECT_EQ(events, expected);
     EXPECT_EQ(openHci(), before);
-}
-
-TEST_F(HciUp, LooksTenTimesForAMissingDevice) {
-    edges().hciPresent = false;
-    edges().interruptedSleeps = 1;
-    EXPECT_FALSE(manager().hciUp());
-    const auto events = happened({Kind::HCI, Kind::SLEEP, Kind::LOG});
-    EXPECT_EQ(std::count(events.begin(), events.end(), "INFO Scanning for hci0..."), 10);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "HCIDEVUP 0"), 0);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "nanosleep 500"), 10);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "nanosleep 250"), 1)
-        << "an interrupted sleep continues with the remaining time";
-}
-
-TEST_F(HciUp, TimesOutWithoutASocket) {
-    edges().failingHci = {"socket"};
-    EXPECT_FALSE(manager().hciUp());
-    EXPECT_EQ(log().size(), 11U);
-    EXPECT_EQ(log().back(), "ERROR Timeout trying to bring up hci0");
 }
 
 class RawHci : public ManagerTest {};
 
-TEST_F(RawHci, WritesTheClassAsGivenAndReturnsTheOneBefore) {
+TEST_F(RawHci, WritesTheClassAndReturnsTheOneBeforeOrZeroAfterEachFailure) {
     edges().adapterClass = 0x5A020C;
     EXPECT_EQ(manager().adapterSetClass(0x002100), 0x5A020CU);
-    EXPECT_THAT(happened({Kind::HCI}), ElementsAre("hci_open_dev 0", "hci_read_class_of_dev 1000",
-                                                   "hci_write_class_of_dev 0x002100 1000"));
-}
-
-TEST_F(RawHci, ReturnsZeroAndLogsEachClassFailure) {
-    edges().adapterClass = 0x5A020C;
     const std::vector<std::pair<std::string, std::string>> rows{
         {"hci_open_dev", "ERROR Can not open the bluetooth device"},
         {"hci_read_class_of_dev", "ERROR Can not read HCI class"},
         {"hci_write_class_of_dev", "ERROR Can not set HCI class"}};
     for (std::size_t i = 0; i < rows.size(); ++i) {
+        forget();
         edges().failingHci = {rows[i].first};
         EXPECT_EQ(manager().adapterSetClass(0x002100), 0U);
         EXPECT_THAT(log(), ElementsAre(rows[i].second));
         EXPECT_EQ(happened({Kind::HCI}).size(), i + 1) << "nothing follows a failure";
-        forget();
     }
 }
 
@@ -236,12 +208,6 @@ TEST_F(RawHci, ScanModeIsAlwaysOff) {
     }
 }
 
-TEST_F(RawHci, LinkModeIsAcceptAndMaster) {
-    EXPECT_TRUE(manager().preventRoleSwitch());
-    EXPECT_THAT(happened({Kind::HCI}),
-                ElementsAre("socket 31 3 1 cloexec", "ioctl 0x400448E2 dev 0 opt 0x8001"));
-}
-
 TEST_F(RawHci, LogsSocketFailures) {
     edges().failingHci = {"ioctl"};
     EXPECT_FALSE(manager().adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE));
@@ -249,9 +215,10 @@ TEST_F(RawHci, LogsSocketFailures) {
     edges().failingHci = {"socket"};
     EXPECT_FALSE(manager().adapterSetDiscoverableMode(SCAN_MODE_INQUIRY_AND_PAGE));
     EXPECT_FALSE(manager().preventRoleSwitch());
-    EXPECT_THAT(
-        log(), ElementsAre("ERROR Can't set scan mode on hci", "ERROR Can't set MASTER mode on hci",
-                           "ERROR Can't open HCI socket.", "ERROR Can't open HCI socket."));
+    EXPECT_FALSE(manager().hciUp());
+    EXPECT_THAT(errors(), ElementsAre("Can't set scan mode on hci", "Can't set MASTER mode on hci",
+                                      "Can't open HCI socket.", "Can't open HCI socket.",
+                                      "Timeout trying to bring up hci0"));
 }
 
 TEST_F(RawHci, LeavesOneDescriptorOpenPerCall) {
@@ -261,7 +228,7 @@ TEST_F(RawHci, LeavesOneDescriptorOpenPerCall) {
     EXPECT_EQ(openHci(), before + 1);
     manager().adapterSetDiscoverableMode(SCAN_MODE_DISABLED);
     EXPECT_EQ(openHci(), before + 2);
-    manager().preventRoleSwitch();
+    EXPECT_TRUE(manager().preventRoleSwitch());
     EXPECT_EQ(openHci(), before + 3);
 }
 
@@ -301,8 +268,7 @@ class GetEnabled : public ManagerTest {};
 TEST_F(GetEnabled, IsTrueOnlyForOne) {
     EXPECT_FALSE(manager().getEnabled()) << "no file";
     const std::vector<std::pair<const char*, bool>> rows{
-        {"1", true},    {"0", false}, {"2", false}, {"-1", false},
-        {" 1\n", true}, {"1x", true}, {"01", true}, {"10", false}};
+        {"1", true}, {"0", false}, {"-1", false}, {" 1\n", true}, {"1x", true}, {"10", false}};
     for (const auto& [text, expected] : rows) {
         edges().flagFile = text;
         EXPECT_EQ(manager().getEnabled(), expected) << text;

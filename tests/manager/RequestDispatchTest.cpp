@@ -1,12 +1,4 @@
-#include "Edges.h"
 #include "ManagerTest.h"
-#include "bluetoothRequests/ConnectBluetoothRequest.h"
-#include "bluetoothRequests/DisconnectBluetoothRequest.h"
-#include "bluetoothRequests/ScanBluetoothRequest.h"
-#include "bluetoothRequests/WaitBluetoothPairingRequest.h"
-#include "hwcommon/DBusBluetoothHidProxy.h"
-
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
 #include <memory>
@@ -14,7 +6,7 @@
 #include <utility>
 
 using namespace corvane::test;
-using testing::ElementsAre;
+using namespace testing;
 
 namespace {
 
@@ -52,41 +44,37 @@ protected:
         EXPECT_TRUE(eventually([&] { return request->started.load(); }));
         return request;
     }
+    void finish(HeldRequest& request) {
+        request.released = true;
+        EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+        ASSERT_TRUE(eventually([&] { return !request.isStillRunning(); }));
+    }
 };
 
-TEST_F(MakeRequest, RefusesASecondRequestWhileTheFirstRuns) {
+TEST_F(MakeRequest, RefusesASecondRequestWhileTheFirstRunsAndANullRequestAlways) {
+    EXPECT_FALSE(manager().makeRequest(nullptr));
+    EXPECT_THAT(log(), ElementsAre("ERROR makeRequest : no request given"));
+    manager().cancelRequest();
     const auto first = startHeld();
     forget();
     EXPECT_FALSE(manager().makeRequest(std::make_shared<ScanBluetoothRequest>()));
-    ASSERT_THAT(log(), ElementsAre("DEBUG Ongoing Bluetooth request: Generic BluetoothRequest"));
+    EXPECT_FALSE(manager().makeRequest(nullptr));
+    const std::string record = "DEBUG Ongoing Bluetooth request: Generic BluetoothRequest";
+    ASSERT_THAT(log(), ElementsAre(record, record));
     EXPECT_EQ(edges().log()[0].function,
               "bool BluetoothManager::makeRequest(std::shared_ptr<BluetoothRequest>)");
-    EXPECT_EQ(HeldRequest::destroyed, 0);
-    first->released = true;
-    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+    manager().cancelRequest();
+    EXPECT_EQ(answers.next(), REQUEST_CANCELLED) << "the manager still knows the first";
 }
 
 TEST_F(MakeRequest, ReleasesThePreviousRequestWhenItTakesTheNext) {
     auto first = startHeld();
-    first->released = true;
-    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
-    ASSERT_TRUE(eventually([&] { return !first->isStillRunning(); }));
+    finish(*first);
+    EXPECT_FALSE(manager().makeRequest(nullptr));
     first.reset();
     EXPECT_EQ(HeldRequest::destroyed, 0) << "the manager still holds it";
-    const auto second = startHeld();
-    EXPECT_TRUE(eventually([] { return HeldRequest::destroyed == 1; }));
-    second->released = true;
-    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
-}
-
-TEST_F(MakeRequest, RefusesANullRequestAndKeepsTheCurrentOne) {
-    EXPECT_FALSE(manager().makeRequest(nullptr));
-    EXPECT_THAT(log(), ElementsAre("ERROR makeRequest : no request given"));
-    manager().cancelRequest();
-    const auto held = startHeld();
-    EXPECT_FALSE(manager().makeRequest(nullptr));
-    manager().cancelRequest();
-    EXPECT_EQ(answers.next(), REQUEST_CANCELLED);
+    finish(*startHeld());
+    EXPECT_EQ(HeldRequest::destroyed, 1);
 }
 
 TEST_F(MakeRequest, CancellingAffectsOnlyTheRunningRequest) {
@@ -97,10 +85,8 @@ TEST_F(MakeRequest, CancellingAffectsOnlyTheRunningRequest) {
     EXPECT_EQ(answers.next(), REQUEST_CANCELLED);
     ASSERT_TRUE(eventually([&] { return !first->isStillRunning(); }));
     manager().cancelRequest();
-    const auto second = startHeld();
-    second->released = true;
-    EXPECT_EQ(answers.next(), REQUEST_SUCCESS) << "the next request is not affected";
-    EXPECT_EQ(answers.count(), 2U);
+    finish(*startHeld());
+    EXPECT_EQ(answers.count(), 2U) << "the next request is not affected";
 }
 
 TEST_F(MakeRequest, ThrowsWithoutAThreadAndTakesTheNextRequest) {
@@ -112,15 +98,11 @@ TEST_F(MakeRequest, ThrowsWithoutAThreadAndTakesTheNextRequest) {
     }
     EXPECT_FALSE(request->isStillRunning());
     manager().cancelRequest();
-    const auto next = startHeld();
-    next->released = true;
-    EXPECT_EQ(answers.next(), REQUEST_SUCCESS);
+    finish(*startHeld());
     EXPECT_EQ(answers.count(), 1U) << "the request that never ran does not answer";
 }
 
-class RequestNames : public testing::Test {};
-
-TEST_F(RequestNames, DependOnTheConstructor) {
+TEST(RequestNames, DependOnTheConstructor) {
     const auto callback = [](BluetoothRequestAnswers) {};
     constexpr char generic[] = "Generic BluetoothRequest";
     EXPECT_EQ(ScanBluetoothRequest().getRequestName(), "ScanBluetoothRequest");
@@ -133,12 +115,10 @@ TEST_F(RequestNames, DependOnTheConstructor) {
     EXPECT_EQ(WaitBluetoothPairingRequest(callback, "x").getRequestName(), generic);
 }
 
-class RequestsBackToBack : public ManagerTest {};
+class RequestsBackToBack : public WithHidService {};
 
 // Also meant for the address and the thread sanitizer.
 TEST_F(RequestsBackToBack, AnswerExactlyOnceWhateverIsCancelled) {
-    const auto connection = sdbus::createSystemBusConnection();
-    hwcommon::DBusBluetoothHidProxy hid(*connection);
     listDevices({{headset, "Headset", 0x240404, true, true},
                  {"00:00:00:00:00:02", "Phone", 0x5A020C, true, true},
                  {"00:00:00:00:00:03", "Tag", 0, false, false}});

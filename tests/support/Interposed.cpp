@@ -50,6 +50,7 @@ CORVANE_NOT_INSTRUMENTED Function* next(const char* name) {
 }
 
 constexpr char snapshotPath[] = "/tmp/messages_ref";
+constexpr char flagPath[] = "/tmp/bluetoothEnabled";
 
 CORVANE_NOT_INSTRUMENTED bool isSnapshot(const char* path) {
     return std::strcmp(path, snapshotPath) == 0;
@@ -68,6 +69,11 @@ std::string inFolder(const char* command) {
 /// Opens a descriptor that leads nowhere.
 int openNothing(int flags) { return open("/dev/null", O_RDWR | flags); }
 
+int failWith(int code) {
+    errno = code;
+    return -1;
+}
+
 /// Records a call that waits while a signal could interrupt it.
 void noteIfInterruptible(const char* request) {
     sigset_t blocked{};
@@ -83,8 +89,7 @@ FILE* printed(const std::string& output) {
     const auto read = [](void* source, char* buffer, std::size_t size) -> ssize_t {
         if (edges().interruptedReads > 0) {
             --edges().interruptedReads;
-            errno = EINTR;
-            return -1;
+            return failWith(EINTR);
         }
         return static_cast<ssize_t>(std::fread(buffer, 1, size, static_cast<FILE*>(source)));
     };
@@ -95,25 +100,19 @@ FILE* printed(const std::string& output) {
 bool failsHci(const std::string& call) { return edges().failingHci.count(call) > 0; }
 
 int hciIoctl(int descriptor, unsigned long request, void* argument) {
-    if (descriptor < 0) {
-        errno = EBADF;
-        return -1;
-    }
+    if (descriptor < 0) return failWith(EBADF);
     Edges& machine = edges();
     if (request == HCIGETDEVINFO) {
         auto* info = static_cast<hci_dev_info*>(argument);
         machine.note(Kind::HCI, "HCIGETDEVINFO " + std::to_string(info->dev_id));
-        if (!machine.hciPresent) {
-            errno = ENODEV;
-            return -1;
-        }
+        if (!machine.hciPresent) return failWith(ENODEV);
         info->flags = machine.hciUp ? 1U << HCI_UP : 0;
         return 0;
     }
     noteIfInterruptible("ioctl");
     if (request == HCIDEVUP) {
-        const auto device = static_cast<int>(reinterpret_cast<std::intptr_t>(argument));
-        machine.note(Kind::HCI, "HCIDEVUP " + std::to_string(device));
+        machine.note(Kind::HCI,
+                     "HCIDEVUP " + std::to_string(reinterpret_cast<std::intptr_t>(argument)));
         return 0;
     }
     const auto* option = static_cast<const hci_dev_req*>(argument);
@@ -121,11 +120,7 @@ int hciIoctl(int descriptor, unsigned long request, void* argument) {
     std::snprintf(text, sizeof text, "ioctl 0x%08lX dev %u opt 0x%X", request, option->dev_id,
                   option->dev_opt);
     machine.note(Kind::HCI, text);
-    if (failsHci("ioctl")) {
-        errno = EIO;
-        return -1;
-    }
-    return 0;
+    return failsHci("ioctl") ? failWith(EIO) : 0;
 }
 
 }  // namespace
@@ -197,10 +192,7 @@ int socket(int domain, int type, int protocol) noexcept {
                                 std::to_string(type & ~SOCK_CLOEXEC) + " " +
                                 std::to_string(protocol) +
                                 ((type & SOCK_CLOEXEC) != 0 ? " cloexec" : ""));
-    if (failsHci("socket")) {
-        errno = EAFNOSUPPORT;
-        return -1;
-    }
+    if (failsHci("socket")) return failWith(EAFNOSUPPORT);
     return openNothing((type & SOCK_CLOEXEC) != 0 ? O_CLOEXEC : 0);
 }
 
@@ -210,9 +202,7 @@ int bind(int descriptor, const sockaddr* address, socklen_t length) noexcept {
     }
     const auto* hci = reinterpret_cast<const sockaddr_hci*>(address);
     edges().note(Kind::HCI, "bind " + std::to_string(hci->hci_dev));
-    if (!edges().hciPresent) return 0;
-    errno = EALREADY;
-    return -1;
+    return edges().hciPresent ? failWith(EALREADY) : 0;
 }
 
 int ioctl(int descriptor, unsigned long request, ...) noexcept {
@@ -264,13 +254,8 @@ int nanosleep(const timespec* requested, timespec* remaining) {
                                                             requested->tv_nsec / 1'000'000));
     if (machine.interruptedSleeps > 0) {
         --machine.interruptedSleeps;
-        const auto left = (requested->tv_sec * 1'000'000'000LL + requested->tv_nsec) / 2;
-        if (remaining != nullptr) {
-            *remaining = {static_cast<time_t>(left / 1'000'000'000),
-                          static_cast<long>(left % 1'000'000'000)};
-        }
-        errno = EINTR;
-        return -1;
+        *remaining = {0, requested->tv_nsec / 2};
+        return failWith(EINTR);
     }
     return 0;
 }
@@ -283,6 +268,11 @@ GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError
 }  // extern "C"
 
 namespace {
+
+int gpio(const std::string& call) {
+    edges().note(Kind::GPIO, call);
+    return edges().failingGpio.count(call) > 0 ? 0 : 1;
+}
 
 std::atomic<std::int64_t> stoppedAt{-1};  // nanoseconds; -1 while it runs
 std::atomic<std::int64_t> clockReads{0};
@@ -336,15 +326,6 @@ bool hwcommon::DBusProxy::waitUntilDBusNameExist(const std::string& name, unsign
     return edges().missingNames.count(name) == 0;
 }
 
-namespace {
-
-int gpio(const std::string& call) {
-    edges().note(Kind::GPIO, call);
-    return edges().failingGpio.count(call) > 0 ? 0 : 1;
-}
-
-}  // namespace
-
 int GPIO::GPIOManager::exportPin(unsigned pin) { return gpio("export " + std::to_string(pin)); }
 
 int GPIO::GPIOManager::setDirection(unsigned pin, Direction direction) {
@@ -358,12 +339,6 @@ int GPIO::GPIOManager::setValue(unsigned pin, Value value) {
     edges().levels[pin] = static_cast<int>(value);
     return gpio("set " + std::to_string(pin) + " " + std::to_string(static_cast<int>(value)));
 }
-
-namespace {
-
-constexpr char flagPath[] = "/tmp/bluetoothEnabled";
-
-}  // namespace
 
 std::string GetModelNameStringExternal(ModelType /*modelType*/) { return edges().modelName; }
 

@@ -7,8 +7,6 @@
 
 #include <gio/gio.h>
 
-#include <functional>
-#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -50,14 +48,18 @@ void g_dbus_connection_call(GDBusConnection* connection, const gchar* busName, c
                             GCancellable* cancellable, GAsyncReadyCallback callback,
                             gpointer userData) {
     if (edges().standIn != nullptr) {
-        using Answer = std::function<void()>;
+        struct Asked {
+            GAsyncReadyCallback callback;
+            gpointer userData;
+        };
+        static Asked asked;  // there is no second call before the answer
+        asked = {callback, userData};
         g_idle_add(
-            [](gpointer answer) -> gboolean {
-                const std::unique_ptr<Answer> owned(static_cast<Answer*>(answer));
-                (*owned)();
+            [](gpointer /*data*/) -> gboolean {
+                asked.callback(edges().standIn, nullptr, asked.userData);
                 return G_SOURCE_REMOVE;
             },
-            new Answer([=] { callback(edges().standIn, nullptr, userData); }));
+            nullptr);
         return;
     }
     next<decltype(g_dbus_connection_call)>("g_dbus_connection_call")(

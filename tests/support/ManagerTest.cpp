@@ -18,6 +18,12 @@ namespace {
 using WallClock = std::chrono::system_clock;
 constexpr std::chrono::minutes patience{5};
 
+std::string propertySet(const std::string& path, const std::string& interface,
+                        const std::string& property, const std::string& value) {
+    return "org.bluez " + path + " org.freedesktop.DBus.Properties.Set ('" + interface + "', '" +
+           property + "', <" + value + ">)";
+}
+
 }  // namespace
 
 bool eventually(const std::function<bool()>& condition) {
@@ -29,16 +35,6 @@ bool eventually(const std::function<bool()>& condition) {
     }
     return true;
 }
-
-namespace {
-
-std::string propertySet(const std::string& path, const std::string& interface,
-                        const std::string& property, const std::string& value) {
-    return "org.bluez " + path + " org.freedesktop.DBus.Properties.Set ('" + interface + "', '" +
-           property + "', <" + value + ">)";
-}
-
-}  // namespace
 
 std::string adapterSet(const std::string& property, const std::string& value) {
     return propertySet("/org/bluez/hci0", "org.bluez.Adapter1", property, value);
@@ -83,19 +79,6 @@ int Answers::next() {
 std::size_t Answers::count() {
     const std::lock_guard lock(mutex);
     return all.size();
-}
-
-HostsSource::HostsSource() : source(g_idle_source_new()) {
-    const auto run = [](gpointer self) {
-        return static_cast<gboolean>(++static_cast<HostsSource*>(self)->runs < 1000);
-    };
-    g_source_set_callback(source, run, this, nullptr);
-    g_source_attach(source, nullptr);
-}
-
-HostsSource::~HostsSource() {
-    g_source_destroy(source);
-    g_source_unref(source);
 }
 
 ManagerTest::ManagerTest() {
@@ -160,6 +143,13 @@ void ManagerTest::listDevices(const std::vector<Device>& devices) {
     bluez.setDevices(devices);
     manager().scanDevicesInfo();
     forget();
+}
+
+const int& ManagerTest::addHostsSource() {
+    static int runs = 0;
+    runs = 0;
+    g_idle_add([](gpointer /*data*/) -> gboolean { return ++runs < 1000; }, nullptr);
+    return runs;
 }
 
 }  // namespace corvane::test

@@ -5,14 +5,21 @@
 #include "Edges.h"
 #include "Shortage.h"
 #include "TestBus.h"
+#include "bluetoothRequests/ConnectBluetoothRequest.h"
+#include "bluetoothRequests/DisconnectBluetoothRequest.h"
+#include "bluetoothRequests/ScanBluetoothRequest.h"
+#include "bluetoothRequests/WaitBluetoothPairingRequest.h"
+#include "hwcommon/DBusBluetoothHidProxy.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -46,21 +53,6 @@ private:
     std::size_t taken = 0;
 };
 
-/// A host's source on GLib's default main context. Counts its runs and removes itself after a
-/// thousand.
-class HostsSource {
-public:
-    HostsSource();
-    ~HostsSource();
-    HostsSource(const HostsSource&) = delete;
-    HostsSource& operator=(const HostsSource&) = delete;
-
-    int runs = 0;
-
-private:
-    GSource* source;
-};
-
 /// A process with its own bus, fake services and machine. The first call of manager() creates the
 /// one manager.
 class ManagerTest : public testing::Test {
@@ -85,12 +77,22 @@ protected:
     /// Fills the manager's device lists as a scan would.
     void listDevices(const std::vector<Device>& devices);
 
+    /// Adds a source of the host to GLib's default main context. Returns its runs, at most 1000.
+    static const int& addHostsSource();
+
     PrivateBus bus;
     FakeBluez bluez{bus.address()};
     Answers answers;
 
 private:
     bool made = false;
+};
+
+/// With a client of the HID service.
+class WithHidService : public ManagerTest {
+protected:
+    std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
+    hwcommon::DBusBluetoothHidProxy hid{*connection};
 };
 
 /// The three wirings: 0 and 2 have an FN-link module, 1 a Laird module.

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <regex>
 #include <stdexcept>
 #include <system_error>
 
@@ -20,12 +21,7 @@ namespace {
 }
 
 std::string quoted(const std::string& text) {
-    GVariant* value = g_variant_ref_sink(g_variant_new_string(text.c_str()));
-    gchar* printed = g_variant_print(value, FALSE);
-    std::string result = printed;
-    g_free(printed);
-    g_variant_unref(value);
-    return result;
+    return "'" + std::regex_replace(text, std::regex(R"([\\'])"), R"(\$&)") + "'";
 }
 
 }  // namespace
@@ -135,35 +131,11 @@ GVariant* FakeBluez::call(const char* member, GVariant* arguments) {
     return reply;
 }
 
-void FakeBluez::tell(const char* member, GVariant* arguments) {
-    g_variant_unref(call(member, arguments));
-}
-
-void FakeBluez::reply(const std::string& path, const std::string& member, const std::string& body,
-                      unsigned times, Milliseconds delay) {
-    tell("Reply", g_variant_new("(sssuu)", path.c_str(), member.c_str(), body.c_str(), times,
-                                static_cast<guint>(delay.count())));
-}
-
-void FakeBluez::fail(const std::string& path, const std::string& member,
-                     const std::string& errorName, const std::string& message, unsigned times) {
-    tell("Fail", g_variant_new("(ssssuu)", path.c_str(), member.c_str(), errorName.c_str(),
-                               message.c_str(), times, 0U));
-}
-
-void FakeBluez::ignore(const std::string& path, const std::string& member) {
-    tell("Ignore", g_variant_new("(ssu)", path.c_str(), member.c_str(), 0U));
-}
-
-void FakeBluez::crash(const std::string& path, const std::string& member, bool answered) {
-    tell("Crash",
-         g_variant_new("(ssb)", path.c_str(), member.c_str(), static_cast<gboolean>(answered)));
-}
-
-void FakeBluez::own(const std::string& name) { tell("Own", g_variant_new("(s)", name.c_str())); }
-
-void FakeBluez::release(const std::string& name) {
-    tell("Release", g_variant_new("(s)", name.c_str()));
+void FakeBluez::rule(const std::string& path, const std::string& member, const std::string& body,
+                     const std::string& error, unsigned times, Milliseconds delay, bool crash) {
+    tell("Rule",
+         g_variant_new("(ssssuub)", path.c_str(), member.c_str(), body.c_str(), error.c_str(),
+                       times, static_cast<guint>(delay.count()), static_cast<gboolean>(crash)));
 }
 
 void FakeBluez::emit(const std::string& path, const std::string& interface,
@@ -171,10 +143,6 @@ void FakeBluez::emit(const std::string& path, const std::string& interface,
     tell("Emit",
          g_variant_new("(ssss)", path.c_str(), interface.c_str(), member.c_str(), body.c_str()));
 }
-
-void FakeBluez::letGo() { tell("LetGo", nullptr); }
-
-void FakeBluez::forget() { tell("Forget", nullptr); }
 
 void FakeBluez::setDevices(const std::vector<Device>& devices, unsigned times, Milliseconds delay) {
     std::string objects = "@o '/org/bluez/hci0': {'org.bluez.Adapter1': {'Powered': <true>}}";

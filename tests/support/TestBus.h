@@ -78,19 +78,26 @@ public:
     FakeBluez(const FakeBluez&) = delete;
     FakeBluez& operator=(const FakeBluez&) = delete;
 
+    /// Rules for coming calls, see tests/fakebluez. @param times  0 for all
     void reply(const std::string& path, const std::string& member, const std::string& body,
-               unsigned times = 0, Milliseconds delay = Milliseconds(0));
+               unsigned times = 0, Milliseconds delay = Milliseconds(0)) {
+        rule(path, member, body, "", times, delay);
+    }
     void fail(const std::string& path, const std::string& member, const std::string& errorName,
-              const std::string& message, unsigned times = 0);
-    void ignore(const std::string& path, const std::string& member);
+              const std::string& message, unsigned times = 0) {
+        rule(path, member, message, errorName, times);
+    }
+    void ignore(const std::string& path, const std::string& member) { rule(path, member, ""); }
     /// Ends the services at such a call, after or instead of the reply.
-    void crash(const std::string& path, const std::string& member, bool answered);
+    void crash(const std::string& path, const std::string& member, bool answered) {
+        rule(path, member, answered ? "()" : "", "", 0, Milliseconds(0), true);
+    }
     /// Ends the services now.
     void stop() { process.stop(); }
     /// Starts the services again at the same bus address, without rules and recorded calls.
     void restart();
-    void own(const std::string& name);
-    void release(const std::string& name);
+    void own(const std::string& name) { tell("Own", g_variant_new("(s)", name.c_str())); }
+    void release(const std::string& name) { tell("Release", g_variant_new("(s)", name.c_str())); }
     void emit(const std::string& path, const std::string& interface, const std::string& member,
               const std::string& body);
 
@@ -103,12 +110,17 @@ public:
     std::vector<std::pair<std::int64_t, std::string>> calls();
     /// Counts the recorded calls that contain the text.
     int countCalls(const std::string& text);
-    void letGo();
-    void forget();
+    void letGo() { tell("LetGo"); }
+    void forget() { tell("Forget"); }
 
 private:
+    void rule(const std::string& path, const std::string& member, const std::string& body,
+              const std::string& error = "", unsigned times = 0,
+              Milliseconds delay = Milliseconds(0), bool crash = false);
     GVariant* call(const char* member, GVariant* arguments);
-    void tell(const char* member, GVariant* arguments);
+    void tell(const char* member, GVariant* arguments = nullptr) {
+        g_variant_unref(call(member, arguments));
+    }
     void connect();
 
     std::string address;
