@@ -7,8 +7,6 @@
 #include <future>
 #include <iterator>
 #include <system_error>
-#include <type_traits>
-#include <utility>
 
 using namespace corvane::test;
 using namespace testing;
@@ -88,71 +86,55 @@ TEST_F(DaemonLoss, DuringSwitchingOffSkipsNoStep) {
     expectRecovery();
 }
 
-using Callback = std::function<void(BluetoothRequestAnswers)>;
-using HidProxy = hwcommon::DBusBluetoothHidProxy;
+class DaemonDeath : public Faults {};
 
-struct DyingCase {
-    const char* name;
-    std::shared_ptr<BluetoothRequest> (*make)(const Callback& callback, HidProxy& hid);
-    const char* member;
-    int answer;
-    bool goesOn = false;  // until BlueZ is back
-};
-
-template <class Request, const Device& device>
-std::shared_ptr<BluetoothRequest> make(const Callback& callback, HidProxy& hid) {
-    if constexpr (std::is_constructible_v<Request, Callback, HidProxy*, std::string>) {
-        return std::make_shared<Request>(callback, &hid, device.name);
-    } else {
-        return std::make_shared<Request>(callback, device.name);
-    }
-}
-
-std::shared_ptr<BluetoothRequest> makeScan(const Callback& callback, HidProxy& /*hid*/) {
-    return std::make_shared<ScanBluetoothRequest>(callback);
-}
-
-const DyingCase dyingCases[]{
-    {"ScanAsItStarts", makeScan, "StartDiscovery", REQUEST_SUCCESS},
-    {"ScanAsItStops", makeScan, "StopDiscovery", REQUEST_SUCCESS},
-    {"ConnectSpeaker", make<ConnectBluetoothRequest, speaker>, "Connect", REQUEST_FAILED},
-    {"ConnectPhone", make<ConnectBluetoothRequest, phone>, "Connect", REQUEST_FAILED},
-    {"Disconnect", make<DisconnectBluetoothRequest, speaker>, "Disconnect", REQUEST_SUCCESS, true},
-    {"WaitAsItTrusts", make<WaitBluetoothPairingRequest, phone>, "Set Trusted", REQUEST_FAILED},
-    {"WaitForPhone", make<WaitBluetoothPairingRequest, phone>, "GetManagedObjects", REQUEST_SUCCESS,
-     true},
-    {"WaitAsItPairs", make<WaitBluetoothPairingRequest, speaker>, "Pair",
-     REQUEST_DEVICE_NOT_FOUND}};
-
-class DaemonDeath : public Faults, public WithParamInterface<DyingCase> {};
-
-TEST_P(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
-    const DyingCase& row = GetParam();
-    manager().setEnabled(true, false);
-    listDevices(everyDevice);
-    Clock::stop();
-    bluez.crash("*", row.member, false);
-    if (row.goesOn) bluez.setDevices({{phone.address, phone.name, phone.deviceClass}}, 2);
-    start(row.make(answers.callback(), hid));
+TEST_F(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
+    using Scan = ScanBluetoothRequest;
+    using Connect = ConnectBluetoothRequest;
+    using Disconnect = DisconnectBluetoothRequest;
+    using Wait = WaitBluetoothPairingRequest;
+    const auto callback = answers.callback();
+    const struct {
+        const char* member;  // the call that bluetoothd dies of
+        std::shared_ptr<BluetoothRequest> request;
+        int answer;
+        bool goesOn = false;  // until BlueZ is back
+    } rows[]{
+        {"StartDiscovery", std::make_shared<Scan>(callback), REQUEST_SUCCESS},
+        {"StopDiscovery", std::make_shared<Scan>(callback), REQUEST_SUCCESS},
+        {"Connect", std::make_shared<Connect>(callback, &hid, "Speaker"), REQUEST_FAILED},
+        {"Connect", std::make_shared<Connect>(callback, &hid, "Phone"), REQUEST_FAILED},
+        {"Disconnect", std::make_shared<Disconnect>(callback, &hid, "Speaker"), REQUEST_SUCCESS,
+         true},
+        {"Set Trusted", std::make_shared<Wait>(callback, "Phone"), REQUEST_FAILED},
+        {"GetManagedObjects", std::make_shared<Wait>(callback, "Phone"), REQUEST_SUCCESS, true},
+        {"Pair", std::make_shared<Wait>(callback, "Speaker"), REQUEST_DEVICE_NOT_FOUND}};
     const std::chrono::milliseconds scanTime(10001);
-    ASSERT_TRUE(eventually([&] {
-        if (!row.goesOn) Clock::advance(scanTime);
-        return !errors().empty();
-    }));
-    if (row.goesOn) {
-        EXPECT_EQ(answers.count(), 0U);
-        bluez.restart();
-        bluez.setDevices(everyDevice);
+    manager().setEnabled(true, false);
+    std::size_t answered = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.member + std::to_string(answered));
+        listDevices(everyDevice);
+        Clock::stop();
+        bluez.crash("*", row.member, false);
+        if (row.goesOn) bluez.setDevices({{phone.address, phone.name, phone.deviceClass}}, 2);
+        start(row.request);
+        ASSERT_TRUE(eventually([&] {
+            if (!row.goesOn) Clock::advance(scanTime);
+            return !errors().empty();
+        }));
+        if (row.goesOn) {
+            EXPECT_EQ(answers.count(), answered);
+            bluez.restart();
+            bluez.setDevices(everyDevice);
+        }
+        Clock::advance(scanTime);
+        EXPECT_EQ(answers.next(), row.answer);
+        if (!row.goesOn) bluez.restart();
+        expectRecovery();
+        EXPECT_EQ(answers.count(), ++answered);
     }
-    Clock::advance(scanTime);
-    EXPECT_EQ(answers.next(), row.answer);
-    if (!row.goesOn) bluez.restart();
-    expectRecovery();
-    EXPECT_EQ(answers.count(), 1U);
 }
-
-INSTANTIATE_TEST_SUITE_P(Request, DaemonDeath, ValuesIn(dyingCases),
-                         [](const auto& row) { return std::string(row.param.name); });
 
 class BusLoss : public Faults {
 protected:

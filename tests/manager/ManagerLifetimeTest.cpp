@@ -65,12 +65,9 @@ TEST_P(StrangeIdentity, SelectsWiringZeroAndReachesNoShell) {
         bluez.reply("/org/corvane/Hardware", "*", GetParam());
     }
     manager().setBluetoothServices(true);
-    EXPECT_THAT(
-        happened({Kind::SHELL}),
-        ElementsAre("start-stop-daemon -S -b -q -m -p /var/run/hw_bluez_hid.pid -x "
-                    "/bin/hw_bluez_hid 0 'Model C100' --no-close;start-stop-daemon -S -b -q -m -p "
-                    "/var/run/bluealsa.pid -x /bin/bluealsa;export DBUS_SESSION_BUS_ADDRESS="
-                    "unix:path=/var/run/dbus/system_bus_socket;"));
+    EXPECT_THAT(happened({Kind::SHELL}),
+                ElementsAre(AllOf(HasSubstr("/bin/hw_bluez_hid 0 'Model C100' --no-close;"),
+                                  Not(HasSubstr("reboot")))));
     forget();
     EXPECT_TRUE(manager().enableGpio(true, false));
     EXPECT_EQ(happened({Kind::GPIO}).front(), "set 48 1");

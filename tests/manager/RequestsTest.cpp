@@ -208,13 +208,13 @@ protected:
 TEST_F(WaitRequest, TrustsBeforeItMakesTheAdapterDiscoverable) {
     EXPECT_EQ(run<WaitBluetoothPairingRequest>("Nobody"), REQUEST_FAILED) << "class not known";
     EXPECT_THAT(happened({Kind::BUS}),
-                ElementsAre(deviceSet("", "Trusted", "true"), adapterSet("Discoverable", "true"),
+                ElementsAre(trust(""), adapterSet("Discoverable", "true"),
                             adapterSet("DiscoverableTimeout", "uint32 300"),
                             "org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects ()"));
     EXPECT_EQ(log()[2], "ERROR Not able to set Trusted property");
     listDevices({keyboard});
     EXPECT_EQ(run<WaitBluetoothPairingRequest>("Keyboard"), REQUEST_FAILED);
-    EXPECT_EQ(happened({Kind::BUS}).front(), deviceSet(keyboard.address, "Trusted", "true"));
+    EXPECT_EQ(happened({Kind::BUS}).front(), trust(keyboard.address));
     EXPECT_EQ(bluez.countCalls(scan), 1) << "no waiting";
 }
 
@@ -243,36 +243,30 @@ TEST_F(WaitRequest, TimesOutAfterAMinute) {
     EXPECT_EQ(answers.next(), REQUEST_TIMEOUT);
 }
 
-struct LastPassCase {
-    const char* name;
-    bool cancelled;  // otherwise the time is over
-    bool found;
-    int answer;
-};
-
-class LastPassOfAWait : public WaitRequest, public WithParamInterface<LastPassCase> {};
-
-TEST_P(LastPassOfAWait, DecidesTheAnswerUnlessTheTimeIsOver) {
-    const LastPassCase& row = GetParam();
-    const Device device = row.found ? connected(phone) : phone;
-    listDevices({device});
-    bluez.setDevices({device}, 0, FakeBluez::untilLetGo);
-    bluez.setDevices({device}, 1);  // the scan before the loop
-    Clock::stop();
-    start(std::make_shared<WaitBluetoothPairingRequest>(answers.callback(), device.name));
-    ASSERT_TRUE(reached(scan, 2));
-    if (row.cancelled) manager().cancelRequest();
-    if (!row.cancelled) Clock::advance(milliseconds(60001));
-    bluez.letGo();
-    EXPECT_EQ(answers.next(), row.answer);
-    EXPECT_EQ(bluez.countCalls(scan), 2) << "no further pass";
+TEST_F(WaitRequest, TheLastPassDecidesTheAnswerUnlessTheTimeIsOver) {
+    const struct {
+        const char* name;
+        bool cancelled;  // otherwise the time is over
+        bool found;
+        int answer;
+    } rows[]{{"Late", false, true, REQUEST_TIMEOUT},
+             {"Found", true, true, REQUEST_SUCCESS},
+             {"Cancelled", true, false, REQUEST_CANCELLED}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const Device device = row.found ? connected(phone) : phone;
+        listDevices({device});
+        bluez.setDevices({device}, 0, FakeBluez::untilLetGo);
+        bluez.setDevices({device}, 1);  // the scan before the loop
+        Clock::stop();
+        start(std::make_shared<WaitBluetoothPairingRequest>(answers.callback(), device.name));
+        ASSERT_TRUE(reached(scan, 2));
+        row.cancelled ? manager().cancelRequest() : Clock::advance(milliseconds(60001));
+        bluez.letGo();
+        EXPECT_EQ(answers.next(), row.answer);
+        EXPECT_EQ(bluez.countCalls(scan), 2) << "no further pass";
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Its, LastPassOfAWait,
-                         Values(LastPassCase{"Late", false, true, REQUEST_TIMEOUT},
-                                LastPassCase{"Found", true, true, REQUEST_SUCCESS},
-                                LastPassCase{"Cancelled", true, false, REQUEST_CANCELLED}),
-                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(WaitRequest, CancelledBeforeTheLoopFails) {
     listDevices({phone, headphones});
@@ -283,43 +277,34 @@ TEST_F(WaitRequest, CancelledBeforeTheLoopFails) {
     EXPECT_EQ(bluez.countCalls("'Discoverable'"), 2);
 }
 
-struct AudioCase {
-    const char* name;
-    bool pairs;
-    bool connects;
-    bool paired;
-    std::uint32_t deviceClass;
-    bool triesToConnect;
-    int answer;
-};
+class WaitForAudio : public WaitRequest {};
 
-class WaitForAudio : public WaitRequest, public WithParamInterface<AudioCase> {};
-
-TEST_P(WaitForAudio, TriesToConnectAPlaybackDeviceEvenIfPairingFails) {
-    const AudioCase& row = GetParam();
-    Device device = headphones;
-    device.deviceClass = row.deviceClass;
-    device.paired = row.paired;
-    listDevices({device});
-    if (!row.pairs) bluez.fail(device.path(), "Pair", refused, "No");
-    if (!row.connects) bluez.fail(device.path(), "Connect", refused, "No");
-    EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), row.answer);
-    EXPECT_EQ(bluez.countCalls(deviceCall(device.address, "Pair")), 1);
-    EXPECT_EQ(bluez.countCalls(deviceCall(device.address, "Connect")), row.triesToConnect);
-    EXPECT_EQ(bluez.countCalls(scan), 2);
+TEST_F(WaitForAudio, TriesToConnectAPlaybackDeviceEvenIfPairingFails) {
+    const struct {
+        const char* name;
+        bool pairs, connects, paired;
+        std::uint32_t deviceClass;
+        bool triesToConnect;
+        int answer;
+    } rows[]{{"Works", true, true, true, 0x240418, true, REQUEST_SUCCESS},
+             {"PairingFails", false, true, true, 0x240418, true, REQUEST_FAILED},
+             {"ConnectionFails", true, false, true, 0x240418, true, REQUEST_CONNECT_FAILED},
+             {"BothFail", false, false, true, 0x240418, true, REQUEST_CONNECT_FAILED},
+             {"NotPairedAfterwards", true, true, false, 0x240418, false, REQUEST_DEVICE_NOT_FOUND},
+             {"NoPlaybackDevice", true, true, true, 0x240410, false, REQUEST_SUCCESS},
+             {"NoPlaybackDevicePairingFails", false, true, true, 0x240410, false, REQUEST_FAILED}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const Device device{headphones.address, "Headphones", row.deviceClass, row.paired};
+        listDevices({device});
+        if (!row.pairs) bluez.fail(device.path(), "Pair", refused, "No");
+        if (!row.connects) bluez.fail(device.path(), "Connect", refused, "No");
+        EXPECT_EQ(run<WaitBluetoothPairingRequest>("Headphones"), row.answer);
+        EXPECT_EQ(bluez.countCalls(deviceCall(device.address, "Pair")), 1);
+        EXPECT_EQ(bluez.countCalls(deviceCall(device.address, "Connect")), row.triesToConnect);
+        EXPECT_EQ(bluez.countCalls(scan), 2);
+    }
 }
-
-const AudioCase audioCases[]{
-    {"Works", true, true, true, 0x240418, true, REQUEST_SUCCESS},
-    {"PairingFails", false, true, true, 0x240418, true, REQUEST_FAILED},
-    {"ConnectionFails", true, false, true, 0x240418, true, REQUEST_CONNECT_FAILED},
-    {"BothFail", false, false, true, 0x240418, true, REQUEST_CONNECT_FAILED},
-    {"NotPairedAfterwards", true, true, false, 0x240418, false, REQUEST_DEVICE_NOT_FOUND},
-    {"NoPlaybackDevice", true, true, true, 0x240410, false, REQUEST_SUCCESS},
-    {"NoPlaybackDevicePairingFails", false, true, true, 0x240410, false, REQUEST_FAILED}};
-
-INSTANTIATE_TEST_SUITE_P(Audio, WaitForAudio, ValuesIn(audioCases),
-                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(WaitRequest, ConnectsTheAddressFromThePairedList) {
     const Device after{"00:00:00:00:00:44", headphones.name, headphones.deviceClass, true};
@@ -332,20 +317,19 @@ TEST_F(WaitRequest, ConnectsTheAddressFromThePairedList) {
 
 class RequestCallback : public RequestTest {
 protected:
-    /// A callback that starts the next request.
+    /// Tells whether the manager takes the next request from the callback of this one.
     template <class Request, class... Arguments>
-    bool nextIsTakenFromTheCallback(Arguments... arguments) {
+    bool startsTheNext(Arguments... arguments) {
         bool running = false;
         bool taken = false;
         std::shared_ptr<BluetoothRequest> request;
-        request = std::make_shared<Request>(
-            [&](BluetoothRequestAnswers answer) {
-                running = request->isStillRunning();
-                taken = manager().makeRequest(
-                    std::make_shared<ConnectBluetoothRequest>(nullptr, nullptr, "Nobody"));
-                answers.note(answer);
-            },
-            arguments...);
+        const auto callback = [&](BluetoothRequestAnswers answer) {
+            running = request->isStillRunning();
+            taken = manager().makeRequest(
+                std::make_shared<ConnectBluetoothRequest>(nullptr, nullptr, "Nobody"));
+            answers.note(answer);
+        };
+        request = std::make_shared<Request>(callback, arguments...);
         request->cancelRequest();
         start(request);
         EXPECT_NE(answers.next(), -1);
@@ -355,8 +339,8 @@ protected:
 };
 
 TEST_F(RequestCallback, MayStartTheNextRequestOnlyAfterAConnect) {
-    EXPECT_FALSE(nextIsTakenFromTheCallback<ScanBluetoothRequest>());
-    EXPECT_FALSE(nextIsTakenFromTheCallback<DisconnectBluetoothRequest>(nullptr, "Nobody"));
-    EXPECT_FALSE(nextIsTakenFromTheCallback<WaitBluetoothPairingRequest>("Nobody"));
-    EXPECT_TRUE(nextIsTakenFromTheCallback<ConnectBluetoothRequest>(nullptr, "Nobody"));
+    EXPECT_FALSE(startsTheNext<ScanBluetoothRequest>());
+    EXPECT_FALSE(startsTheNext<DisconnectBluetoothRequest>(nullptr, "Nobody"));
+    EXPECT_FALSE(startsTheNext<WaitBluetoothPairingRequest>("Nobody"));
+    EXPECT_TRUE(startsTheNext<ConnectBluetoothRequest>(nullptr, "Nobody"));
 }

@@ -33,9 +33,8 @@ struct LogRecord {
     std::string function;
 };
 
-/// The machine as the library sees it: the results of its calls, and a record of them.
-///
-/// A test sets the fields before it calls the library; it may read the events at any time.
+/// The machine as the library sees it: the results of its calls, which a test sets before it calls
+/// the library, and a record of them.
 class Edges {
 public:
     // Files
@@ -53,17 +52,13 @@ public:
     bool hciUp = true;
     std::set<std::string> failingHci;  // events as below without their arguments, "hci_open_dev"
     std::uint32_t adapterClass = 0;
-    std::set<std::string> interruptible;  // waiting calls that a signal could end: requests to the
-                                          // controller, sd-bus's ppoll
+    std::set<std::string> interruptible;  // waiting calls that a signal could end
 
-    // Shell commands whose output is read: one entry a call, none: popen itself fails. Later calls
-    // get empty output.
-    std::vector<std::optional<std::string>> pipes;
+    // Shell
+    std::vector<std::optional<std::string>> pipes;  // output, one entry a call; none: popen fails
     int interruptedReads = 0;  // so many reads of such output are interrupted by a signal
     std::function<void(const std::string&)> onShell;  // called for each shell command
-
-    // Answers such a command in place of `pipes`, with a stream for fclose().
-    std::function<FILE*(const char*)> onPipe;
+    std::function<FILE*(const char*)> onPipe;         // in place of `pipes`: a stream for fclose()
 
     // Waits
     bool sleeps = false;                 // waits last as long as they should
@@ -80,8 +75,7 @@ public:
     bool busMissing = false;  // GIO gets no connection
     bool noReplies = false;   // BlueZ's calls return neither a reply nor an error
     std::function<void(const std::string& method)> onCall;  // to BlueZ
-    // Answers asynchronous calls in the connection's place, with nothing.
-    GObject* standIn = nullptr;
+    GObject* standIn = nullptr;  // answers asynchronous calls for the connection, with nothing
 
     std::vector<int>* listsUsed = nullptr;  // takes the lists that are asked for, in order
 

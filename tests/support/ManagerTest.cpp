@@ -13,72 +13,15 @@
 
 namespace corvane::test {
 
-namespace {
-
-using WallClock = std::chrono::system_clock;
-constexpr std::chrono::minutes patience{5};
-
-std::string propertySet(const std::string& path, const std::string& interface,
-                        const std::string& property, const std::string& value) {
-    return "org.bluez " + path + " org.freedesktop.DBus.Properties.Set ('" + interface + "', '" +
-           property + "', <" + value + ">)";
-}
-
-}  // namespace
-
 bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = WallClock::now() + patience;
+    using WallClock = std::chrono::system_clock;
+    const auto deadline = WallClock::now() + std::chrono::minutes(5);
     while (!condition()) {
         if (WallClock::now() > deadline) return false;
         const timespec pause{0, 1'000'000};
         clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
     }
     return true;
-}
-
-std::string adapterSet(const std::string& property, const std::string& value) {
-    return propertySet("/org/bluez/hci0", "org.bluez.Adapter1", property, value);
-}
-
-std::string deviceSet(const std::string& address, const std::string& property,
-                      const std::string& value) {
-    return propertySet(Device{address, ""}.path(), "org.bluez.Device1", property, value);
-}
-
-std::string adapterCall(const std::string& method, const std::string& arguments) {
-    return "org.bluez /org/bluez/hci0 org.bluez.Adapter1." + method + " " + arguments;
-}
-
-std::string deviceCall(const std::string& address, const std::string& method) {
-    return "org.bluez " + Device{address, ""}.path() + " org.bluez.Device1." + method + " ()";
-}
-
-std::string agentCall(const std::string& method, const std::string& arguments) {
-    return "org.bluez /org/bluez org.bluez.AgentManager1." + method + " " + arguments;
-}
-
-std::function<void(BluetoothRequestAnswers)> Answers::callback() {
-    return [this](BluetoothRequestAnswers answer) { note(answer); };
-}
-
-void Answers::note(BluetoothRequestAnswers answer) {
-    const std::lock_guard lock(mutex);
-    all.push_back(answer);
-    changed.notify_all();
-}
-
-int Answers::next() {
-    std::unique_lock lock(mutex);
-    if (!changed.wait_until(lock, WallClock::now() + patience,
-                            [this] { return all.size() > taken; })) {
-        return -1;
-    }
-    return all[taken++];
-}
-
-std::size_t Answers::count() {
-    const std::lock_guard lock(mutex);
-    return all.size();
 }
 
 ManagerTest::ManagerTest() {

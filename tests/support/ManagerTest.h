@@ -16,7 +16,6 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -30,25 +29,48 @@ namespace corvane::test {
 bool eventually(const std::function<bool()>& condition);
 
 /// Entries of the fake's list of calls.
-std::string adapterCall(const std::string& method, const std::string& arguments = "()");
-std::string adapterSet(const std::string& property, const std::string& value);
-std::string deviceCall(const std::string& address, const std::string& method);
-std::string deviceSet(const std::string& address, const std::string& property,
-                      const std::string& value);
-std::string agentCall(const std::string& method, const std::string& arguments);
+inline std::string adapterCall(const std::string& method, const std::string& arguments = "()") {
+    return "org.bluez /org/bluez/hci0 org.bluez.Adapter1." + method + " " + arguments;
+}
+inline std::string deviceCall(const std::string& address, const std::string& method) {
+    return "org.bluez " + Device{address, ""}.path() + " org.bluez.Device1." + method + " ()";
+}
+inline std::string agentCall(const std::string& method, const std::string& arguments) {
+    return "org.bluez /org/bluez org.bluez.AgentManager1." + method + " " + arguments;
+}
+inline std::string adapterSet(const std::string& property, const std::string& value) {
+    return "org.bluez /org/bluez/hci0 org.freedesktop.DBus.Properties.Set ('org.bluez.Adapter1', "
+           "'" +
+           property + "', <" + value + ">)";
+}
+inline std::string trust(const std::string& address) {
+    return "org.bluez " + Device{address, ""}.path() +
+           " org.freedesktop.DBus.Properties.Set ('org.bluez.Device1', 'Trusted', <true>)";
+}
 
 /// The answers passed to a request's callback.
 class Answers {
 public:
-    std::function<void(BluetoothRequestAnswers)> callback();
-    void note(BluetoothRequestAnswers answer);
+    std::function<void(BluetoothRequestAnswers)> callback() {
+        return [this](BluetoothRequestAnswers answer) { note(answer); };
+    }
+    void note(BluetoothRequestAnswers answer) {
+        const std::lock_guard lock(mutex);
+        all.push_back(answer);
+    }
+    std::size_t count() {
+        const std::lock_guard lock(mutex);
+        return all.size();
+    }
     /// Waits for the next answer; -1 after five minutes.
-    int next();
-    std::size_t count();
+    int next() {
+        if (!eventually([this] { return count() > taken; })) return -1;
+        const std::lock_guard lock(mutex);
+        return all[taken++];
+    }
 
 private:
     std::mutex mutex;
-    std::condition_variable changed;
     std::vector<BluetoothRequestAnswers> all;
     std::size_t taken = 0;
 };

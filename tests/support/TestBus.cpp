@@ -1,12 +1,9 @@
 #include "TestBus.h"
 
-#include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <regex>
 #include <stdexcept>
-#include <system_error>
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -15,10 +12,6 @@
 namespace corvane::test {
 
 namespace {
-
-[[noreturn]] void throwErrno(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
 
 std::string quoted(const std::string& text) {
     return "'" + std::regex_replace(text, std::regex(R"([\\'])"), R"(\$&)") + "'";
@@ -32,29 +25,20 @@ void Child::start() {
     stop();
     line.clear();
     std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
-
-    int ends[2];
-    if (pipe(ends) != 0) throwErrno("pipe");
-    const pid_t parent = getpid();
-    pid = fork();
-    if (pid < 0) throwErrno("fork");
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent) _exit(127);
-        dup2(ends[1], STDOUT_FILENO);
-        close(ends[0]);
-        close(ends[1]);
-        execvp(arguments[0], arguments.data());
-        std::perror(arguments[0]);
-        _exit(127);
+    const auto endWithParent = [](gpointer /*data*/) { prctl(PR_SET_PDEATHSIG, SIGTERM); };
+    int output = -1;
+    GError* error = nullptr;
+    if (g_spawn_async_with_pipes(
+            nullptr, arguments.data(), nullptr,
+            static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
+            endWithParent, nullptr, &pid, nullptr, &output, nullptr, &error) == FALSE) {
+        throw std::runtime_error(error->message);
     }
-    close(ends[1]);
     char byte = 0;
-    while (read(ends[0], &byte, 1) == 1 && byte != '\n') line += byte;
-    close(ends[0]);
+    while (read(output, &byte, 1) == 1 && byte != '\n') line += byte;
+    close(output);
     if (byte != '\n') {
         stop();
         throw std::runtime_error(command.front() + " ended before it was ready");
@@ -156,14 +140,14 @@ void FakeBluez::setDevices(const std::vector<Device>& devices, unsigned times, M
 std::vector<std::pair<std::int64_t, std::string>> FakeBluez::calls() {
     GVariant* reply = call("Calls", nullptr);
     std::vector<std::pair<std::int64_t, std::string>> result;
-    GVariantIter* iterator = nullptr;
-    g_variant_get(reply, "(a(xs))", &iterator);
-    gint64 time = 0;
-    const char* text = nullptr;
-    while (g_variant_iter_next(iterator, "(x&s)", &time, &text) != FALSE) {
+    GVariant* list = g_variant_get_child_value(reply, 0);
+    for (gsize i = 0; i < g_variant_n_children(list); ++i) {
+        gint64 time = 0;
+        const char* text = nullptr;
+        g_variant_get_child(list, i, "(x&s)", &time, &text);
         result.emplace_back(time, text);
     }
-    g_variant_iter_free(iterator);
+    g_variant_unref(list);
     g_variant_unref(reply);
     return result;
 }
