@@ -111,8 +111,8 @@ int hciIoctl(int descriptor, unsigned long request, void* argument) {
     }
     noteIfInterruptible("ioctl");
     if (request == HCIDEVUP) {
-        machine.note(Kind::HCI,
-                     "HCIDEVUP " + std::to_string(reinterpret_cast<std::intptr_t>(argument)));
+        const auto device = static_cast<int>(reinterpret_cast<std::intptr_t>(argument));
+        machine.note(Kind::HCI, "HCIDEVUP " + std::to_string(device));
         return 0;
     }
     const auto* option = static_cast<const hci_dev_req*>(argument);
