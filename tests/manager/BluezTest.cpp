@@ -107,6 +107,7 @@ TEST_F(BluezCalls, FailAtTheBusTimeoutWithoutAReply) {
     auto identity = std::async(
         std::launch::async, [] { return hwcommon::DBusHardwareProxy(nullptr).getHardwareInfo(); });
     std::vector<std::pair<std::string, std::future<bool>>> outcomes;
+    outcomes.reserve(operations.size());
     for (const Operation& operation : operations) {
         outcomes.emplace_back(operation.name,
                               std::async(std::launch::async, operation.run, std::ref(manager())));
