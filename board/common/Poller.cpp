@@ -12,10 +12,6 @@ namespace board {
 
 void Poller::add(int fd, OnData onData, OnClose onClose) {
     setNonBlocking(fd);
-    addInput(fd, std::move(onData), std::move(onClose));
-}
-
-void Poller::addInput(int fd, OnData onData, OnClose onClose) {
     channels_[fd] = {std::move(onData), std::move(onClose), {}};
 }
 

@@ -19,10 +19,6 @@ public:
     /// Watches a descriptor and makes it non-blocking. The caller keeps it open until remove().
     /// @param onClose  called once at the end of the stream or on a fault, after the removal
     void add(int fd, OnData onData, OnClose onClose);
-
-    /// Watches a descriptor for reading only, without making it non-blocking: the caller's shell
-    /// shares the standard input and does not expect that.
-    void addInput(int fd, OnData onData, OnClose onClose);
     void remove(int fd);
 
     /// Queues bytes, and keeps what the other side does not take yet. Reading continues meanwhile,

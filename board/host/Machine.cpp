@@ -1,20 +1,16 @@
 #include "Machine.h"
 
 #include <csignal>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
 
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 namespace board {
 namespace {
-
-constexpr const char* emulator = "qemu-system-arm";
 
 struct Link {
     UniqueFd ours, theirs;
@@ -36,9 +32,9 @@ std::string readFile(const std::string& path) {
 }  // namespace
 
 Machine::Machine(std::string name, const Files& files, const std::string& folder,
-                 const std::string& commandLine)
+                 const std::string& commandLine, const std::string& card)
     : name_(std::move(name)), folder_(folder) {
-    Link radioLink, commandLink, agentLink, monitorLink;
+    Link radioLink, commandLink, monitorLink;
     const auto socket = [](const char* id, const Link& link) {
         return std::string("socket,id=") + id + ",fd=" + std::to_string(link.theirs.get());
     };
@@ -46,7 +42,7 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
     // Its timeouts, such as 2 s for a controller's answer, hold on a busy build machine too.
     const char* const clock = "shift=4,sleep=on";
     const std::vector<std::string> arguments{
-        emulator,
+        "qemu-system-arm",
         "-machine",
         "sabrelite",
         "-smp",
@@ -60,7 +56,7 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
         "-display",
         "none",
         "-nic",
-        "none",
+        card,
         "-kernel",
         files.kernel,
         "-dtb",
@@ -82,72 +78,37 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
         "-serial",
         "chardev:commands",
         "-chardev",
-        socket("agent", agentLink),
-        "-serial",
-        "chardev:agent",
-        "-chardev",
         socket("monitor", monitorLink),
         "-mon",
         "chardev=monitor,mode=control"};
 
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 1);
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    const std::string log = emulatorLog();
-    const pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ < 0) throwErrno("fork");
-    if (pid_ == 0) {
-        // The emulator must end with this process, however it ends.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) _exit(1);
+    emulator_.emplace(arguments, SIGKILL, [&] {
         setpgid(0, 0);
         // Each machine waits for the other, so on a busy build machine the emulators get priority,
         // where that is permitted.
         setpriority(PRIO_PROCESS, 0, -10);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        for (const Link* link : {&radioLink, &commandLink, &agentLink, &monitorLink}) {
+        for (const Link* link : {&radioLink, &commandLink, &monitorLink}) {
             fcntl(link->theirs.get(), F_SETFD, 0);
         }
-        const int null = ::open("/dev/null", O_RDONLY);
-        dup2(null, STDIN_FILENO);
-        const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, STDOUT_FILENO);
-        dup2(out, STDERR_FILENO);
-        execvp(argv[0], argv.data());
-        const std::string message =
-            std::string(emulator) + ": " + std::strerror(errno) +
-            (errno == ENOENT ? "; install it: apt-get install qemu-system-arm\n" : "\n");
-        if (::write(STDERR_FILENO, message.data(), message.size()) < 0) _exit(126);
-        _exit(127);
-    }
+        dup2(::open("/dev/null", O_RDONLY), STDIN_FILENO);
+        dup2(::open(emulatorLog().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
+        dup2(STDOUT_FILENO, STDERR_FILENO);
+    });
     radio = std::move(radioLink.ours);
     commands = std::move(commandLink.ours);
-    agent = std::move(agentLink.ours);
     monitor = std::move(monitorLink.ours);
 }
 
-Machine::~Machine() {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-}
-
-void Machine::check() const {
-    if (pid_ > 0) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) pid_ = -1;
-    }
+void Machine::check() {
     const bool panicked = readFile(consoleLog()).find("Kernel panic") != std::string::npos;
-    if (pid_ > 0 && !panicked) return;
+    if (!emulator_->status() && !panicked) return;
     throw std::runtime_error("the emulated machine \"" + name_ + "\" " +
                              (panicked ? "panicked" : "has ended") + "; its console said:\n" +
                              lastWords());
+}
+
+bool Machine::isUp() const {
+    return readFile(consoleLog()).find("init: the " + name_ + " is up") != std::string::npos;
 }
 
 std::string Machine::lastWords() const {

@@ -1,11 +1,10 @@
 #pragma once
 
+#include "Child.h"
 #include "UniqueFd.h"
 
+#include <optional>
 #include <string>
-#include <vector>
-
-#include <sys/types.h>
 
 namespace board {
 
@@ -20,19 +19,19 @@ public:
     /// @param name        for messages and file names
     /// @param folder      receives NAME-console.log and NAME-emulator.log
     /// @param commandLine the kernel's
+    /// @param card        the emulator's -nic argument
     Machine(std::string name, const Files& files, const std::string& folder,
-            const std::string& commandLine);
-    ~Machine();
-    Machine(const Machine&) = delete;
-    Machine& operator=(const Machine&) = delete;
+            const std::string& commandLine, const std::string& card);
 
     UniqueFd radio;     ///< UART1: the Bluetooth controller's line
     UniqueFd commands;  ///< UART3: between the board and the machine with the remote devices
-    UniqueFd agent;     ///< UART4: the agent's
     UniqueFd monitor;   ///< QMP
 
     /// Throws std::runtime_error if the emulator has ended or its kernel has panicked.
-    void check() const;
+    void check();
+
+    /// Whether the machine has come up.
+    bool isUp() const;
 
     /// Returns the end of the console log and the emulator's messages.
     std::string lastWords() const;
@@ -45,7 +44,7 @@ private:
 
     std::string name_;
     std::string folder_;
-    mutable pid_t pid_ = -1;
+    std::optional<Child> emulator_;
 };
 
 }  // namespace board

@@ -1,10 +1,10 @@
 // Boots the virtual board and the machine with the remote devices, connects their serial lines,
 // runs one command on the board and stops both machines.
 
-#include "AgentClient.h"
 #include "Machine.h"
 #include "Poller.h"
 #include "RadioRelay.h"
+#include "SecureShell.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,18 +12,15 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
-#include <fstream>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
-#include <termios.h>
 
 namespace {
 
@@ -35,7 +32,7 @@ constexpr int boardFailed = 125;
 constexpr int timedOut = 124;
 
 struct Options {
-    std::string kernel, boardTree, remoteTree, initramfs, folder;
+    std::string kernel, boardTree, remoteTree, initramfs, key, folder;
     int wiring = 1;
     bool terminal = false;
     bool quiet = false;
@@ -44,53 +41,19 @@ struct Options {
     std::vector<std::string> command;
 };
 
-/// Puts the caller's terminal into raw mode while it exists.
-class RawTerminal {
-public:
-    RawTerminal() {
-        if (tcgetattr(STDIN_FILENO, &saved_) != 0) {
-            throw std::runtime_error("a shell on the board needs a terminal");
-        }
-        termios raw = saved_;
-        cfmakeraw(&raw);
-        tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-    }
-    ~RawTerminal() { tcsetattr(STDIN_FILENO, TCSANOW, &saved_); }
-    RawTerminal(const RawTerminal&) = delete;
-    RawTerminal& operator=(const RawTerminal&) = delete;
-
-private:
-    termios saved_{};
-};
-
-void writeAll(int fd, const std::string& bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t written = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (written < 0 && errno == EAGAIN) {
-            pollfd entry{fd, POLLOUT, 0};
-            ::poll(&entry, 1, -1);
-            continue;
-        }
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return;  // the reader is gone; the command continues without it
-        done += static_cast<std::size_t>(written);
-    }
-}
-
 class Session {
 public:
     explicit Session(const Options& options)
         : options_(options),
+          ssh_(options.key, options.folder + "/ssh.log"),
           remote_("remote", {options.kernel, options.remoteTree, options.initramfs}, options.folder,
-                  "corvane.role=remote corvane.wiring=1 " + date()),
+                  "corvane.role=remote corvane.wiring=1 " + date(), "none"),
           board_(
               "board", {options.kernel, options.boardTree, options.initramfs}, options.folder,
-              "corvane.role=board corvane.wiring=" + std::to_string(options.wiring) + " " + date()),
+              "corvane.role=board corvane.wiring=" + std::to_string(options.wiring) + " " + date(),
+              ssh_.card()),
           relay_(poller_, board_.radio.get(), remote_.radio.get(), board_.monitor.get(),
-                 options.wiring),
-          boardAgent_(poller_, board_.agent.get()),
-          remoteAgent_(poller_, remote_.agent.get()) {
+                 options.wiring) {
         poller_.add(board_.commands.get(),
                     [this](const std::uint8_t* data, std::size_t size) {
                         commandText_.append(reinterpret_cast<const char*>(data), size);
@@ -113,8 +76,7 @@ public:
         started_ = Clock::now();
         poller_.setTick(20ms, [this] { tick(); });
         poller_.run();
-        terminal_.reset();
-        return status_;
+        return *outcome_;
     }
 
 private:
@@ -139,7 +101,7 @@ private:
     void watchSignals() {
         sigset_t set;
         sigemptyset(&set);
-        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGWINCH}) sigaddset(&set, number);
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&set, number);
         sigprocmask(SIG_BLOCK, &set, nullptr);
         signals_ = board::UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
         poller_.add(signals_.get(),
@@ -154,25 +116,14 @@ private:
     }
 
     void onSignal(int number) {
-        if (number == SIGWINCH) {
-            if (!options_.terminal || !commandRuns_) return;
-            const winsize size = terminalSize();
-            boardAgent_.resize(size.ws_row, size.ws_col);
-        } else if (number == SIGINT && commandRuns_ && !interrupted_) {
-            interrupted_ = true;  // the first one is the command's; a second one stops the board
-            boardAgent_.signal(number);
+        if (number == SIGCHLD) {
+            const std::optional<int> status = ssh_.status();
+            if (status) onSshEnded(*status);
+        } else if (number == SIGINT && began_ && !outcome_) {
+            endCommand(128 + number);  // a second one stops the board
         } else {
             end(128 + number);
         }
-    }
-
-    static winsize terminalSize() {
-        winsize size{};
-        if (ioctl(STDIN_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0) {
-            size.ws_row = 24;
-            size.ws_col = 80;
-        }
-        return size;
     }
 
     void tick() {
@@ -181,112 +132,70 @@ private:
             remote_.check();
         }
         relay_.poll();
-        if (remoteAgent_.ready() && !remoteWasReady_) {
-            remoteWasReady_ = true;
+        if (!remoteWasUp_ && remote_.isUp()) {
+            remoteWasUp_ = true;
             relay_.remoteIsReady();
         }
         const auto waited = Clock::now() - started_;
-        if (!begun_ && boardAgent_.ready() && remoteAgent_.ready()) {
-            begun_ = true;
+        if (!began_ && remoteWasUp_ && board_.isUp()) {
             const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(waited).count();
             if (!options_.quiet) {
                 std::fprintf(stderr, "board: up after %.1f s, wiring %d\r\n",
                              static_cast<double>(ms) / 1000.0, options_.wiring);
             }
-            begin();
+            began_ = Clock::now();
+            ssh_.start(options_.command, options_.terminal);
         }
-        if (!begun_ && waited > 30min) {
+        if (!began_ && waited > 30min) {
             throw std::runtime_error("the remote devices' console said:\n" + remote_.lastWords() +
                                      "the board's console said:\n" + board_.lastWords() +
                                      "the board did not come up within 30 minutes");
         }
-        if (commandRuns_ && options_.timeoutSeconds != 0 &&
-            Clock::now() - began_ > std::chrono::seconds(options_.timeoutSeconds)) {
+        if (began_ && !outcome_ && options_.timeoutSeconds != 0 &&
+            Clock::now() - *began_ > std::chrono::seconds(options_.timeoutSeconds)) {
             std::fprintf(stderr, "board: the command ran longer than %u s and was ended\r\n",
                          options_.timeoutSeconds);
-            commandRuns_ = false;
-            boardAgent_.signal(SIGKILL);
-            collectFiles(timedOut);
+            endCommand(timedOut);
         }
     }
 
-    void begin() {
-        began_ = Clock::now();
-        board::RunRequest request;
-        request.terminal = options_.terminal;
-        request.arguments = options_.command;
-        if (options_.terminal) {
-            const winsize size = terminalSize();
-            request.rows = size.ws_row;
-            request.columns = size.ws_col;
-            terminal_.emplace();
-        }
-        commandRuns_ = true;
-        boardAgent_.run(
-            request,
-            [](board::FrameType stream, const std::string& bytes) {
-                writeAll(stream == board::FrameType::Output ? STDOUT_FILENO : STDERR_FILENO, bytes);
-            },
-            [this](int status) {
-                const bool inTime = commandRuns_;
-                commandRuns_ = false;
-                terminal_.reset();
-                if (inTime) collectFiles(status);
-            });
-        poller_.addInput(
-            STDIN_FILENO,
-            [this](const std::uint8_t* data, std::size_t size) {
-                if (commandRuns_) {
-                    boardAgent_.input(std::string(reinterpret_cast<const char*>(data), size));
-                }
-            },
-            [this] {
-                if (commandRuns_) boardAgent_.endInput();
-            });
+    void endCommand(int outcome) {
+        outcome_ = outcome;
+        ssh_.end();
     }
 
-    /// Copies the requested files from the board into the folder, then ends with the status.
-    void collectFiles(int status) {
+    /// Copies the requested files from the board into the folder, one after the other, then ends
+    /// with the status of the command.
+    void onSshEnded(int status) {
+        board_.check();
+        if (!outcome_) outcome_ = status;
         if (fetched_ == options_.fetch.size()) {
-            end(status);
+            end(*outcome_);
             return;
         }
         const std::string path = options_.fetch[fetched_++];
-        const std::string name = options_.folder + "/" + path.substr(path.rfind('/') + 1);
-        auto file = std::make_shared<std::ofstream>(name, std::ios::binary);
-        board::RunRequest request;
-        request.arguments = {"cat", path};
-        boardAgent_.run(
-            request,
-            [file](board::FrameType stream, const std::string& bytes) {
-                if (stream == board::FrameType::Output) *file << bytes;
-            },
-            [this, status](int) { collectFiles(status); });
+        ssh_.start({"cat", path}, false, options_.folder + "/" + path.substr(path.rfind('/') + 1));
     }
 
     void end(int status) {
-        status_ = status;
+        outcome_ = status;
         poller_.stop();
     }
 
     const Options& options_;
+    board::SecureShell ssh_;
     board::Machine remote_;
     board::Machine board_;
     board::Poller poller_;
     board::RadioRelay relay_;
-    board::AgentClient boardAgent_;
-    board::AgentClient remoteAgent_;
     board::UniqueFd signals_;
     std::string commandText_;  ///< of a line that is not complete yet
-    std::optional<RawTerminal> terminal_;
-    Clock::time_point started_, began_;
+    Clock::time_point started_;
+    std::optional<Clock::time_point> began_;  ///< the command
     unsigned ticks_ = 0;
-    bool remoteWasReady_ = false;
-    bool begun_ = false;
-    bool commandRuns_ = false;
-    bool interrupted_ = false;
+    bool remoteWasUp_ = false;
+    std::optional<int> outcome_;  ///< of the command
     std::size_t fetched_ = 0;
-    int status_ = boardFailed;
 };
 
 /// @return the exit status
@@ -301,6 +210,9 @@ int bootAndRun(int argc, char** argv) {
         ->required()
         ->check(CLI::ExistingFile);
     app.add_option("--initramfs", options.initramfs)->required()->check(CLI::ExistingFile);
+    app.add_option("--key", options.key, "private key that the board accepts")
+        ->required()
+        ->check(CLI::ExistingFile);
     app.add_option("--folder", options.folder, "for logs and fetched files")
         ->required()
         ->check(CLI::ExistingDirectory);

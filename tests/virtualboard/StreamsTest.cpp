@@ -1,19 +1,14 @@
-#include "Frames.h"
 #include "H4Stream.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <string>
-#include <utility>
 #include <vector>
 
 namespace {
 
 using board::Bytes;
-using board::Frame;
-using board::FrameType;
 using testing::ElementsAre;
 
 std::vector<Bytes> cut(board::H4Stream& stream, const Bytes& bytes) {
@@ -49,22 +44,6 @@ TEST(H4Stream, SkipsNoiseAndResetsOnRequest) {
     EXPECT_TRUE(cut(stream, {2, 42, 0, 0xFF}).empty());
     stream.clear();
     EXPECT_THAT(cut(stream, event), ElementsAre(event));
-}
-
-TEST(Frames, SurviveAnySplitAndNoiseBetweenThem) {
-    const std::string line = "noise" + encodeFrame(FrameType::Output, std::string("a\xC5\0b", 4)) +
-                             "\n" + encodeFrame(FrameType::Exit, std::string(1, '\x07')) +
-                             encodeFrame(FrameType::Input, "");
-    board::FrameStream stream;
-    std::vector<std::pair<FrameType, std::string>> got;
-    Frame frame{};
-    for (const char byte : line) {
-        stream.feed(&byte, 1);
-        while (stream.next(frame)) got.emplace_back(frame.type, frame.payload);
-    }
-    EXPECT_THAT(got, ElementsAre(std::pair(FrameType::Output, std::string("a\xC5\0b", 4)),
-                                 std::pair(FrameType::Exit, std::string("\x07")),
-                                 std::pair(FrameType::Input, std::string())));
 }
 
 }  // namespace
