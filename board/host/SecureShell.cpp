@@ -25,8 +25,8 @@ SecureShell::SecureShell(std::string key, std::string log)
     : reserved_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
       key_(std::move(key)),
       log_(std::move(log)) {
-    // While this socket is bound, the kernel gives its port to nobody who wants any free one, such
-    // as another board. SO_REUSEADDR lets the emulator bind it all the same, and listen.
+    // While this socket holds the port, the kernel does not hand it out as a free one, for instance
+    // to another board. With SO_REUSEADDR the emulator can still listen on it.
     const int on = 1;
     sockaddr_in address{};
     address.sin_family = AF_INET;
