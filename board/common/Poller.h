@@ -18,7 +18,7 @@ public:
 
     /// Watches a descriptor and makes it non-blocking. The caller keeps it open until remove().
     /// @param onClose  called once at the end of the stream or on a fault, after the removal
-    void add(int fd, OnData onData, OnClose onClose);
+    void add(int fd, OnData onData, OnClose onClose = {});
     void remove(int fd);
 
     /// Queues bytes, and keeps what the other side does not take yet. Reading continues meanwhile,

@@ -92,16 +92,14 @@ RadioBridge::RadioBridge(std::string emulator, const std::string& radioLine)
     if (pipe2(ends, O_CLOEXEC) != 0) throwErrno("pipe");
     wakeRead_ = UniqueFd(ends[0]);
     wakeWrite_ = UniqueFd(ends[1]);
-    poller_.add(wakeRead_.get(),
-                [this](const std::uint8_t*, std::size_t) {
-                    std::vector<std::function<void()>> work;
-                    {
-                        const std::lock_guard lock(mutex_);
-                        work.swap(work_);
-                    }
-                    for (const auto& each : work) each();
-                },
-                {});
+    poller_.add(wakeRead_.get(), [this](const std::uint8_t*, std::size_t) {
+        std::vector<std::function<void()>> work;
+        {
+            const std::lock_guard lock(mutex_);
+            work.swap(work_);
+        }
+        for (const auto& each : work) each();
+    });
     radio_.line = openRaw(radioLine.c_str());
     serve(radio_);
     thread_ = std::thread([this] {
@@ -157,10 +155,9 @@ int RadioBridge::addDevice(const std::string& name) {
 }
 
 void RadioBridge::serve(Port& port) {
-    poller_.add(
-        port.line.get(),
-        [this, &port](const std::uint8_t* data, std::size_t size) { fromLine(port, data, size); },
-        {});
+    poller_.add(port.line.get(), [this, &port](const std::uint8_t* data, std::size_t size) {
+        fromLine(port, data, size);
+    });
 }
 
 void RadioBridge::plug(Port& port) {

@@ -282,9 +282,9 @@ std::string RemoteDevice::capture() {
     tone_ = std::make_unique<Tone>(channels, rate);
     sound_ = UniqueFd(sound.release());
     soundControl_ = UniqueFd(control.release());
-    machine_.poller.add(
-        sound_.get(),
-        [this](const std::uint8_t* data, std::size_t size) { tone_->feed(data, size); }, {});
+    machine_.poller.add(sound_.get(), [this](const std::uint8_t* data, std::size_t size) {
+        tone_->feed(data, size);
+    });
     return {};
 }
 

@@ -59,17 +59,15 @@ public:
         for (auto& [key, device] : devices_) device->finishSetUp();
         registerAgent();
         for (auto& [key, device] : devices_) device->setPairable();
-        poller_.add(commands_.get(),
-                    [this](const std::uint8_t* data, std::size_t size) {
-                        text_.append(reinterpret_cast<const char*>(data), size);
-                        std::size_t end = 0;
-                        while ((end = text_.find('\n')) != std::string::npos) {
-                            const std::string line = text_.substr(0, end);
-                            text_.erase(0, end + 1);
-                            obey(line);
-                        }
-                    },
-                    {});
+        poller_.add(commands_.get(), [this](const std::uint8_t* data, std::size_t size) {
+            text_.append(reinterpret_cast<const char*>(data), size);
+            std::size_t end = 0;
+            while ((end = text_.find('\n')) != std::string::npos) {
+                const std::string line = text_.substr(0, end);
+                text_.erase(0, end + 1);
+                obey(line);
+            }
+        });
     }
 
     void run() {

@@ -36,7 +36,6 @@ public:
     /// Returns the end of the console log and the emulator's messages.
     std::string lastWords() const;
 
-    const std::string& name() const { return name_; }
     std::string consoleLog() const { return folder_ + "/" + name_ + "-console.log"; }
 
 private:

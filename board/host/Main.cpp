@@ -54,21 +54,17 @@ public:
               ssh_.card()),
           relay_(poller_, board_.radio.get(), remote_.radio.get(), board_.monitor.get(),
                  options.wiring) {
-        poller_.add(board_.commands.get(),
-                    [this](const std::uint8_t* data, std::size_t size) {
-                        commandText_.append(reinterpret_cast<const char*>(data), size);
-                        std::size_t end = 0;
-                        while ((end = commandText_.find('\n')) != std::string::npos) {
-                            obey(commandText_.substr(0, end + 1));
-                            commandText_.erase(0, end + 1);
-                        }
-                    },
-                    {});
-        poller_.add(remote_.commands.get(),
-                    [this](const std::uint8_t* data, std::size_t size) {
-                        poller_.send(board_.commands.get(), data, size);
-                    },
-                    {});
+        poller_.add(board_.commands.get(), [this](const std::uint8_t* data, std::size_t size) {
+            commandText_.append(reinterpret_cast<const char*>(data), size);
+            std::size_t end = 0;
+            while ((end = commandText_.find('\n')) != std::string::npos) {
+                obey(commandText_.substr(0, end + 1));
+                commandText_.erase(0, end + 1);
+            }
+        });
+        poller_.add(remote_.commands.get(), [this](const std::uint8_t* data, std::size_t size) {
+            poller_.send(board_.commands.get(), data, size);
+        });
         watchSignals();
     }
 
@@ -104,15 +100,13 @@ private:
         for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&set, number);
         sigprocmask(SIG_BLOCK, &set, nullptr);
         signals_ = board::UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-        poller_.add(signals_.get(),
-                    [this](const std::uint8_t* data, std::size_t size) {
-                        for (; size >= sizeof(signalfd_siginfo); size -= sizeof(signalfd_siginfo)) {
-                            onSignal(static_cast<int>(
-                                reinterpret_cast<const signalfd_siginfo*>(data)->ssi_signo));
-                            data += sizeof(signalfd_siginfo);
-                        }
-                    },
-                    {});
+        poller_.add(signals_.get(), [this](const std::uint8_t* data, std::size_t size) {
+            for (; size >= sizeof(signalfd_siginfo); size -= sizeof(signalfd_siginfo)) {
+                onSignal(
+                    static_cast<int>(reinterpret_cast<const signalfd_siginfo*>(data)->ssi_signo));
+                data += sizeof(signalfd_siginfo);
+            }
+        });
     }
 
     void onSignal(int number) {

@@ -36,9 +36,9 @@ RadioRelay::RadioRelay(Poller& poller, int board, int remote, int monitor, int w
     for (const unsigned number : enableLines(wiring)) {
         lines_.push_back({number, gpioBase[number / 32], number % 32});
     }
-    poller_.add(board_, [this](const std::uint8_t* d, std::size_t n) { fromBoard(d, n); }, {});
-    poller_.add(remote_, [this](const std::uint8_t* d, std::size_t n) { fromRemote(d, n); }, {});
-    poller_.add(monitor_, [this](const std::uint8_t* d, std::size_t n) { fromMonitor(d, n); }, {});
+    poller_.add(board_, [this](const std::uint8_t* d, std::size_t n) { fromBoard(d, n); });
+    poller_.add(remote_, [this](const std::uint8_t* d, std::size_t n) { fromRemote(d, n); });
+    poller_.add(monitor_, [this](const std::uint8_t* d, std::size_t n) { fromMonitor(d, n); });
     poller_.send(monitor_, std::string("{\"execute\":\"qmp_capabilities\"}\n"));
 }
 

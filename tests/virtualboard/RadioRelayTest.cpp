@@ -37,21 +37,17 @@ protected:
         relay = std::make_unique<board::RadioRelay>(poller, uart.relay.get(), remote.relay.get(),
                                                     monitor.relay.get(), wiring);
         relay->remoteIsReady();
-        poller.add(uart.ours.get(), [](const std::uint8_t*, std::size_t) {}, {});
-        poller.add(remote.ours.get(),
-                   [this](const std::uint8_t* data, std::size_t size) {
-                       toRemote.append(reinterpret_cast<const char*>(data), size);
-                       // The other machine echoes each power packet once it has obeyed it.
-                       if (data[0] == board::H4_RADIO_POWER) {
-                           poller.send(remote.ours.get(), data, size & ~std::size_t{1});
-                       }
-                   },
-                   {});
-        poller.add(monitor.ours.get(),
-                   [this](const std::uint8_t* data, std::size_t size) {
-                       answerMonitor(std::string(reinterpret_cast<const char*>(data), size));
-                   },
-                   {});
+        poller.add(uart.ours.get(), [](const std::uint8_t*, std::size_t) {});
+        poller.add(remote.ours.get(), [this](const std::uint8_t* data, std::size_t size) {
+            toRemote.append(reinterpret_cast<const char*>(data), size);
+            // The other machine echoes each power packet once it has obeyed it.
+            if (data[0] == board::H4_RADIO_POWER) {
+                poller.send(remote.ours.get(), data, size & ~std::size_t{1});
+            }
+        });
+        poller.add(monitor.ours.get(), [this](const std::uint8_t* data, std::size_t size) {
+            answerMonitor(std::string(reinterpret_cast<const char*>(data), size));
+        });
         poller.send(monitor.ours.get(), std::string("{\"QMP\": {}}\n"));
     }
 
