@@ -2,8 +2,10 @@
 
 #include <csignal>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include <sys/resource.h>
@@ -11,6 +13,15 @@
 
 namespace board {
 namespace {
+
+// The clock counts 16 ns per instruction and follows real time only while the machine is idle. Its
+// timeouts, such as 2 s for a controller's answer, hold on a busy build machine too.
+constexpr char emulator[] =
+    "qemu-system-arm -machine sabrelite -smp 1 -m 1024 -icount shift=4,sleep=on -nodefaults "
+    "-no-reboot -display none";
+const std::string kernelOptions =
+    "console=ttymxc1,115200 quiet panic=-1 random.trust_bootloader=on cryptomgr.notests=1 "
+    "init_on_alloc=0 ";
 
 struct Link {
     UniqueFd ours, theirs;
@@ -38,49 +49,25 @@ Machine::Machine(std::string name, const Files& files, const std::string& folder
     const auto socket = [](const char* id, const Link& link) {
         return std::string("socket,id=") + id + ",fd=" + std::to_string(link.theirs.get());
     };
-    // The clock counts 16 ns per instruction and follows real time only while the machine is idle.
-    // Its timeouts, such as 2 s for a controller's answer, hold on a busy build machine too.
-    const char* const clock = "shift=4,sleep=on";
-    const std::vector<std::string> arguments{
-        "qemu-system-arm",
-        "-machine",
-        "sabrelite",
-        "-smp",
-        "1",
-        "-m",
-        "1024",
-        "-icount",
-        clock,
-        "-nodefaults",
-        "-no-reboot",
-        "-display",
-        "none",
-        "-nic",
-        card,
-        "-kernel",
-        files.kernel,
-        "-dtb",
-        files.deviceTree,
-        "-initrd",
-        files.initramfs,
-        "-append",
-        "console=ttymxc1,115200 quiet panic=-1 random.trust_bootloader=on "
-        "cryptomgr.notests=1 init_on_alloc=0 " +
-            commandLine,
-        "-chardev",
-        socket("radio", radioLink),
-        "-serial",
-        "chardev:radio",
-        "-serial",
-        "file:" + consoleLog(),
-        "-chardev",
-        socket("commands", commandLink),
-        "-serial",
-        "chardev:commands",
-        "-chardev",
-        socket("monitor", monitorLink),
-        "-mon",
-        "chardev=monitor,mode=control"};
+    std::istringstream fixed(emulator);
+    std::vector<std::string> arguments{std::istream_iterator<std::string>(fixed), {}};
+    const std::vector<std::pair<const char*, std::string>> options{
+        {"-nic", card},
+        {"-kernel", files.kernel},
+        {"-dtb", files.deviceTree},
+        {"-initrd", files.initramfs},
+        {"-append", kernelOptions + commandLine},
+        {"-chardev", socket("radio", radioLink)},
+        {"-serial", "chardev:radio"},
+        {"-serial", "file:" + consoleLog()},
+        {"-chardev", socket("commands", commandLink)},
+        {"-serial", "chardev:commands"},
+        {"-chardev", socket("monitor", monitorLink)},
+        {"-mon", "chardev=monitor,mode=control"}};
+    for (const auto& [option, value] : options) {
+        arguments.emplace_back(option);
+        arguments.push_back(value);
+    }
 
     emulator_.emplace(arguments, SIGKILL, [&] {
         setpgid(0, 0);
