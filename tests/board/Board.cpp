@@ -5,16 +5,12 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <utility>
-
-namespace fs = std::filesystem;
 
 namespace board {
 
@@ -88,13 +84,6 @@ std::string adapterFaults() {
     return faults;
 }
 
-std::string controllerClass() {
-    static const std::regex value(R"(Class: (0x[0-9a-f]{6}))");
-    const std::string output = run("hciconfig hci0 class");
-    std::smatch match;
-    return std::regex_search(output, match, value) ? match[1].str() : output;
-}
-
 bool busNameOwned(const std::string& name) {
     return run("dbus-send --system --print-reply=literal --reply-timeout=300000 "
                "--dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner string:" +
@@ -109,19 +98,6 @@ unsigned countLines(const std::string& commandLine) {
     return static_cast<unsigned>(std::stoul(run(commandLine + " 2> /dev/null | wc -l")));
 }
 
-std::multiset<std::string> openNow() {
-    std::multiset<std::string> descriptors;
-    std::error_code error;
-    for (fs::directory_iterator entry("/proc/self/fd", error), end; !error && entry != end;
-         entry.increment(error)) {
-        std::error_code gone;
-        const std::string target = fs::read_symlink(entry->path(), gone);
-        if (gone || target.rfind("/proc/", 0) == 0) continue;  // the iteration's own, for instance
-        descriptors.insert(target.substr(0, target.find('[')));
-    }
-    return descriptors;
-}
-
 }  // namespace
 
 unsigned processes(const std::string& path) {
@@ -129,21 +105,6 @@ unsigned processes(const std::string& path) {
 }
 
 unsigned zombies() { return countLines("grep -s '^State:.*Z' /proc/[0-9]*/status"); }
-
-std::multiset<std::string> openDescriptors() {
-    std::multiset<std::string> last = openNow();
-    waitFor([&last] {
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        const std::multiset<std::string> before = std::exchange(last, openNow());
-        return before == last;
-    });
-    return last;
-}
-
-bool fileExists(const std::string& path) {
-    std::error_code error;
-    return fs::exists(path, error);
-}
 
 std::string fileContent(const std::string& path) {
     // Reading fails for a process that ends meanwhile. This operator treats that as the end of the

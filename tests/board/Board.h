@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <map>
-#include <set>
 #include <string>
 
 /// The board's state, read with the board's own tools and never through the library.
@@ -25,9 +24,6 @@ std::string adapterProperty(const std::string& name);
 /// may make it pairable a moment later.
 std::string adapterFaults();
 
-/// Returns the controller's Class of Device as hciconfig prints it: "0x002100".
-std::string controllerClass();
-
 bool busNameOwned(const std::string& name);
 
 /// Counts the processes that run this executable.
@@ -35,13 +31,6 @@ unsigned processes(const std::string& path);
 
 /// Counts the zombie processes.
 unsigned zombies();
-
-/// Lists this process's open descriptors, one line each, without what differs between sockets.
-/// Waits until two looks a second apart agree, because GDBus's thread closes unused connections
-/// with a delay.
-std::multiset<std::string> openDescriptors();
-
-bool fileExists(const std::string& path);
 
 /// Returns a file's content; nothing if there is no such file.
 std::string fileContent(const std::string& path);

@@ -1,4 +1,4 @@
-// The radio as the board shows it, from the first command after boot to repeated off and on. The
+// The radio as the board shows it, from the first command after boot to off. The
 // tests are steps of one session and run in this order.
 
 #include "BoardTest.h"
@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -62,7 +61,7 @@ TEST_F(Radio, AirplaneModeUnloadsTheModulesAndLowersEveryLine) {
 
 TEST_F(Radio, OnConfiguresTheAdapterAndTheController) {
     const std::string trace = traced([] { manager().setEnabled(true, false); });
-    const std::string classNow = board::controllerClass();
+    const std::string classNow = board::run("hciconfig hci0 class");
 
     expectSwitchedOn();
     const std::string linkMode = board::run("hciconfig hci0 lm");
@@ -83,7 +82,7 @@ TEST_F(Radio, OnConfiguresTheAdapterAndTheController) {
     EXPECT_NE(deviceClass, std::string::npos) << trace;
     // BlueZ writes its own class when the audio bridge registers its profiles, which takes time.
     if (!runsAudioBridge()) {
-        EXPECT_EQ(classNow, "0x002100");
+        EXPECT_NE(classNow.find("Class: 0x002100"), std::string::npos) << classNow;
     }
 
     for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 1) << line;
@@ -166,28 +165,6 @@ TEST_F(Radio, OffLowersTheLinesOfItsWiringAndEndsTheDaemons) {
     }
     EXPECT_TRUE(board::waitFor([] { return board::processes("/usr/bin/bluealsa") == 0; }));
     EXPECT_TRUE(board::waitFor([] { return !board::busNameOwned("org.bluez"); }));
-    EXPECT_TRUE(board::waitFor([] { return board::zombies() == 0; })) << board::zombies();
-}
-
-TEST_F(Radio, ForcedOffLowersTheLineThatWifiShares) {
-    manager().setEnabled(true, false);
-    manager().setEnabled(false, true);
-    for (const unsigned line : enableLines()) EXPECT_EQ(board::lineLevels()[line], 0) << line;
-}
-
-TEST_F(Radio, SwitchingLeavesOnlyTheExpectedDescriptorsOpen) {
-    // The first round opens what is opened only once (log, bus).
-    manager().setEnabled(true, false);
-    manager().setEnabled(false, false);
-    const std::multiset<std::string> before = board::openDescriptors();
-    records.clear();
-    manager().setEnabled(true, false);
-    expectSwitchedOn();
-    manager().setEnabled(false, false);
-    // Three per switch-on: for class, scan mode and link mode.
-    const std::multiset<std::string> after = board::openDescriptors();
-    EXPECT_EQ(after.size(), before.size() + 3) << "before: " << testing::PrintToString(before)
-                                               << "\nafter: " << testing::PrintToString(after);
     EXPECT_TRUE(board::waitFor([] { return board::zombies() == 0; })) << board::zombies();
 }
 
