@@ -1,5 +1,5 @@
-// The radio as the board shows it, from the first command after boot to off. The
-// tests are steps of one session and run in this order.
+// The radio as the board shows it, from the first command after boot to off. The tests are steps of
+// one session and run in this order.
 
 #include "BoardTest.h"
 #include "Requests.h"
