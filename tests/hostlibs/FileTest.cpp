@@ -109,7 +109,7 @@ TEST_F(Files, AreNeverWrittenThroughALink) {
     EXPECT_EQ(read(folder / "link"), "1");
 }
 
-// So is the log.
+// The log loses nothing either: the missing file is in it.
 TEST_F(Files, AreWholeEvenIfSignalsInterruptEachCall) {
     testing::internal::CaptureStderr();
     fault = Fault::INTERRUPTED;

@@ -1,6 +1,8 @@
 #include "Folder.h"
 #include "PrintableText.h"
+#include "UnprintableCharacters.h"
 
+#include <glib.h>
 #include <gmock/gmock.h>
 
 #include <cstdio>
@@ -78,4 +80,20 @@ TEST(PrintableText, EscapesWhatBreaksALineOrSteersATerminal) {
          "\\xC1\\x81 \\xE0\\x81\\x81 \\xED\\xA0\\x80 \\xF4\\x90\\x80\\x80 \\xFF \\xBF"},
         {std::string("a\0b", 3), "a\\x00b"}};
     for (const auto& [name, printable] : rows) EXPECT_EQ(corvane::printableText(name), printable);
+}
+
+/// The table of characters to escape, against the properties that PCRE2 knows.
+TEST(UnprintableCharacters, HaveTheUnicodePropertiesOfTheirComment) {
+    GRegex* const regex =
+        g_regex_new("^[\\p{Cc}\\p{Zl}\\p{Zp}\\p{Bidi_Control}\\p{Default_Ignorable_Code_Point}]",
+                    static_cast<GRegexCompileFlags>(0), static_cast<GRegexMatchFlags>(0), nullptr);
+    if (regex == nullptr) GTEST_SKIP() << "GLib's regular expressions lack these properties";
+    for (gunichar c = 1; c <= 0x10FFFF; ++c) {
+        char text[7] = "";
+        if (g_unichar_validate(c) == FALSE) continue;
+        text[g_unichar_to_utf8(c, text)] = '\0';
+        const gboolean has = g_regex_match(regex, text, static_cast<GRegexMatchFlags>(0), nullptr);
+        EXPECT_EQ(corvane::isUnprintable(c), has != FALSE) << std::hex << c;
+    }
+    g_regex_unref(regex);
 }
