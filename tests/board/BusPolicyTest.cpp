@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-TEST(BusPolicy, OnlyTheGroupGetsTheIdentityAndNobodyMore) {
+TEST(BusPolicy, OnlyTheGroupGetsTheIdentity) {
     constexpr char refused[] = "org.freedesktop.DBus.Error.AccessDenied";
     const std::string hardware = "corvane.Hardware /org/corvane/Hardware org.";
     for (const auto& [groups, mayCall] :
@@ -20,7 +20,7 @@ TEST(BusPolicy, OnlyTheGroupGetsTheIdentityAndNobodyMore) {
         };
         expect(mayCall ? "<serial>" : refused, hardware + "corvane.Hardware1.GetHardwareInfo");
         expect(refused, hardware + "freedesktop.DBus.Introspectable.Introspect");
-        // Nobody takes a service's place.
+        // Neither may take a service's name.
         for (const std::string name : {"Hardware", "BluetoothHid"}) {
             expect(refused,
                    "freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus.RequestName "

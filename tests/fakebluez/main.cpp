@@ -10,12 +10,14 @@
 // Steered over the bus: name org.corvane.FakeBluez, any object, interface org.corvane.FakeBluez1,
 // for instance with gdbus call.
 //   Rule(s path, s member, s body, s error, u times, u delay, b crash)
-//     Answers a call with the body, a tuple in GVariant text form, "('Connect success',)" (doubled
-//     dictionary keys are sent as they are), or with the error, whose text is the body, or with
-//     neither: never. crash: ends this process then.
-//     path and member are patterns with * and ?; the member of a property write is "Set PROPERTY".
-//     times: how many calls it serves, 0 for all. delay: milliseconds; later calls do not wait.
-//     4294967295: until LetGo.
+//     Answers the calls that match path and member, patterns with * and ?. The member of a property
+//     write is "Set PROPERTY".
+//     body: the reply, a tuple in GVariant text form such as "('Connect success',)"; doubled
+//     dictionary keys are sent as they are. With an error, body is the error's text. Without body
+//     and error, no answer comes.
+//     times: how many calls the rule serves, 0 for all.
+//     delay: milliseconds before the answer, 4294967295 for until LetGo; later calls do not wait.
+//     crash: end this process after the answer.
 //   LetGo()                        sends the answers that wait for it
 //   Own(s name), Release(s name)   a bus name comes or goes
 //   Emit(s path, s interface, s member, s body)   a signal

@@ -38,7 +38,7 @@ constexpr std::chrono::duration<unsigned, std::milli> longTime = 5min;
 /// A bus with the fake services, and the host's proxies.
 class HostBus : public testing::Test {
 protected:
-    /// Waits for a name on another thread, unless told otherwise longer than expectEnds() does.
+    /// Waits for a name on another thread, by default longer than expectEnds() waits.
     std::future<bool> wait(const char* name, unsigned milliseconds = 2 * longTime.count()) {
         auto waiting = std::async(std::launch::async,
                                   [=] { return proxy.waitUntilDBusNameExist(name, milliseconds); });
@@ -90,7 +90,7 @@ TEST_F(HostBus, TellsAnObserverOfTheHardwareService) {
     {
         const DBusHardwareProxy watching(&first);
         EXPECT_EQ(first.came.wait(longTime.count(), false), 0);
-        std::this_thread::sleep_for(100ms);  // for its thread to wait again
+        std::this_thread::sleep_for(100ms);  // its thread waits again by then
     }
     services.release("org.corvane.Hardware");
     Observer second;

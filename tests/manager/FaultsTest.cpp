@@ -95,10 +95,10 @@ TEST_F(DaemonDeath, DuringARequestGivesOneAnswerAndTheNextSwitchOnWorks) {
     using Wait = WaitBluetoothPairingRequest;
     const auto callback = answers.callback();
     const struct {
-        const char* member;  // the call that bluetoothd dies of
+        const char* member;  // bluetoothd dies when this call comes
         std::shared_ptr<BluetoothRequest> request;
         int answer;
-        bool goesOn = false;  // until BlueZ is back
+        bool goesOn = false;  // the request continues until BlueZ is back
     } rows[]{
         {"StartDiscovery", std::make_shared<Scan>(callback), REQUEST_SUCCESS},
         {"StopDiscovery", std::make_shared<Scan>(callback), REQUEST_SUCCESS},

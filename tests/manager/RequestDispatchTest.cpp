@@ -48,7 +48,7 @@ protected:
     }
 };
 
-TEST_F(MakeRequest, RefusesASecondRequestWhileTheFirstRunsAndANullRequestAlways) {
+TEST_F(MakeRequest, RefusesNullAndASecondRequestWhileTheFirstRuns) {
     EXPECT_FALSE(manager().makeRequest(nullptr));
     EXPECT_THAT(log(), ElementsAre("ERROR makeRequest : no request given"));
     manager().cancelRequest();

@@ -75,7 +75,7 @@ public:
     bool busMissing = false;  // GIO gets no connection
     bool noReplies = false;   // BlueZ's calls return neither a reply nor an error
     std::function<void(const std::string& method)> onCall;  // to BlueZ
-    GObject* standIn = nullptr;  // answers asynchronous calls for the connection, with nothing
+    GObject* standIn = nullptr;  // takes asynchronous calls in place of the connection
 
     std::vector<int>* listsUsed = nullptr;  // takes the lists that are asked for, in order
 

@@ -99,7 +99,8 @@ protected:
     /// Fills the manager's device lists as a scan would.
     void listDevices(const std::vector<Device>& devices);
 
-    /// Adds a source of the host to GLib's default main context. Returns its runs, at most 1000.
+    /// Adds a source to GLib's default main context, as a host does.
+    /// @return how often it has run, at most 1000
     static const int& addHostsSource();
 
     PrivateBus bus;
@@ -110,7 +111,7 @@ private:
     bool made = false;
 };
 
-/// With a client of the HID service.
+/// Tests of requests that need the host's client of the HID service.
 class WithHidService : public ManagerTest {
 protected:
     std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();

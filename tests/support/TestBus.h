@@ -78,7 +78,8 @@ public:
     FakeBluez(const FakeBluez&) = delete;
     FakeBluez& operator=(const FakeBluez&) = delete;
 
-    /// Rules for coming calls, see tests/fakebluez. @param times  0 for all
+    /// Makes a rule for later calls; tests/fakebluez describes rules.
+    /// @param times  how many calls it serves, 0 for all
     void reply(const std::string& path, const std::string& member, const std::string& body,
                unsigned times = 0, Milliseconds delay = Milliseconds(0)) {
         rule(path, member, body, "", times, delay);
