@@ -235,10 +235,10 @@ TEST_F(BusLoss, IsCuredAfterABringUpWithoutAConnection) {
                   "setBluetoothComponents : Not able to get connection to system bus");
     };
     manager().setEnabled(true, false);
+    const int before = sockets();
     withoutConnection();
     replaceBus();
     expectRecovery();
-    const auto before = sockets();
     for (int i = 0; i < 3; ++i) {
         withoutConnection();
         expectRecovery();
